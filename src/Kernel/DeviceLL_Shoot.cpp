@@ -59,7 +59,7 @@ ContProcStep RepeatingStep(DeviceLL* device,
 
 }  // namespace
 
-std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCompleted) {
+ContProc* DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCompleted) {
     bool direct = false;
     if (config.Has(PROP_DIRECT_TRANSFER)) {
         std::lock_guard<std::recursive_mutex> guard(propertyLock);
@@ -73,15 +73,14 @@ std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCom
     milliseconds awaitInterval = direct ? milliseconds(0) : kStepInterval;
     ContProcStep next = RepeatingStep(this, await, awaitInterval, std::move(onCompleted));
 
-    return std::make_unique<ContProc>(
+    return new ContProc(
         [this, begin, next](ContProc* self, milliseconds* delay, OrqResult* result, bool* again) {
             OrqResult status = (this->*begin)();
             if (status != ORQ_OK) {
                 *result = status;
                 return;
             }
-            // Moves 'next' out of the capture of the running function object before replacing
-            // it: the assignment destroys that object.
+            // Copied first: replacing the running function object destroys its captures.
             ContProcStep following = next;
             self->step = std::move(following);
             *delay = kStepInterval;
