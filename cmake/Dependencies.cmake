@@ -1,0 +1,46 @@
+# Third-party libraries, all from Debian's packages.
+
+# pugixml: the -dev package on Linux; for the Windows cross-build, Debian's source package
+# unpacked by .ci/fetch-pugixml-source into ORQ_PUGIXML_SOURCE_DIR.
+set(ORQ_PUGIXML_SOURCE_DIR "" CACHE PATH "Unpacked pugixml source package (cross builds)")
+if(ORQ_PUGIXML_SOURCE_DIR)
+  add_library(orq_pugixml STATIC ${ORQ_PUGIXML_SOURCE_DIR}/src/pugixml.cpp)
+  target_include_directories(orq_pugixml SYSTEM PUBLIC ${ORQ_PUGIXML_SOURCE_DIR}/src)
+  target_compile_options(orq_pugixml PRIVATE -w)
+  add_library(pugixml::pugixml ALIAS orq_pugixml)
+else()
+  find_package(pugixml REQUIRED)
+  if(NOT TARGET pugixml::pugixml AND TARGET pugixml)
+    add_library(pugixml::pugixml ALIAS pugixml)
+  endif()
+endif()
+
+# GoogleTest: the system package on Linux, built from /usr/src/googletest when cross-building.
+if(CMAKE_CROSSCOMPILING)
+  set(gtest_force_shared_crt ON CACHE BOOL "" FORCE)
+  set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+  add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+  # googletest 1.12 defines the GTest:: names itself; older trees did not.
+  foreach(lib gtest gtest_main gmock gmock_main)
+    if(NOT TARGET GTest::${lib})
+      add_library(GTest::${lib} ALIAS ${lib})
+    endif()
+    # Third-party code: our -Werror must not turn its warnings into our build failures.
+    target_compile_options(${lib} PRIVATE -w)
+  endforeach()
+else()
+  find_package(GTest REQUIRED)
+endif()
+
+if(NOT WIN32)
+  find_package(PkgConfig REQUIRED)
+  find_package(Threads REQUIRED)
+endif()
+
+# System libraries of the platform layer and the USB backend; every library target links this.
+add_library(orq_platform_libs INTERFACE)
+if(WIN32)
+  target_link_libraries(orq_platform_libs INTERFACE setupapi winusb ole32 shell32 user32)
+else()
+  target_link_libraries(orq_platform_libs INTERFACE Threads::Threads)
+endif()

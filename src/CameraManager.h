@@ -1,0 +1,77 @@
+// The one object behind the SDK: owns the transport and the table of cameras, reconciles that
+// table with what the transport sees, and raises the two manager events.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Device.h"
+#include "Event.h"
+#include "Kernel/UsbLib.h"
+#include "SDKConfig.h"
+
+namespace orq {
+
+constexpr uint32_t kCameraIdPattern = 0x0B15FC9A;
+
+struct ChangeRecord {
+    OrqCameraInfo info;
+    int32_t state;  // 0 connected, 1 disconnected
+};
+
+class CameraManager : public IUsbLib_Notify {
+public:
+    CameraManager();
+    ~CameraManager() override;
+
+    void OnDeviceChange() override;
+    void RefreshDevices();
+
+    OrqResult GetCameraList(OrqCameraInfo** list, int* count);
+    OrqResult OpenSession(int cameraId, OrqSessionHandle* session);
+    void CloseSession(int32_t deviceId);
+    bool IsConnected(int32_t deviceId);
+
+    // Runs work on the device of a session's internal id with the manager's mutex held; false
+    // when there is no such row.
+    template <class Work>
+    bool WithDevice(int32_t deviceId, Work&& work) {
+        std::lock_guard<std::recursive_mutex> guard(lock);
+        auto found = devices.find(deviceId);
+        if (found == devices.end()) return false;
+        work(found->second.get());
+        return true;
+    }
+
+    const SDKConfig& Config() const { return config; }
+
+    Event<OrqCameraListChangedCallback> connectionEvent;
+    Event<OrqCameraInitializationErrorCallback> initErrorEvent;
+
+private:
+    SDKConfig config;
+    std::unique_ptr<UsbLib> usb;
+    std::map<int32_t, std::unique_ptr<Device>> devices;
+    uint32_t nextId = 0;
+    std::recursive_mutex lock;
+    std::set<std::u16string> FailedPaths;
+    std::atomic<bool> terminating{false};
+};
+
+}  // namespace orq
+
+// The record behind OrqSessionHandle.
+struct OrqSessionRecord {
+    orq::CameraManager* manager;
+    int32_t deviceId;
+};
+
+// The record behind OrqCameraManagerHandle.
+struct OrqCameraManagerCell {
+    orq::CameraManager* manager;
+};

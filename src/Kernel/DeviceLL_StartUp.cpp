@@ -1,0 +1,135 @@
+// The start-up steps that read the camera's identity and tidy its card.
+#include <cstdio>
+#include <cstring>
+
+#include "Kernel/DeviceLL.h"
+#include "Logger.h"
+#include "SDKConfig.h"
+
+namespace orq {
+
+namespace {
+
+struct ModuleVersion {
+    int part[4] = {0, 0, 0, 0};
+    explicit ModuleVersion(const std::string& text) {
+        std::sscanf(text.c_str(), "%d.%d.%d.%d", &part[0], &part[1], &part[2], &part[3]);
+    }
+};
+
+bool EqualsIgnoringAsciiCase(const std::string& a, const char* b) {
+    size_t length = std::strlen(b);
+    if (a.size() != length) return false;
+    for (size_t i = 0; i < length; ++i) {
+        char x = a[i], y = b[i];
+        if (x >= 'A' && x <= 'Z') x = static_cast<char>(x - 'A' + 'a');
+        if (y >= 'A' && y <= 'Z') y = static_cast<char>(y - 'A' + 'a');
+        if (x != y) return false;
+    }
+    return true;
+}
+
+// Each 16-bit unit narrowed to its low byte.
+std::string Narrow(const OrqChar* name) {
+    std::string out;
+    for (size_t i = 0; i < 128 && name[i]; ++i) out += static_cast<char>(name[i] & 0xFF);
+    return out;
+}
+
+// The name's bytes up to the first zero byte, as a narrow "%s" shows a 16-bit text.
+std::string AsNarrowBytes(const OrqChar* name) {
+    std::string out;
+    for (size_t i = 0; i < 128; ++i) {
+        auto unit = static_cast<uint16_t>(name[i]);
+        if ((unit & 0xFF) == 0) break;
+        out += static_cast<char>(unit & 0xFF);
+        if ((unit >> 8) == 0) break;
+        out += static_cast<char>(unit >> 8);
+    }
+    return out;
+}
+
+}  // namespace
+
+OrqResult DeviceLL::LoadOrqmVersion(const char* required) {
+    std::string version;
+    OrqResult result = PTPGetOrqmVersion(version);
+    if (result != ORQ_OK) {
+        ORQ_LOG(ERR, "PTP_ORQM_GetOrqmVersion failed");
+        return ORQ_ERROR;
+    }
+    orqmVersion.assign(version.begin(), version.end());
+    if (!sdkConfig || !sdkConfig->TestOrqmVer || !required) return ORQ_OK;
+    ModuleVersion current(version), wanted(required);
+    for (int i = 0; i < 4; ++i) {
+        if (current.part[i] > wanted.part[i]) return ORQ_OK;
+        if (current.part[i] < wanted.part[i]) {
+            ORQ_LOG(ERR, "Old Orqm version. Current: '%s', required: '%s'", version.c_str(),
+                    required);
+            return ORQ_OLD_MODULE;
+        }
+    }
+    return ORQ_OK;
+}
+
+OrqResult DeviceLL::LoadSerialNumber() {
+    std::u16string serial;
+    if (PTPGetSerialNumber(serial) != ORQ_OK) return ORQ_ERROR;
+    serialNumber = std::move(serial);
+    return ORQ_OK;
+}
+
+OrqResult DeviceLL::CleanMemoryCard() {
+    OrqResult result = PTPUpdateObjectsInfo();
+    if (result != ORQ_OK) {
+        ORQ_LOG(ERR, "PTPUpdateObjectsInfo failed");
+        return result;
+    }
+    std::vector<int32_t> stale;
+    {
+        std::lock_guard<std::mutex> guard(fileTableLock);
+        for (const OrqFileInfo& file : fileTable) {
+            std::string name = Narrow(file.name);
+            if (name.size() < 4 || !EqualsIgnoringAsciiCase(name.substr(0, 4), "img_")) continue;
+            long number = 0;
+            for (size_t i = 4; i < name.size() && name[i] >= '0' && name[i] <= '9'; ++i) {
+                number = number * 10 + (name[i] - '0');
+                if (number >= 10) break;
+            }
+            if (number < 10) continue;
+            ORQ_LOG(INF, "clean file: %s %d", AsNarrowBytes(file.name).c_str(), file.id);
+            stale.push_back(file.id);
+        }
+    }
+    for (int32_t id : stale) {
+        result = PTPRemoveFile(id);
+        if (result != ORQ_OK) {
+            ORQ_LOG(ERR, "PTPRemoveFile failed: %d", id);
+            return result;
+        }
+    }
+    return ORQ_OK;
+}
+
+OrqResult DeviceLL::PTPGetCamLog() {
+    if (PTPGetCamLogRequest() != ORQ_OK) return ORQ_OK;
+    OrqResult result = PTPUpdateObjectsInfo();
+    if (result != ORQ_OK) {
+        ORQ_LOG(ERR, "PTPUpdateObjectsInfo failed");
+        return result;
+    }
+    std::lock_guard<std::mutex> guard(fileTableLock);
+    for (const OrqFileInfo& file : fileTable) {
+        if (!EqualsIgnoringAsciiCase(Narrow(file.name), "img_0002.jpg")) continue;
+        PtpDataBlock block;
+        if (PTPGetObject(static_cast<uint32_t>(file.id), block) != ORQ_OK) return ORQ_ERROR;
+        const char* text = reinterpret_cast<const char*>(block.data.get());
+        std::string contents = text ? std::string(text, strnlen(text, block.size)) : "";
+        ORQ_LOG(INF, "camera log:");
+        ORQ_LOG(INF, "%s", contents.c_str());
+        return ORQ_OK;
+    }
+    return ORQ_OK;
+}
+
+}  // namespace orq

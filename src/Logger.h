@@ -1,0 +1,37 @@
+// The SDK's two log files and the debugger channel. Every line is on disk before LogWrite returns.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/Platform.h"
+
+namespace orq {
+
+enum LogSelector : uint32_t { LOG_MAIN = 0, LOG_API = 1 };
+enum LogLevel : int32_t { DEB = 0, INF = 1, ERR = 2 };
+
+// printf-style; "%S" takes a NUL-terminated char16_t string. sourceFile may carry folders: only
+// the base name without extension is printed.
+void LogWrite(uint32_t log, int32_t level, const char* sourceFile, uint32_t line, uint64_t threadId,
+              const char* format, ...);
+
+// Base name of a source path, without folders or extension ("src/Kernel/DeviceLL.cpp" ->
+// "DeviceLL").
+std::string SourceName(const char* path);
+
+// Keeps the newest whole lines of a log so that their text stays within maxBytes.
+void TrimLogFile(const std::u16string& path, uint64_t maxBytes = 0x100000);
+
+// Full paths of the two logs (valid after the first LogWrite or LogPaths call).
+std::u16string MainLogPath();
+std::u16string ApiLogPath();
+
+}  // namespace orq
+
+#define ORQ_LOG(level, ...)                                     \
+    ::orq::LogWrite(::orq::LOG_MAIN, level, __FILE__, __LINE__, \
+                    ::orq::platform::CurrentThreadId(), __VA_ARGS__)
+#define ORQ_API_LOG(level, ...)                                                                    \
+    ::orq::LogWrite(::orq::LOG_API, level, __FILE__, __LINE__, ::orq::platform::CurrentThreadId(), \
+                    __VA_ARGS__)

@@ -1,0 +1,52 @@
+// The few operating-system services the SDK needs above the USB transport. One implementation
+// per platform (Platform_posix.cpp, Platform_win32.cpp); nothing else includes a system header.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace orq::platform {
+
+// Separator used when joining folder and file names ('\\' on Windows, '/' elsewhere).
+char16_t PathSeparator();
+
+// Folder for the two log files, without a trailing separator. On POSIX it is created if missing.
+std::u16string LogFolder();
+
+// Folder of the host process's executable (not of this library), without a trailing separator.
+std::u16string ExecutableFolder();
+
+// The system's temporary folder, as the system reports it (may or may not end in a separator).
+std::u16string TempFolder();
+
+// Numeric id of the calling thread, as printed in log lines.
+uint64_t CurrentThreadId();
+
+// Sends one text to a debugger, if one listens. Never visible to the application otherwise.
+void DebuggerOutput(const char* text);
+
+// fopen with a 16-bit path; null on failure.
+FILE* OpenFile(const std::u16string& path, const char* mode);
+
+// Reads a whole file; false when it cannot be opened or read.
+bool ReadFile(const std::u16string& path, std::string& contents);
+
+std::string ToUtf8(const std::u16string& text);
+std::u16string FromUtf8(const std::string& text);
+
+// Machine-wide single-instance lock, held for the object's lifetime.
+class InstanceLock {
+public:
+    enum class Status { Acquired, HeldElsewhere, Failed };
+    virtual ~InstanceLock() = default;
+    // name is the lock's GUID-based name, e.g. "ORQSDK{...}". Null unless Acquired.
+    static std::unique_ptr<InstanceLock> Acquire(const std::string& name, Status& status);
+};
+
+// Called once when the library is loaded and once when it is unloaded (COM on Windows).
+void LibraryAttach();
+void LibraryDetach();
+
+}  // namespace orq::platform

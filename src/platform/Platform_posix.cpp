@@ -1,0 +1,190 @@
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/ptrace.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "platform/Platform.h"
+
+namespace orq::platform {
+
+namespace {
+
+std::string EnvOr(const char* name, const std::string& fallback) {
+    const char* value = std::getenv(name);
+    return value && *value ? std::string(value) : fallback;
+}
+
+void MakeFolders(const std::string& path) {
+    for (size_t i = 1; i <= path.size(); ++i) {
+        if (i == path.size() || path[i] == '/') mkdir(path.substr(0, i).c_str(), 0700);
+    }
+}
+
+// A debugger is told apart by the tracer pid the kernel reports for us.
+bool DebuggerAttached() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("TracerPid:", 0) == 0) return std::atoi(line.c_str() + 10) != 0;
+    }
+    return false;
+}
+
+class FlockInstanceLock : public InstanceLock {
+public:
+    explicit FlockInstanceLock(int fd) : fd(fd) {}
+    ~FlockInstanceLock() override {
+        flock(fd, LOCK_UN);
+        close(fd);
+    }
+
+private:
+    int fd;
+};
+
+}  // namespace
+
+char16_t PathSeparator() {
+    return u'/';
+}
+
+std::u16string LogFolder() {
+    std::string folder = EnvOr("XDG_STATE_HOME", EnvOr("HOME", "/tmp") + "/.local/state");
+    MakeFolders(folder);
+    return FromUtf8(folder);
+}
+
+std::u16string ExecutableFolder() {
+    char buffer[PATH_MAX + 1] = {};
+    ssize_t length = readlink("/proc/self/exe", buffer, PATH_MAX);
+    if (length <= 0) return u"";
+    std::string path(buffer, static_cast<size_t>(length));
+    return FromUtf8(path.substr(0, path.rfind('/')));
+}
+
+std::u16string TempFolder() {
+    return FromUtf8(EnvOr("TMPDIR", "/tmp"));
+}
+
+uint64_t CurrentThreadId() {
+    return static_cast<uint64_t>(syscall(SYS_gettid));
+}
+
+void DebuggerOutput(const char* text) {
+    // Written to stderr only under a debugger, where the developer is looking.
+    static const bool attached = DebuggerAttached();
+    if (attached) {
+        ssize_t ignored = write(STDERR_FILENO, text, std::strlen(text));
+        (void)ignored;
+    }
+}
+
+FILE* OpenFile(const std::u16string& path, const char* mode) {
+    return std::fopen(ToUtf8(path).c_str(), mode);
+}
+
+bool ReadFile(const std::u16string& path, std::string& contents) {
+    FILE* file = OpenFile(path, "rb");
+    if (!file) return false;
+    std::string data;
+    char buffer[65536];
+    size_t count;
+    while ((count = std::fread(buffer, 1, sizeof buffer, file)) > 0) data.append(buffer, count);
+    bool ok = !std::ferror(file);
+    std::fclose(file);
+    if (ok) contents.swap(data);
+    return ok;
+}
+
+std::string ToUtf8(const std::u16string& text) {
+    std::string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size(); ++i) {
+        uint32_t c = text[i];
+        if (c >= 0xD800 && c <= 0xDBFF && i + 1 < text.size() && text[i + 1] >= 0xDC00 &&
+            text[i + 1] <= 0xDFFF) {
+            c = 0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00);
+        }
+        if (c < 0x80) {
+            out += static_cast<char>(c);
+        } else if (c < 0x800) {
+            out += static_cast<char>(0xC0 | (c >> 6));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else if (c < 0x10000) {
+            out += static_cast<char>(0xE0 | (c >> 12));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else {
+            out += static_cast<char>(0xF0 | (c >> 18));
+            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
+    return out;
+}
+
+std::u16string FromUtf8(const std::string& text) {
+    std::u16string out;
+    out.reserve(text.size());
+    for (size_t i = 0; i < text.size();) {
+        auto byte = static_cast<unsigned char>(text[i]);
+        uint32_t c = byte;
+        size_t extra = 0;
+        if (byte >= 0xF0) {
+            c = byte & 0x07;
+            extra = 3;
+        } else if (byte >= 0xE0) {
+            c = byte & 0x0F;
+            extra = 2;
+        } else if (byte >= 0xC0) {
+            c = byte & 0x1F;
+            extra = 1;
+        }
+        ++i;
+        for (size_t k = 0; k < extra && i < text.size(); ++k, ++i) {
+            c = (c << 6) | (static_cast<unsigned char>(text[i]) & 0x3F);
+        }
+        if (c >= 0x10000) {
+            c -= 0x10000;
+            out += static_cast<char16_t>(0xD800 + (c >> 10));
+            out += static_cast<char16_t>(0xDC00 + (c & 0x3FF));
+        } else {
+            out += static_cast<char16_t>(c);
+        }
+    }
+    return out;
+}
+
+std::unique_ptr<InstanceLock> InstanceLock::Acquire(const std::string& name, Status& status) {
+    // One file in /tmp for every user of the machine, as the Windows global mutex is.
+    std::string path = "/tmp/" + name + ".lock";
+    mode_t oldMask = umask(0);
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    umask(oldMask);
+    if (fd < 0) {
+        status = errno == EACCES ? Status::HeldElsewhere : Status::Failed;
+        return nullptr;
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        status = errno == EWOULDBLOCK ? Status::HeldElsewhere : Status::Failed;
+        close(fd);
+        return nullptr;
+    }
+    status = Status::Acquired;
+    return std::make_unique<FlockInstanceLock>(fd);
+}
+
+void LibraryAttach() {}
+void LibraryDetach() {}
+
+}  // namespace orq::platform
