@@ -1,0 +1,155 @@
+// Win32 implementation of the platform services. wchar_t and char16_t are both UTF-16 code units
+// on Windows, so paths pass between the two by reinterpretation.
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+// windows.h first: the headers below rely on its types.
+#include <objbase.h>
+#include <shlobj.h>
+
+#include <atomic>
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/Platform.h"
+
+namespace orq::platform {
+
+namespace {
+
+static_assert(sizeof(wchar_t) == sizeof(char16_t), "Windows wide characters are UTF-16 units");
+
+const wchar_t* Wide(const std::u16string& text) {
+    return reinterpret_cast<const wchar_t*>(text.c_str());
+}
+
+std::u16string FromWide(const wchar_t* text) {
+    return std::u16string(reinterpret_cast<const char16_t*>(text));
+}
+
+// Set only when CoInitialize succeeded, so that a refused attach is not balanced by a detach
+// that would tear down the host's own COM apartment.
+std::atomic<bool> comInitialised{false};
+
+class Win32InstanceLock : public InstanceLock {
+public:
+    explicit Win32InstanceLock(HANDLE mutex) : mutex_(mutex) {}
+    ~Win32InstanceLock() override {
+        // Fails harmlessly when another thread releases us; closing the last handle then
+        // removes the name anyway.
+        ReleaseMutex(mutex_);
+        CloseHandle(mutex_);
+    }
+    Win32InstanceLock(const Win32InstanceLock&) = delete;
+    Win32InstanceLock& operator=(const Win32InstanceLock&) = delete;
+
+private:
+    HANDLE mutex_;
+};
+
+}  // namespace
+
+char16_t PathSeparator() {
+    return u'\\';
+}
+
+std::u16string LogFolder() {
+    wchar_t buffer[MAX_PATH + 1] = {};
+    SHGetSpecialFolderPathW(nullptr, buffer, CSIDL_LOCAL_APPDATA, FALSE);
+    return FromWide(buffer);
+}
+
+std::u16string ExecutableFolder() {
+    wchar_t buffer[1024] = {};
+    DWORD length = GetModuleFileNameW(nullptr, buffer, 1024);
+    if (length == 0 || length >= 1024) return std::u16string();
+    std::u16string path(reinterpret_cast<const char16_t*>(buffer), length);
+    size_t cut = path.find_last_of(u'\\');
+    return cut == std::u16string::npos ? std::u16string() : path.substr(0, cut);
+}
+
+std::u16string TempFolder() {
+    std::vector<wchar_t> buffer(4096, L'\0');
+    DWORD length = GetTempPathW(static_cast<DWORD>(buffer.size()), buffer.data());
+    if (length == 0 || length >= buffer.size()) return std::u16string();
+    return FromWide(buffer.data());
+}
+
+uint64_t CurrentThreadId() {
+    return GetCurrentThreadId();
+}
+
+void DebuggerOutput(const char* text) {
+    if (text) OutputDebugStringA(text);
+}
+
+FILE* OpenFile(const std::u16string& path, const char* mode) {
+    if (!mode) return nullptr;
+    std::wstring wideMode(mode, mode + std::char_traits<char>::length(mode));
+    return _wfopen(Wide(path), wideMode.c_str());
+}
+
+bool ReadFile(const std::u16string& path, std::string& contents) {
+    FILE* file = OpenFile(path, "rb");
+    if (!file) return false;
+    std::string data;
+    char chunk[65536];
+    size_t got;
+    while ((got = fread(chunk, 1, sizeof chunk, file)) > 0) data.append(chunk, got);
+    bool ok = ferror(file) == 0;
+    fclose(file);
+    if (ok) contents = std::move(data);
+    return ok;
+}
+
+std::string ToUtf8(const std::u16string& text) {
+    if (text.empty()) return std::string();
+    int wideLength = static_cast<int>(text.size());
+    int length =
+        WideCharToMultiByte(CP_UTF8, 0, Wide(text), wideLength, nullptr, 0, nullptr, nullptr);
+    if (length <= 0) return std::string();
+    std::string result(static_cast<size_t>(length), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, Wide(text), wideLength, &result[0], length, nullptr, nullptr);
+    return result;
+}
+
+std::u16string FromUtf8(const std::string& text) {
+    if (text.empty()) return std::u16string();
+    int narrowLength = static_cast<int>(text.size());
+    int length = MultiByteToWideChar(CP_UTF8, 0, text.data(), narrowLength, nullptr, 0);
+    if (length <= 0) return std::u16string();
+    std::u16string result(static_cast<size_t>(length), u'\0');
+    MultiByteToWideChar(CP_UTF8, 0, text.data(), narrowLength,
+                        reinterpret_cast<wchar_t*>(&result[0]), length);
+    return result;
+}
+
+std::unique_ptr<InstanceLock> InstanceLock::Acquire(const std::string& name, Status& status) {
+    std::u16string fullName = u"Global\\" + FromUtf8(name);
+    HANDLE mutex = CreateMutexW(nullptr, TRUE, Wide(fullName));
+    if (!mutex) {
+        status = Status::Failed;
+        return nullptr;
+    }
+    if (GetLastError() == ERROR_ALREADY_EXISTS) {
+        CloseHandle(mutex);
+        status = Status::HeldElsewhere;
+        return nullptr;
+    }
+    status = Status::Acquired;
+    return std::make_unique<Win32InstanceLock>(mutex);
+}
+
+void LibraryAttach() {
+    HRESULT result = CoInitialize(nullptr);
+    comInitialised = SUCCEEDED(result);
+}
+
+void LibraryDetach() {
+    if (comInitialised.exchange(false)) CoUninitialize();
+}
+
+}  // namespace orq::platform
