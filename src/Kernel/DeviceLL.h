@@ -1,0 +1,355 @@
+// The low-level half of a camera: the PTP link, the property engine, the file table, zoom, focus
+// and preview. It knows nothing of the main loop or of the application; Device derives from it and
+// overrides the upward virtual operations.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "Kernel/UsbLib.h"
+#include "models/CameraConfig.h"
+#include "orqsdk.h"
+
+namespace orq {
+
+struct SDKConfig;
+
+// Data phase of a transaction; owned by the caller after a successful return.
+struct PtpDataBlock {
+    std::unique_ptr<uint8_t[]> data;
+    uint64_t size = 0;
+
+    // Little-endian 32-bit word at index i; 0 past the end.
+    uint32_t Word(size_t i) const;
+};
+
+using PtpParams = std::vector<uint32_t>;
+
+// Direction of a transaction's data phase.
+enum PtpDirection : int32_t { PTP_DATA_IN = 1, PTP_NO_DATA = 2 };
+
+// Operation codes.
+enum : uint16_t {
+    PTP_OC_OpenSession = 0x1002,
+    PTP_OC_GetStorageIDs = 0x1004,
+    PTP_OC_GetObjectHandles = 0x1007,
+    PTP_OC_GetObjectInfo = 0x1008,
+    PTP_OC_GetObject = 0x1009,
+    PTP_OC_DeleteObject = 0x100B,
+    PTP_OC_Vendor = 0x9999,
+};
+
+enum : uint16_t { PTP_RC_OK = 0x2001, PTP_RC_GeneralError = 0x2002 };
+
+// Sub-commands of the vendor operation.
+enum PtpSubCommand : uint32_t {
+    CHDK_GetMemory = 1,
+    CHDK_GetVideoSettings = 11,
+    ORQM_GetPropCase = 129,
+    ORQM_SetPropCase = 130,
+    ORQM_GetZoom = 131,
+    ORQM_SetZoom = 132,
+    ORQM_Set_Play_Mode = 140,
+    ORQM_GetOrqmVersion = 145,
+    ORQM_Shoot = 147,
+    ORQM_UpdateAEAF = 148,
+    ORQM_GetEvents = 149,
+    ORQM_GetMode = 150,
+    ORQM_GetCamLog = 153,
+    ORQM_MfOn = 154,
+    ORQM_MfOff = 155,
+    ORQM_MoveFocusTo = 156,
+    ORQM_GetFocusParams = 157,
+    ORQM_GetVBat = 158,
+    ORQM_SetCaptureMode = 160,
+    ORQM_GetSerialNumber = 161,
+    ORQM_Reset = 162,
+    ORQM_RemoteCaptureStart = 163,
+    ORQM_RemoteCaptureIsReady = 164,
+    ORQM_RemoteCaptureGetData = 165,
+    ORQM_StartVideo = 166,
+    ORQM_StopVideo = 167,
+};
+
+// Event bits of ORQM_GetEvents.
+enum : uint32_t {
+    SHOOT_FINISHED = 0x0002,
+    ZOOM_FINISHED = 0x0008,
+    EVENT_RAW_AVAILABLE = 0x0200,
+    EVENT_REMOTE_AVAILABLE = 0x0400,
+    EVENT_REMOTE_TIMEOUT = 0x0800,
+    EVENT_GET_JPEG_CHUNK = 0x1000,
+    EVENT_GET_JPEG_TIMEOUT = 0x2000,
+    EVENT_LAST_JPEG_CHUNK = 0x4000,
+};
+
+// Keys of cameraEvents.
+enum : int32_t { CAMERA_EVENT_SHOOT_FINISHED = 0, CAMERA_EVENT_ZOOM_FINISHED = 1 };
+
+class ContProc;
+using ContProcStep = std::function<void(ContProc* self, std::chrono::milliseconds* delay,
+                                        OrqResult* result, bool* again)>;
+
+// A multi-step camera operation driven by the main loop.
+class ContProc {
+public:
+    explicit ContProc(ContProcStep step) : step(std::move(step)) {}
+    ContProcStep step;
+};
+
+// Exponential moving average of the battery voltage.
+struct ema {
+    double alpha = 0;  // weight of a new sample
+    double value = 0;
+};
+
+class DeviceLL {
+public:
+    DeviceLL(UsbLib* usb, const SDKConfig* sdkConfig, std::u16string devicePath);
+    virtual ~DeviceLL();
+
+    DeviceLL(const DeviceLL&) = delete;
+    DeviceLL& operator=(const DeviceLL&) = delete;
+
+    // --- Upward operations; Device overrides them -------------------------------------------
+    virtual OrqResult SetPreShootProperty();
+    virtual void SetPreviewSuspended(bool suspended);
+    virtual bool IsMemLogging();
+    virtual void OnPropertyChanged(int propertyId);
+    virtual void OnFocusChanged();
+    virtual void OnPropertyListChanged();
+    virtual void OnZoomChanged();
+    virtual void OnZoomCompleted();
+    virtual void OnShootCompleted(OrqFileInfo file);
+    virtual void OnDownloadCompleted(int fileId, std::u16string path);
+    virtual void OnNewPreviewFrame();
+    virtual void RegisterPointer(void* pointer, std::function<void(void*)> free);
+    virtual OrqResult CheckStarted();
+    virtual OrqResult CheckSessionOpen();
+    virtual OrqResult CheckReady();
+    virtual OrqResult SendPropertyData(int propertyId);
+    virtual void FreePointer(void* pointer);
+
+    // --- Identity ---------------------------------------------------------------------------
+    // Opens the USB device and selects the model profile: ORQ_OK or ORQ_ERROR.
+    OrqResult OpenCamera();
+    const std::u16string& DevicePath() const { return devicePath; }
+    const std::u16string& DeviceName() const { return deviceName; }
+    const std::u16string& SerialNumber() const { return serialNumber; }
+    const std::u16string& OrqmVersion() const { return orqmVersion; }
+    const CameraConfig& Config() const { return config; }
+    bool IsConnected() const { return connected.load(); }
+    void SetConnected(bool value) { connected.store(value); }
+    // Closes the USB handle so that a blocked transfer fails at once.
+    void ForceCloseUSB();
+
+    // --- PTP link ---------------------------------------------------------------------------
+    bool PtpTransaction(uint16_t code, PtpParams params, int32_t direction, bool& generalError,
+                        PtpDataBlock* data, std::vector<uint32_t>* responseParams);
+    bool PtpTransactionRetry(uint16_t code, PtpParams params, int32_t direction,
+                             PtpDataBlock* data, std::vector<uint32_t>* responseParams);
+    bool PtpReadContainer(uint8_t (&response)[512]);
+
+    // --- Standard operations ----------------------------------------------------------------
+    OrqResult PTPOpenSession();
+    OrqResult PTPGetStorageIDs(uint32_t& storageId);
+    // Fills id, size and the decoded name.
+    OrqResult PTPGetObjectInfo(uint32_t handle, OrqFileInfo& file);
+    OrqResult PTPGetObjectHandles(std::vector<uint32_t>& handles);
+    OrqResult PTPGetFilesInfo(std::vector<OrqFileInfo>& files);
+    OrqResult PTPGetObject(uint32_t handle, PtpDataBlock& block);
+    OrqResult PTPDeleteObject(uint32_t handle);
+
+    // --- Vendor operations ------------------------------------------------------------------
+    OrqResult PTPORQMGet(uint32_t subCommand, size_t wordCount, std::vector<uint32_t>& result);
+    OrqResult PTPGetMode(uint32_t& mode);
+    OrqResult PTPWaitRecMode();
+    OrqResult PTPGetPropCase(uint32_t propCase, int32_t& value);
+    OrqResult PTPSetPropCase(uint32_t propCase, int32_t value);
+    OrqResult PTPGetZoom(int32_t& zoom);
+    OrqResult PTPSetZoom(int32_t zoom);
+    OrqResult PTPSetPlayMode();
+    OrqResult PTPGetOrqmVersion(std::string& version);
+    OrqResult PTPShoot();
+    OrqResult PTPUpdateAEAF();
+    OrqResult PTPGetCamLogRequest();
+    OrqResult PTPMfOn();
+    OrqResult PTPMfOff();
+    OrqResult PTPMoveFocusTo(int32_t position, int32_t& reached);
+    OrqResult PTPGetFocusParams(int32_t& position);
+    OrqResult PTPGetVBat(uint32_t& current, uint32_t& maximum, uint32_t& minimum);
+    OrqResult PTPSetCaptureMode(uint32_t mode);
+    OrqResult PTPGetSerialNumber(std::u16string& serial);
+    OrqResult PTPReset();
+    OrqResult PTPRemoteCaptureStart();
+    OrqResult PTPRemoteCaptureIsReady(bool& ready);
+    // Five response words; word 1 non-zero: more chunks follow.
+    OrqResult PTPRemoteCaptureGetData(PtpDataBlock& chunk, std::vector<uint32_t>& responseParams);
+    OrqResult PTPStartVideoRequest();
+    OrqResult PTPStopVideoRequest();
+    OrqResult PTPGetMemory(uint32_t address, uint32_t size, PtpDataBlock& block);
+    OrqResult PTPGetVideoSettings(PtpDataBlock& block);
+
+    // --- Camera events ----------------------------------------------------------------------
+    OrqResult PTPLoadEvents();
+    void ShootDirectEvent();
+    bool CameraEvent(int32_t key) const;
+    void ClearCameraEvent(int32_t key);
+
+    // --- File table -------------------------------------------------------------------------
+    OrqResult PTPUpdateObjectsInfo();
+    std::vector<OrqFileInfo> FileTable() const;
+    int32_t LatestFileId() const;
+    bool FindFile(int32_t id, OrqFileInfo& file) const;
+
+    // --- Start-up steps ---------------------------------------------------------------------
+    OrqResult LoadProperties();
+    OrqResult LoadOrqmVersion(const char* required);
+    OrqResult LoadSerialNumber();
+    OrqResult CleanMemoryCard();
+    OrqResult PTPGetCamLog();
+    OrqResult PTPManualFocusEnable(bool enable);
+
+    // --- Properties -------------------------------------------------------------------------
+    OrqResult GetPropertyData(int id, int* value);
+    OrqResult SetPropertyData(int id, int value);
+    OrqResult GetPropertyList(int** list, int* count);
+    OrqResult GetPropertyDesc(int id, OrqPropertyDesc** description);
+    OrqResult WriteProperty(int id);
+    OrqResult ReadCameraMode();
+    OrqResult ReadBatteryLevel(bool first);
+    std::vector<std::pair<int, int>> BuildAvailableValues();
+    // Raw value of one property case: 0 or 1.
+    OrqResult PTPReadPropety(int propCase, int* raw);
+    // The inter-property rules of the model's constraints, on the current values.
+    bool IsPropertyAvailable(int id);
+    bool IsValueAvailable(int id, int value);
+    // Flash Power from its two cases; runs under the lock of LoadProperties.
+    OrqResult LoadFlashPowerProp(const PropertyEntry& entry);
+
+    // --- Capture, files, zoom, focus, preview, video ----------------------------------------
+    // The shoot chain, normal or remote with direct transfer (Direct Transfer set to On, 0).
+    // The caller takes ownership of the result.
+    ContProc* Shoot(std::function<void(OrqFileInfo)> onCompleted);
+    OrqResult PTPDownloadFile(int32_t fileId, const std::u16string& path);
+    OrqResult PTPRemoveFile(int32_t fileId);
+    ContProc* CreateZoomProc(int32_t position);
+    OrqResult UpdateZoom();
+    OrqResult SetFocus(int32_t position);
+    OrqResult FocusShift(int32_t shift);
+    OrqResult UpdateFocusPos();
+    OrqResult UpdatePreviewFrame();
+    OrqResult GetPreviewFrame(void** frame, int* size);
+    OrqResult PTPStartVideo();
+    OrqResult PTPStopVideo(OrqFileInfo* file);
+    // Snapshot of the camera's allocator in the log, when MemLogging asks for it.
+    void PTPMemoryStatistics(const char* label);
+    // Where the allocator record lies for a model code (whole, case-sensitive comparison).
+    static uint32_t MemoryStatisticsAddress(const std::u16string& modelCode);
+    bool IsVideoRecording() const { return VideoRecording.load(); }
+    int32_t GetZoom();
+    int32_t GetFocus();
+
+    // --- Zoom, focus, preview (DeviceLL_Zoom.cpp, DeviceLL_Focus.cpp, DeviceLL_Preview.cpp) ---
+    // CreateZoomProc's result is owned by the caller (the main loop).
+    // One PTP_ORQM_GetZoom, cut down to maxZoom.
+    OrqResult ReadZoom(int32_t& step);
+    void ReportZoom();
+    // Moves the lens; reached may be null. focus takes the position the camera reports.
+    OrqResult PTPManualFocusSet(int32_t position, int32_t* reached);
+    void ReportFocus();
+    int32_t NextFocusPosition(int32_t zoomStep, int32_t focusPosition, int32_t shift) const;
+    static int32_t NextFocusPosition(const FocusTable& table, int32_t zoomStep,
+                                     int32_t focusPosition, int32_t shift);
+
+    static constexpr size_t kVideoSettingsWords = 22;
+    using VideoSettings = std::array<uint32_t, kVideoSettingsWords>;
+    struct PreviewBuffer {
+        std::unique_ptr<uint8_t[]> data;
+        uint64_t size = 0;  // bytes of the BMP image; the allocation may hold a few more
+    };
+    OrqResult GetVideoSettings(VideoSettings& target);
+    OrqResult PTPGetPreviewFrame(PreviewBuffer* target);
+
+protected:
+    const SDKConfig* sdkConfig;  // owned by the camera manager
+
+    // Identity and transport.
+    UsbLib* usb;
+    UsbDevice* device = nullptr;
+    std::u16string devicePath;
+    std::u16string deviceName;
+    CameraConfig config;
+    std::u16string serialNumber;
+    std::u16string orqmVersion;
+    std::atomic<bool> connected{false};
+
+    // PTP link.
+    uint32_t transactionId = 0;
+    uint32_t sessionId = 0;
+    std::map<int32_t, bool> cameraEvents{{CAMERA_EVENT_SHOOT_FINISHED, false},
+                                         {CAMERA_EVENT_ZOOM_FINISHED, false}};
+    std::mutex ptpLock;
+    std::map<void*, std::function<void(void*)>> pointerTable;
+
+    // File table.
+    mutable std::mutex fileTableLock;
+    std::vector<OrqFileInfo> fileTable;
+    int32_t latestFileId = -1;
+    int32_t NextDirectFileId = -100;
+    std::map<int32_t, std::list<PtpDataBlock>> DirectTransferFiles;
+    std::recursive_mutex directTransferLock;
+    std::atomic<bool> VideoRecording{false};
+
+    // Steps of the shoot chains (DeviceLL_Shoot.cpp); each returns the step's result, with
+    // 'done' false while the step is to run again.
+    OrqResult ShootBegin();
+    OrqResult ShootAwaitFile(bool& done, OrqFileInfo& file);
+    OrqResult DirectShootBegin();
+    OrqResult DirectShootAwaitPicture(bool& done, OrqFileInfo& file);
+    OrqResult DirectShootReceive(OrqFileInfo& file);
+    // Writes a block sequence to a file; false only when an exception came out of the write.
+    bool WriteDownloadedFile(const std::u16string& path,
+                             const std::vector<std::pair<const uint8_t*, uint64_t>>& parts);
+
+    // Properties, zoom and focus.
+    std::map<int32_t, int32_t> propertyValues;
+    int32_t zoom = 0;
+    int32_t focus = 0;
+    std::recursive_mutex propertyLock;
+    int32_t reportedZoom = 0;
+    int32_t reportedFocus = 0;
+
+    // Preview. The frame buffers live in a record shared with the release function of a frame
+    // handed out, so that a frame the application still holds outlives this object.
+    struct PreviewFrames {
+        std::mutex previewLock;
+        PreviewBuffer previewBuffers[2];
+        int32_t previewHeld = -1;   // buffer the application holds
+        int32_t previewReady = -1;  // buffer with the newest finished frame
+    };
+    std::shared_ptr<PreviewFrames> preview = std::make_shared<PreviewFrames>();
+    // Main-loop thread only.
+    VideoSettings videoSettings{};
+    int64_t videoSettingsTime = 0;
+    std::vector<int32_t> previewColumnMap;
+    // Smoothed battery voltage; null until the first read. Main-loop thread only.
+    std::shared_ptr<ema> batteryAverage;
+
+    // Write branches of WriteProperty for the properties that are not one case.
+    OrqResult WriteFlashPower(const PropertyEntry& entry, int value);
+    OrqResult WriteSubCases(const PropertyEntry& entry, int32_t cameraValue);
+    OrqResult WriteManualFocus(int value);
+};
+
+}  // namespace orq
