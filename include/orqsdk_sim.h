@@ -1,0 +1,107 @@
+/* OrqSDK simulator exports: only in orqsdk_sim, the SDK built on virtual cameras instead of USB.
+ *
+ * A virtual camera of a supported model is attached to the library's virtual bus; the SDK sees
+ * it arrive as a USB camera would (the camera-list event fires) and drives it through the same
+ * protocol. These calls play the part of the person holding the camera: plugging and pulling
+ * the cable, turning the mode wheel, changing batteries, filling the card. Faults make the
+ * camera misbehave on the wire. All calls are thread-safe; none of them calls back.
+ */
+#ifndef ORQSDK_SIM_H
+#define ORQSDK_SIM_H
+
+#include "orqsdk.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* A virtual camera; 0 stands for none. */
+typedef int32_t OrqSimCamera;
+
+typedef enum OrqSimFaultKind {
+    /* Per operation: match `opcode` (0: any) and `subCommand` of the vendor operation 0x9999
+     * (0 or -1: any), let `skip` matches pass, then hit `times` of them (0: once, -1: all). */
+    ORQSIM_GENERAL_ERROR = 0,   /* a 0x2002 response instead of the answer */
+    ORQSIM_RESPONSE_CODE = 1,   /* response code `value` instead of the answer */
+    ORQSIM_ECHO_CODE = 2,       /* success answered with the operation code */
+    ORQSIM_DATA_TYPE = 3,       /* data container Type = value */
+    ORQSIM_DATA_CODE = 4,       /* data container Code = value */
+    ORQSIM_RESPONSE_TYPE = 5,   /* response container Type = value */
+    ORQSIM_DATA_LENGTH = 6,     /* data container Length field = value */
+    ORQSIM_RESPONSE_LENGTH = 7, /* response Length field = value */
+    ORQSIM_TRUNCATE_DATA = 8,   /* only `value` payload bytes, then silence */
+    ORQSIM_STALL = 9,           /* no answer at all */
+    ORQSIM_STALL_RESPONSE = 10, /* data phase, then no response */
+    ORQSIM_DISCONNECT = 11,     /* cable pulled after `value` bytes of the answer */
+    ORQSIM_RAW_REPLY = 12,      /* `bytes` instead of the answer */
+    ORQSIM_DELAY = 13,          /* the answer comes `value` ms late */
+    /* Per transfer: the `transfer`th transfer on `pipe` from now (0 or 1: the next), `times`
+     * in a row. */
+    ORQSIM_TRANSFER_STALL = 14,      /* waits for the host's timeout */
+    ORQSIM_TRANSFER_ERROR = 15,      /* fails at once */
+    ORQSIM_TRANSFER_DISCONNECT = 16, /* cable pulled during the transfer */
+    ORQSIM_TRANSFER_SHORT = 17       /* at most `value` bytes move */
+} OrqSimFaultKind;
+
+typedef enum OrqSimPipe { ORQSIM_BULK_IN = 0, ORQSIM_BULK_OUT = 1 } OrqSimPipe;
+
+typedef struct OrqSimFault {
+    int32_t kind; /* OrqSimFaultKind */
+    uint16_t opcode;
+    int32_t subCommand;
+    int32_t skip;
+    int32_t times;
+    int32_t pipe; /* OrqSimPipe */
+    uint32_t transfer;
+    uint32_t value;
+    const uint8_t* bytes; /* ORQSIM_RAW_REPLY */
+    uint32_t byteCount;
+} OrqSimFault;
+
+/* Attaches a new camera of a model ("SX160", ...); any text is accepted, so that an unknown
+ * model can be tried. Returns the camera, 0 on failure. */
+ORQ_API OrqSimCamera OrqSimAttachCamera(const char* model);
+/* Pulls the cable; the camera keeps its card and settings and can be plugged in again. */
+ORQ_API OrqResult OrqSimDetachCamera(OrqSimCamera camera);
+ORQ_API OrqResult OrqSimReattachCamera(OrqSimCamera camera);
+/* Pulls the cable and forgets the camera. */
+ORQ_API OrqResult OrqSimRemoveCamera(OrqSimCamera camera);
+/* Removes every camera. */
+ORQ_API void OrqSimRemoveAll(void);
+/* The device path the SDK knows the camera by (as in OrqCameraInfo.path). */
+ORQ_API OrqResult OrqSimGetCameraPath(OrqSimCamera camera, OrqChar* path, int capacity);
+
+/* The raw shooting-mode value of the camera's mode wheel. */
+ORQ_API OrqResult OrqSimSetModeWheel(OrqSimCamera camera, int32_t rawMode);
+/* The camera's answer to the mode request: 1 record, otherwise play. */
+ORQ_API OrqResult OrqSimSetCameraMode(OrqSimCamera camera, int32_t mode);
+ORQ_API OrqResult OrqSimSetBattery(OrqSimCamera camera, int32_t current, int32_t maximum,
+                                   int32_t minimum);
+ORQ_API OrqResult OrqSimSetPropCase(OrqSimCamera camera, int32_t propCase, int32_t raw);
+ORQ_API OrqResult OrqSimGetPropCase(OrqSimCamera camera, int32_t propCase, int32_t* raw);
+/* The lens moved at the camera itself. */
+ORQ_API OrqResult OrqSimSetZoom(OrqSimCamera camera, int32_t position);
+ORQ_API OrqResult OrqSimSetFocus(OrqSimCamera camera, int32_t position);
+
+/* Puts a file on the card; returns its object handle, or -1. */
+ORQ_API int32_t OrqSimAddFile(OrqSimCamera camera, const OrqChar* name, const void* data,
+                              uint32_t size);
+ORQ_API OrqResult OrqSimDeleteFile(OrqSimCamera camera, int32_t handle);
+/* Files on the card (folders not counted), or -1. */
+ORQ_API int32_t OrqSimGetFileCount(OrqSimCamera camera);
+
+ORQ_API OrqResult OrqSimInjectFault(OrqSimCamera camera, const OrqSimFault* fault);
+ORQ_API OrqResult OrqSimClearFaults(OrqSimCamera camera);
+/* Latency of every transfer and of every byte, e.g. to model a USB 2.0 link. */
+ORQ_API OrqResult OrqSimSetLatency(OrqSimCamera camera, uint32_t perTransferMicroseconds,
+                                   uint32_t perByteNanoseconds);
+/* Operations received since attach or the last clear: of that code, and of that vendor
+ * sub-command (-1: any). -1 for an unknown camera. */
+ORQ_API int32_t OrqSimCountOperations(OrqSimCamera camera, uint16_t opcode, int32_t subCommand);
+ORQ_API OrqResult OrqSimClearOperations(OrqSimCamera camera);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ORQSDK_SIM_H */

@@ -1,0 +1,685 @@
+// What the virtual camera does for each operation: the standard PTP operations on its card and
+// the vendor sub-commands of the on-camera module, with a lens that takes time to move.
+#include <algorithm>
+#include <cstdio>
+
+#include "models/CameraConfig.h"
+#include "sim/VirtualCamera.h"
+
+namespace orqsim {
+
+namespace {
+
+enum : uint16_t {
+    OC_OpenSession = 0x1002,
+    OC_GetStorageIDs = 0x1004,
+    OC_GetObjectHandles = 0x1007,
+    OC_GetObjectInfo = 0x1008,
+    OC_GetObject = 0x1009,
+    OC_DeleteObject = 0x100B,
+    OC_Vendor = 0x9999,
+};
+
+enum : uint16_t { FMT_Association = 0x3001, FMT_Undefined = 0x3000, FMT_QT = 0x300D };
+enum : uint16_t { FMT_EXIF_JPEG = 0x3801 };
+
+enum : uint32_t {
+    EV_SHOOT_FINISHED = 0x0002,
+    EV_ZOOM_FINISHED = 0x0008,
+    EV_REMOTE_AVAILABLE = 0x0400,
+    EV_GET_JPEG_CHUNK = 0x1000,
+    EV_LAST_JPEG_CHUNK = 0x4000,
+};
+
+constexpr uint32_t kStorageId = 0x00010001;
+constexpr uint32_t kMaxMemoryRead = 64u << 20;
+
+void Append16(Bytes& out, uint16_t v) {
+    out.push_back(static_cast<uint8_t>(v));
+    out.push_back(static_cast<uint8_t>(v >> 8));
+}
+
+void Append32(Bytes& out, uint32_t v) {
+    for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+
+Bytes Words(std::initializer_list<uint32_t> words) {
+    Bytes out;
+    for (uint32_t w : words) Append32(out, w);
+    return out;
+}
+
+// A PTP string: count of 16-bit units with the terminator, then the units; 0 for empty.
+void AppendString(Bytes& out, const std::u16string& text) {
+    size_t units = std::min<size_t>(text.size(), 254);
+    if (units == 0) {
+        out.push_back(0);
+        return;
+    }
+    out.push_back(static_cast<uint8_t>(units + 1));
+    for (size_t i = 0; i < units; ++i) Append16(out, text[i]);
+    Append16(out, 0);
+}
+
+bool EndsWithIgnoringCase(const std::u16string& name, const char* extension) {
+    size_t length = std::char_traits<char>::length(extension);
+    if (name.size() < length) return false;
+    for (size_t i = 0; i < length; ++i) {
+        char16_t c = name[name.size() - length + i];
+        if (c >= 'A' && c <= 'Z') c = static_cast<char16_t>(c - 'A' + 'a');
+        if (c != static_cast<char16_t>(extension[i])) return false;
+    }
+    return true;
+}
+
+// Content that looks like a JPEG to anyone who checks the markers.
+Bytes JpegLike(size_t size, uint32_t seed) {
+    Bytes bytes(std::max<size_t>(size, 4));
+    uint32_t x = seed * 2654435761u + 1;
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        x = x * 1664525u + 1013904223u;
+        bytes[i] = static_cast<uint8_t>(x >> 24);
+    }
+    bytes[0] = 0xFF;
+    bytes[1] = 0xD8;
+    bytes[bytes.size() - 2] = 0xFF;
+    bytes[bytes.size() - 1] = 0xD9;
+    return bytes;
+}
+
+// The live-view layout: groups of four pixels in six bytes (U Y V Y Y Y).
+Bytes LiveViewPattern(size_t size, uint32_t width) {
+    Bytes bytes(size);
+    const size_t groupsPerRow = width ? (width - 1) / 4 + 1 : 1;
+    for (size_t offset = 0; offset + 6 <= size; offset += 6) {
+        size_t group = offset / 6;
+        auto column = static_cast<uint8_t>((group % groupsPerRow) * 255 / groupsPerRow);
+        auto row = static_cast<uint8_t>((group / groupsPerRow) & 0xFF);
+        bytes[offset] = static_cast<uint8_t>(column - 128);
+        bytes[offset + 1] = column;
+        bytes[offset + 2] = static_cast<uint8_t>(row - 128);
+        bytes[offset + 3] = static_cast<uint8_t>(column + 1);
+        bytes[offset + 4] = static_cast<uint8_t>(column + 2);
+        bytes[offset + 5] = static_cast<uint8_t>(column + 3);
+    }
+    return bytes;
+}
+
+// The allocator record the memory statistics read: nine words.
+uint32_t AllocatorAddress(const std::string& model) {
+    if (model == "SX160") return 0x10300;
+    if (model == "A1400") return 0xEF34;
+    if (model == "A810") return 0xD974;
+    return 0x10364;
+}
+
+}  // namespace
+
+void VirtualCamera::InitialiseFromProfile() {
+    videoSettings = {1, 360, 240, 0, 0, 240};
+    const orq::CameraConfig* profile = orq::FindCameraConfig(productString);
+    if (profile) {
+        maxZoom = profile->maxZoom;
+        focusTable = profile->focusTable;
+        // Every case starts on the first legal value, so a fresh camera loads cleanly.
+        for (const auto& [id, entry] : profile->properties) {
+            if (id == orq::PROP_SHOOTING_MODE && entry.propCase >= 0) {
+                shootingModeCase = entry.propCase;
+            }
+            if (entry.kind == orq::PropertyKind::FlashPower) {
+                propCases[entry.subCase1] = 0;
+                propCases[entry.subCase2] = 0;
+                continue;
+            }
+            if (entry.propCase < 0 || entry.values.empty()) continue;
+            int32_t raw = entry.values.front().cameraValue;
+            propCases[entry.propCase] = raw;
+            if (entry.kind == orq::PropertyKind::SubProperty ||
+                entry.kind == orq::PropertyKind::SubProperty2) {
+                propCases[entry.subCase1] = raw;
+            }
+            if (entry.kind == orq::PropertyKind::SubProperty2) propCases[entry.subCase2] = raw;
+        }
+    }
+    if (options.folders) {
+        uint32_t dcim = AddObjectLocked(u"DCIM", nullptr, true, 0, 0);
+        pictureFolder = AddObjectLocked(u"100ORQ__", nullptr, true, dcim, 0);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Time
+
+void VirtualCamera::Advance(Clock::time_point now) {
+    if (zoomMoving) {
+        auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(now - zoomStarted);
+        int64_t steps = options.zoomStepMs ? elapsed.count() / options.zoomStepMs : INT32_MAX;
+        int64_t distance = std::abs(int64_t(zoomTarget) - zoomFrom);
+        int64_t moved = std::min<int64_t>(steps, distance);
+        zoomPosition = static_cast<int32_t>(zoomFrom + (zoomTarget > zoomFrom ? moved : -moved));
+        if (zoomPosition == zoomTarget) {
+            zoomMoving = false;
+            events |= EV_ZOOM_FINISHED;
+        }
+    }
+    if (shotPending && now >= shotDue) {
+        shotPending = false;
+        if (shotProducesFile) AddShotFile();
+        events |= EV_SHOOT_FINISHED;
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Card
+
+uint32_t VirtualCamera::AddObjectLocked(const std::u16string& name, SharedBytes bytes, bool folder,
+                                        uint32_t parent, int hiddenListings) {
+    CardObject object;
+    object.handle = nextHandle++;
+    object.name = name;
+    object.bytes = bytes ? std::move(bytes) : std::make_shared<const Bytes>();
+    object.folder = folder;
+    object.parent = parent;
+    object.hiddenListings = hiddenListings;
+    card.push_back(std::move(object));
+    return card.back().handle;
+}
+
+CardObject* VirtualCamera::FindVisible(uint32_t handle) {
+    for (CardObject& object : card) {
+        if (object.handle == handle) return object.hiddenListings > 0 ? nullptr : &object;
+    }
+    return nullptr;
+}
+
+std::u16string VirtualCamera::NextFileName(const char* prefix, const char* extension) {
+    char name[32];
+    std::snprintf(name, sizeof name, "%s_%04u.%s", prefix, nextFileNumber % 10000, extension);
+    ++nextFileNumber;
+    return std::u16string(name, name + std::char_traits<char>::length(name));
+}
+
+void VirtualCamera::AddShotFile() {
+    std::u16string name = NextFileName("IMG", "JPG");
+    AddObjectLocked(name, std::make_shared<const Bytes>(JpegLike(options.shotFileSize, nextHandle)),
+                    false, pictureFolder, shotFileDelay);
+}
+
+void VirtualCamera::ObjectInfo(const CardObject& object, Answer& answer) const {
+    Bytes info;
+    uint16_t format = FMT_Undefined;
+    if (object.folder) {
+        format = FMT_Association;
+    } else if (EndsWithIgnoringCase(object.name, ".jpg")) {
+        format = FMT_EXIF_JPEG;
+    } else if (EndsWithIgnoringCase(object.name, ".mov")) {
+        format = FMT_QT;
+    }
+    Append32(info, kStorageId);
+    Append16(info, format);
+    Append16(info, 0);                                            // protection
+    Append32(info, static_cast<uint32_t>(object.bytes->size()));  // compressed size
+    Append16(info, format == FMT_EXIF_JPEG ? FMT_EXIF_JPEG : 0);  // thumb format
+    Append32(info, 0);                                            // thumb size
+    Append32(info, format == FMT_EXIF_JPEG ? 160 : 0);            // thumb width
+    Append32(info, format == FMT_EXIF_JPEG ? 120 : 0);            // thumb height
+    Append32(info, format == FMT_EXIF_JPEG ? 4000 : 0);           // image width
+    Append32(info, format == FMT_EXIF_JPEG ? 3000 : 0);           // image height
+    Append32(info, format == FMT_EXIF_JPEG ? 24 : 0);             // bit depth
+    Append32(info, object.parent);                                // parent
+    Append16(info, object.folder ? 1 : 0);                        // association type
+    Append32(info, 0);                                            // association description
+    Append32(info, 0);                                            // sequence number
+    AppendString(info, object.name);
+    AppendString(info, u"20240601T101500.0");
+    AppendString(info, u"20240601T101500.0");
+    AppendString(info, u"");
+    answer.Data(std::move(info));
+}
+
+uint32_t VirtualCamera::AddFile(const std::u16string& name, Bytes bytes, int hiddenListings) {
+    std::lock_guard<std::mutex> guard(lock);
+    return AddObjectLocked(name, std::make_shared<const Bytes>(std::move(bytes)), false,
+                           pictureFolder, hiddenListings);
+}
+
+uint32_t VirtualCamera::AddFileOfSize(const std::u16string& name, size_t size) {
+    Bytes bytes = JpegLike(size, static_cast<uint32_t>(size));
+    bytes.resize(size);
+    return AddFile(name, std::move(bytes));
+}
+
+bool VirtualCamera::ReplaceFile(uint32_t handle, Bytes bytes) {
+    std::lock_guard<std::mutex> guard(lock);
+    for (CardObject& object : card) {
+        if (object.handle != handle || object.folder) continue;
+        object.bytes = std::make_shared<const Bytes>(std::move(bytes));
+        return true;
+    }
+    return false;
+}
+
+bool VirtualCamera::RemoveFile(uint32_t handle) {
+    std::lock_guard<std::mutex> guard(lock);
+    auto found = std::find_if(card.begin(), card.end(), [&](const CardObject& object) {
+        return object.handle == handle && !object.folder;
+    });
+    if (found == card.end()) return false;
+    card.erase(found);
+    return true;
+}
+
+void VirtualCamera::ClearCard() {
+    std::lock_guard<std::mutex> guard(lock);
+    card.erase(std::remove_if(card.begin(), card.end(),
+                              [](const CardObject& object) { return !object.folder; }),
+               card.end());
+}
+
+std::vector<CardObject> VirtualCamera::Files() const {
+    std::lock_guard<std::mutex> guard(lock);
+    std::vector<CardObject> files;
+    for (const CardObject& object : card) {
+        if (!object.folder) files.push_back(object);
+    }
+    return files;
+}
+
+SharedBytes VirtualCamera::FileBytes(uint32_t handle) const {
+    std::lock_guard<std::mutex> guard(lock);
+    for (const CardObject& object : card) {
+        if (object.handle == handle) return object.bytes;
+    }
+    return nullptr;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Operations
+
+void VirtualCamera::Execute(const Command& command, Answer& answer, Clock::time_point now) {
+    const auto& p = command.params;
+    if (command.code == OC_OpenSession) {
+        // A session left open by an earlier host is simply taken over.
+        if (p.empty() || p[0] == 0) return answer.Fail(RC_InvalidParameter);
+        sessionOpen = true;
+        return;
+    }
+    if (!sessionOpen) return answer.Fail(RC_SessionNotOpen);
+
+    switch (command.code) {
+        case OC_GetStorageIDs:
+            return answer.Data(Words({1, kStorageId}));
+        case OC_GetObjectHandles: {
+            if (p.empty() || (p[0] != kStorageId && p[0] != 0xFFFFFFFF)) {
+                return answer.Fail(RC_InvalidStorageID);
+            }
+            Bytes list;
+            Append32(list, 0);
+            uint32_t count = 0;
+            for (CardObject& object : card) {
+                if (object.hiddenListings > 0) {
+                    --object.hiddenListings;
+                    continue;
+                }
+                Append32(list, object.handle);
+                ++count;
+            }
+            list[0] = static_cast<uint8_t>(count);
+            list[1] = static_cast<uint8_t>(count >> 8);
+            list[2] = static_cast<uint8_t>(count >> 16);
+            list[3] = static_cast<uint8_t>(count >> 24);
+            return answer.Data(std::move(list));
+        }
+        case OC_GetObjectInfo: {
+            CardObject* object = p.empty() ? nullptr : FindVisible(p[0]);
+            if (!object) return answer.Fail(RC_InvalidObjectHandle);
+            return ObjectInfo(*object, answer);
+        }
+        case OC_GetObject: {
+            CardObject* object = p.empty() ? nullptr : FindVisible(p[0]);
+            if (!object || object->folder) return answer.Fail(RC_InvalidObjectHandle);
+            return answer.DataView(object->bytes, object->bytes->data(), object->bytes->size());
+        }
+        case OC_DeleteObject: {
+            CardObject* object = p.empty() ? nullptr : FindVisible(p[0]);
+            if (!object) return answer.Fail(RC_InvalidObjectHandle);
+            if (object->folder) return answer.Fail(RC_AccessDenied);
+            card.erase(card.begin() + (object - card.data()));
+            return;
+        }
+        case OC_Vendor:
+            return ExecuteVendor(command, answer, now);
+        default:
+            return answer.Fail(RC_OperationNotSupported);
+    }
+}
+
+void VirtualCamera::GetMemory(uint32_t address, uint32_t size, Answer& answer) {
+    if (size > kMaxMemoryRead) return answer.Fail(RC_InvalidParameter);
+    if (address == 0) {
+        // The live-view buffer, handed out from where it lies.
+        if (!liveView || liveView->size() < size) {
+            Bytes frame = liveViewGiven && liveView ? Bytes(*liveView) : Bytes();
+            if (frame.size() < size) {
+                Bytes pattern = LiveViewPattern(size, videoSettings[1]);
+                std::copy(pattern.begin() + static_cast<std::ptrdiff_t>(frame.size()),
+                          pattern.end(), std::back_inserter(frame));
+            }
+            liveView = std::make_shared<const Bytes>(std::move(frame));
+        }
+        return answer.DataView(liveView, liveView->data(), size);
+    }
+    Bytes memory(size);
+    if (address == AllocatorAddress(options.model)) {
+        Bytes record = Words({0x00000001, 0x00360000, 0x00180000, 0x00000010, 0x00000000,
+                              0x00000000, 0x000A0000, 0x00061A80, 0x00000137});
+        std::copy_n(record.begin(), std::min(record.size(), memory.size()), memory.begin());
+    }
+    answer.Data(std::move(memory));
+}
+
+void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock::time_point now) {
+    const auto& p = command.params;
+    if (p.empty()) return answer.Fail(RC_InvalidParameter);
+    auto needs = [&](size_t count) { return p.size() >= count + 1; };
+    switch (p[0]) {
+        case 1:  // CHDK GetMemory
+            if (!needs(2)) return answer.Fail(RC_InvalidParameter);
+            return GetMemory(p[1], p[2], answer);
+        case 11: {  // CHDK GetVideoSettings
+            Bytes block;
+            for (uint32_t word : videoSettings) Append32(block, word);
+            return answer.Data(std::move(block));
+        }
+        case 129:  // GetPropCase
+            if (!needs(1)) return answer.Fail(RC_InvalidParameter);
+            return answer.Data(
+                Words({static_cast<uint32_t>(propCases[static_cast<int32_t>(p[1])])}));
+        case 130:  // SetPropCase
+            if (!needs(2)) return answer.Fail(RC_InvalidParameter);
+            propCases[static_cast<int32_t>(p[1])] = static_cast<int32_t>(p[2]);
+            return;
+        case 131:  // GetZoom
+            return answer.Data(Words({static_cast<uint32_t>(zoomPosition)}));
+        case 132: {  // SetZoom
+            if (!needs(1)) return answer.Fail(RC_InvalidParameter);
+            int32_t target = std::clamp(static_cast<int32_t>(p[1]), 0, maxZoom);
+            zoomFrom = zoomPosition;
+            zoomTarget = target;
+            zoomStarted = now;
+            zoomMoving = true;
+            Advance(now);
+            return;
+        }
+        case 140:  // Set_Play_Mode
+            cameraMode = 0;
+            return;
+        case 145: {  // GetOrqmVersion
+            Bytes text(options.orqmVersion.begin(), options.orqmVersion.end());
+            text.push_back(0);
+            return answer.Data(std::move(text));
+        }
+        case 147:  // Shoot
+            if (cameraMode != 1 || recording || shotPending) return answer.Fail(RC_DeviceBusy);
+            shotPending = true;
+            shotDue = now + std::chrono::milliseconds(options.shootMs);
+            Advance(now);
+            return;
+        case 148:  // UpdateAEAF
+            return;
+        case 149: {  // GetEvents: reading clears them
+            uint32_t bits = events;
+            events = 0;
+            return answer.Data(Words({bits}));
+        }
+        case 150:  // GetMode
+            return answer.Data(Words({cameraMode}));
+        case 153: {  // GetCamLog: the log is written to the card as a picture-named object
+            if (!options.camLogSupported) return answer.Fail(RC_OperationNotSupported);
+            auto text = std::make_shared<Bytes>(options.camLog.begin(), options.camLog.end());
+            text->push_back(0);
+            for (CardObject& object : card) {
+                if (object.name == u"img_0002.jpg") {
+                    object.bytes = std::move(text);
+                    return;
+                }
+            }
+            AddObjectLocked(u"img_0002.jpg", std::move(text), false, pictureFolder, 0);
+            return;
+        }
+        case 154:  // MfOn
+            manualFocus = true;
+            return;
+        case 155:  // MfOff
+            manualFocus = false;
+            return;
+        case 156: {  // MoveFocusTo
+            if (!needs(1)) return answer.Fail(RC_InvalidParameter);
+            int32_t wanted = static_cast<int32_t>(p[1]);
+            int32_t reached = wanted;
+            if (focusStuck) {
+                reached = focusPosition;
+            } else if (!focusTable.empty() && wanted != -1) {
+                const auto& stops =
+                    focusTable[static_cast<size_t>(std::clamp(zoomPosition, 0, maxZoom)) %
+                               focusTable.size()];
+                if (!stops.empty()) reached = std::clamp(wanted, stops.front(), stops.back());
+            }
+            focusPosition = reached;
+            return answer.Data(Words({0, static_cast<uint32_t>(reached)}));
+        }
+        case 157:  // GetFocusParams
+            return answer.Data(
+                Words({manualFocus ? 1u : 0u, static_cast<uint32_t>(focusPosition)}));
+        case 158:  // GetVBat
+            return answer.Data(
+                Words({static_cast<uint32_t>(batteryCurrent), static_cast<uint32_t>(batteryMaximum),
+                       static_cast<uint32_t>(batteryMinimum)}));
+        case 160:  // SetCaptureMode
+            if (!needs(1)) return answer.Fail(RC_InvalidParameter);
+            propCases[shootingModeCase] = static_cast<int32_t>(p[1]);
+            return;
+        case 161: {  // GetSerialNumber: 16-bit text, no terminator
+            Bytes text;
+            for (char16_t c : options.serialNumber) Append16(text, c);
+            return answer.Data(std::move(text));
+        }
+        case 162:  // Reset
+            cameraMode = 1;
+            events = 0;
+            manualFocus = false;
+            remote.reset();
+            recording = false;
+            shotPending = false;
+            return;
+        case 163: {  // RemoteCaptureStart
+            if (cameraMode != 1 || recording || remote) return answer.Fail(RC_DeviceBusy);
+            remote = std::make_unique<RemoteCapture>();
+            remote->picture = std::make_shared<const Bytes>(
+                remotePicture.empty() ? JpegLike(options.remotePictureSize, nextHandle)
+                                      : remotePicture);
+            remote->readyAt = now + std::chrono::milliseconds(options.remoteReadyMs);
+            return;
+        }
+        case 164: {  // RemoteCaptureIsReady
+            bool ready = remote && now >= remote->readyAt;
+            if (ready && !remote->announced) {
+                remote->announced = true;
+                events |= EV_REMOTE_AVAILABLE;
+            }
+            answer.params = {ready ? 1u : 0u};
+            return;
+        }
+        case 165: {  // RemoteCaptureGetData
+            if (!remote || now < remote->readyAt) return answer.Fail(RC_DeviceBusy);
+            const Bytes& picture = *remote->picture;
+            size_t offset = remote->offset;
+            size_t chunk =
+                std::min<size_t>(options.remoteChunkSize ? options.remoteChunkSize : picture.size(),
+                                 picture.size() - offset);
+            answer.DataView(remote->picture, picture.data() + offset, chunk);
+            remote->offset += chunk;
+            bool more = remote->offset < picture.size();
+            answer.params = {static_cast<uint32_t>(offset), more ? 1u : 0u,
+                             static_cast<uint32_t>(picture.size())};
+            events |= EV_GET_JPEG_CHUNK | (more ? 0u : uint32_t{EV_LAST_JPEG_CHUNK});
+            if (!more) remote.reset();
+            return;
+        }
+        case 166:  // StartVideo
+            if (cameraMode != 1 || recording) return answer.Fail(RC_DeviceBusy);
+            recording = true;
+            recordingStarted = now;
+            return;
+        case 167: {  // StopVideo
+            if (!recording) return answer.Fail(RC_DeviceBusy);
+            recording = false;
+            auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now - recordingStarted);
+            size_t size = std::max<size_t>(
+                4096, static_cast<size_t>(ms.count()) * options.videoBytesPerSecond / 1000);
+            Bytes movie = JpegLike(size, nextHandle);
+            // A QuickTime file starts with its size and an ftyp atom.
+            const char ftyp[] =
+                "\0\0\0\x14"
+                "ftypqt  ";
+            std::copy(ftyp, ftyp + 12, movie.begin());
+            AddObjectLocked(NextFileName("MVI", "MOV"), std::make_shared<const Bytes>(movie), false,
+                            pictureFolder, 0);
+            return;
+        }
+        default:
+            return answer.Fail(RC_OperationNotSupported);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// State for tests and the OrqSim exports
+
+CameraOptions VirtualCamera::Options() const {
+    std::lock_guard<std::mutex> guard(lock);
+    return options;
+}
+
+void VirtualCamera::SetCameraMode(uint32_t mode) {
+    std::lock_guard<std::mutex> guard(lock);
+    cameraMode = mode;
+}
+
+uint32_t VirtualCamera::CameraMode() const {
+    std::lock_guard<std::mutex> guard(lock);
+    return cameraMode;
+}
+
+void VirtualCamera::SetModeWheel(int32_t rawMode) {
+    std::lock_guard<std::mutex> guard(lock);
+    propCases[shootingModeCase] = rawMode;
+}
+
+void VirtualCamera::SetPropCase(int32_t propCase, int32_t raw) {
+    std::lock_guard<std::mutex> guard(lock);
+    propCases[propCase] = raw;
+}
+
+int32_t VirtualCamera::PropCase(int32_t propCase) const {
+    std::lock_guard<std::mutex> guard(lock);
+    auto found = propCases.find(propCase);
+    return found == propCases.end() ? 0 : found->second;
+}
+
+void VirtualCamera::SetBattery(int32_t current, int32_t maximum, int32_t minimum) {
+    std::lock_guard<std::mutex> guard(lock);
+    batteryCurrent = current;
+    batteryMaximum = maximum;
+    batteryMinimum = minimum;
+}
+
+void VirtualCamera::SetZoomPosition(int32_t position) {
+    std::lock_guard<std::mutex> guard(lock);
+    zoomMoving = false;
+    zoomPosition = position;
+}
+
+int32_t VirtualCamera::ZoomPosition() {
+    std::lock_guard<std::mutex> guard(lock);
+    Advance(Clock::now());
+    return zoomPosition;
+}
+
+void VirtualCamera::SetFocusPosition(int32_t position) {
+    std::lock_guard<std::mutex> guard(lock);
+    focusPosition = position;
+}
+
+int32_t VirtualCamera::FocusPosition() const {
+    std::lock_guard<std::mutex> guard(lock);
+    return focusPosition;
+}
+
+bool VirtualCamera::ManualFocus() const {
+    std::lock_guard<std::mutex> guard(lock);
+    return manualFocus;
+}
+
+void VirtualCamera::SetFocusStuck(bool stuck) {
+    std::lock_guard<std::mutex> guard(lock);
+    focusStuck = stuck;
+}
+
+void VirtualCamera::RaiseEvents(uint32_t mask) {
+    std::lock_guard<std::mutex> guard(lock);
+    events |= mask;
+}
+
+uint32_t VirtualCamera::PendingEvents() const {
+    std::lock_guard<std::mutex> guard(lock);
+    return events;
+}
+
+void VirtualCamera::SetVideoSettings(const std::array<uint32_t, 22>& words) {
+    std::lock_guard<std::mutex> guard(lock);
+    videoSettings = words;
+    if (!liveViewGiven) liveView.reset();
+}
+
+std::array<uint32_t, 22> VirtualCamera::VideoSettings() const {
+    std::lock_guard<std::mutex> guard(lock);
+    return videoSettings;
+}
+
+void VirtualCamera::SetLiveView(Bytes frame) {
+    std::lock_guard<std::mutex> guard(lock);
+    liveViewGiven = !frame.empty();
+    liveView = liveViewGiven ? std::make_shared<const Bytes>(std::move(frame)) : nullptr;
+}
+
+void VirtualCamera::SetShotFileDelay(int listings) {
+    std::lock_guard<std::mutex> guard(lock);
+    shotFileDelay = listings;
+}
+
+void VirtualCamera::SetShotProducesFile(bool produces) {
+    std::lock_guard<std::mutex> guard(lock);
+    shotProducesFile = produces;
+}
+
+void VirtualCamera::SetRemotePicture(Bytes picture) {
+    std::lock_guard<std::mutex> guard(lock);
+    remotePicture = std::move(picture);
+}
+
+bool VirtualCamera::Recording() const {
+    std::lock_guard<std::mutex> guard(lock);
+    return recording;
+}
+
+void VirtualCamera::SetOrqmVersion(const std::string& version) {
+    std::lock_guard<std::mutex> guard(lock);
+    options.orqmVersion = version;
+}
+
+void VirtualCamera::SetCamLogSupported(bool supported) {
+    std::lock_guard<std::mutex> guard(lock);
+    options.camLogSupported = supported;
+}
+
+}  // namespace orqsim

@@ -1,0 +1,338 @@
+// A virtual camera: the device side of the camera protocol, byte for byte. It takes command
+// containers from the bulk-out pipe and puts data and response containers on the bulk-in pipe
+// as the on-camera module would, keeps the state a camera has (card, property cases, lens, mode,
+// battery, events) and can be told to misbehave, per operation or per transfer.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "sim/VirtualEndpoint.h"
+
+namespace orqsim {
+
+using Bytes = std::vector<uint8_t>;
+using SharedBytes = std::shared_ptr<const Bytes>;
+
+// PTP response codes the camera answers with.
+enum : uint16_t {
+    RC_OK = 0x2001,
+    RC_GeneralError = 0x2002,
+    RC_SessionNotOpen = 0x2003,
+    RC_OperationNotSupported = 0x2005,
+    RC_InvalidStorageID = 0x2008,
+    RC_InvalidObjectHandle = 0x2009,
+    RC_AccessDenied = 0x200F,
+    RC_DeviceBusy = 0x2019,
+    RC_InvalidParameter = 0x201D,
+};
+
+struct CameraOptions {
+    std::string model = "SX160";   // model code; the product string carries it
+    std::u16string productString;  // empty: "Orq Camera " + model
+    std::string orqmVersion = "3.1.3.0";
+    std::u16string serialNumber = u"4A2F0C19E7B64D0D8A51C3E2B9F07D16";
+    bool camLogSupported = true;
+    std::string camLog = "Orqm camera log\nboot ok\n";
+    bool folders = true;  // DCIM and one picture folder as association objects
+    uint32_t firstFileNumber = 100;
+    uint32_t zoomStepMs = 10;  // lens travel per zoom step
+    uint32_t shootMs = 0;      // from the shoot command to SHOOT_FINISHED and the new file
+    uint32_t shotFileSize = 180 * 1024;
+    uint32_t remoteReadyMs = 0;
+    uint32_t remotePictureSize = 1536 * 1024;
+    uint32_t remoteChunkSize = 512 * 1024;
+    uint32_t videoBytesPerSecond = 1000 * 1000;
+};
+
+// One operation as the camera received it.
+struct OperationRecord {
+    uint16_t code = 0;
+    std::vector<uint32_t> params;
+    uint32_t transactionId = 0;
+    // The vendor sub-command, or -1 for a standard operation.
+    int64_t SubCommand() const;
+};
+
+enum class Pipe { In, Out };
+
+// A scripted misbehaviour. Per-operation kinds match on opcode (0: any) and sub-command (-1:
+// any), let `skip` matches pass, then hit `times` matches (-1: all). Per-transfer kinds hit the
+// `transfer`th transfer on `pipe` counted from the injection (1: the next), `times` in a row.
+struct Fault {
+    enum Kind {
+        // Per operation.
+        GeneralError,    // a 0x2002 response in place of the answer (and of any data phase)
+        ResponseCode,    // response code `value` in place of the answer, no data phase
+        EchoCode,        // success answered with the operation code instead of OK
+        DataType,        // data container Type = value
+        DataCode,        // data container Code = value
+        ResponseType,    // response container Type = value
+        DataLength,      // data container Length field = value; the payload sent is unchanged
+        ResponseLength,  // response Length field = value; max(value, 4) bytes are sent
+        TruncateData,    // only `value` payload bytes are sent, then nothing more
+        Stall,           // nothing at all comes back for the operation
+        StallResponse,   // the data phase comes, the response never does
+        Disconnect,      // after `value` bytes of the answer the camera is unplugged
+        RawReply,        // `bytes` go on the bulk-in pipe instead of the answer
+        Delay,           // the answer comes `value` ms late
+        // Per transfer.
+        TransferStall,       // the transfer waits until the host's timeout
+        TransferError,       // the transfer fails at once
+        TransferDisconnect,  // the camera is unplugged during the transfer
+        TransferShort,       // at most `value` bytes move (bulk-out: the command is dropped)
+    };
+
+    Kind kind = GeneralError;
+    uint16_t opcode = 0;
+    int64_t subCommand = -1;
+    int skip = 0;
+    int times = 1;
+    Pipe pipe = Pipe::In;
+    uint64_t transfer = 1;
+    uint32_t value = 0;
+    Bytes bytes;
+
+    static Fault Operation(Kind kind, uint16_t opcode, int64_t subCommand = -1, uint32_t value = 0);
+    static Fault Transfer(Kind kind, Pipe pipe, uint64_t transfer, uint32_t value = 0);
+    bool PerTransfer() const { return kind >= TransferStall; }
+};
+
+// One object of the card.
+struct CardObject {
+    uint32_t handle = 0;
+    std::u16string name;
+    SharedBytes bytes;
+    bool folder = false;
+    uint32_t parent = 0;
+    int hiddenListings = 0;  // listings that do not show it yet
+};
+
+class VirtualCamera : public VirtualEndpoint, public std::enable_shared_from_this<VirtualCamera> {
+public:
+    explicit VirtualCamera(CameraOptions options = {});
+    ~VirtualCamera() override;
+
+    // --- VirtualEndpoint --------------------------------------------------------------------
+    std::u16string ProductString() const override;
+    TransferResult BulkOut(const uint8_t* data, size_t size, unsigned timeoutMs) override;
+    TransferResult BulkIn(uint8_t* data, size_t size, unsigned timeoutMs) override;
+    void Abort() override;
+    void Reset() override;
+
+    // --- The cable --------------------------------------------------------------------------
+    // Attaches to the process's virtual bus under path (false if the path is taken).
+    bool PlugIn(const std::u16string& path);
+    // Detaches from the bus; transfers in flight fail.
+    void Unplug();
+    std::u16string Path() const;
+    bool PluggedIn() const;
+
+    // --- Camera state -----------------------------------------------------------------------
+    CameraOptions Options() const;
+    // Answer of the mode request: 1 is record mode, anything else play mode.
+    void SetCameraMode(uint32_t mode);
+    uint32_t CameraMode() const;
+    // The raw shooting mode, as turning the mode wheel sets it.
+    void SetModeWheel(int32_t rawMode);
+    int32_t ShootingModeCase() const { return shootingModeCase; }
+    void SetPropCase(int32_t propCase, int32_t raw);
+    int32_t PropCase(int32_t propCase) const;
+    void SetBattery(int32_t current, int32_t maximum, int32_t minimum);
+    // The lens moved by hand: no event.
+    void SetZoomPosition(int32_t position);
+    int32_t ZoomPosition();
+    int32_t MaxZoom() const { return maxZoom; }
+    void SetFocusPosition(int32_t position);
+    int32_t FocusPosition() const;
+    bool ManualFocus() const;
+    // The lens refuses to move: every move reports the present position.
+    void SetFocusStuck(bool stuck);
+    void RaiseEvents(uint32_t mask);
+    uint32_t PendingEvents() const;
+    void SetVideoSettings(const std::array<uint32_t, 22>& words);
+    std::array<uint32_t, 22> VideoSettings() const;
+    // Live-view memory (address 0); empty: a generated pattern of the requested size.
+    void SetLiveView(Bytes frame);
+    // The next shots' files stay out of that many listings; a shot may produce no file at all.
+    void SetShotFileDelay(int listings);
+    void SetShotProducesFile(bool produces);
+    // The picture of the next remote captures; empty: a generated JPEG of the options' size.
+    void SetRemotePicture(Bytes picture);
+    bool Recording() const;
+    void SetOrqmVersion(const std::string& version);
+    void SetCamLogSupported(bool supported);
+
+    // --- The card ---------------------------------------------------------------------------
+    uint32_t AddFile(const std::u16string& name, Bytes bytes, int hiddenListings = 0);
+    // A file of `size` bytes of generated content.
+    uint32_t AddFileOfSize(const std::u16string& name, size_t size);
+    bool ReplaceFile(uint32_t handle, Bytes bytes);
+    bool RemoveFile(uint32_t handle);
+    void ClearCard();
+    // Files only (no folders), in card order.
+    std::vector<CardObject> Files() const;
+    SharedBytes FileBytes(uint32_t handle) const;
+
+    // --- Faults, record, timing -------------------------------------------------------------
+    void InjectFault(Fault fault);
+    void ClearFaults();
+    std::vector<OperationRecord> Operations() const;
+    void ClearOperations();
+    // How many operations of that code (and sub-command, -1: any) were received.
+    size_t CountOperations(uint16_t code, int64_t subCommand = -1) const;
+    // The benchmark turns the record off: it keeps every operation otherwise.
+    void SetRecordOperations(bool record);
+    // Latency added to every transfer, and per byte moved.
+    void SetLatency(std::chrono::nanoseconds perTransfer, std::chrono::nanoseconds perByte);
+    // Caps every wait of the camera (a stall, an empty pipe): a test need not wait the
+    // transport's full timeout. 0: the transport's timeout.
+    void SetStallLimit(unsigned milliseconds);
+    uint64_t BulkInCount() const;
+    uint64_t BulkOutCount() const;
+    // Commands the camera could not parse (short, wrong type, wrong length).
+    uint64_t ProtocolErrors() const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Command {
+        uint16_t code = 0;
+        uint32_t transactionId = 0;
+        std::vector<uint32_t> params;
+    };
+
+    // What an operation gives back before any fault.
+    struct Answer {
+        bool hasData = false;
+        Bytes payload;       // small, generated payloads
+        SharedBytes shared;  // large payloads, sent straight from storage
+        const uint8_t* sharedData = nullptr;
+        size_t sharedSize = 0;
+        uint16_t code = RC_OK;
+        std::vector<uint32_t> params;
+
+        void Data(Bytes bytes);
+        void DataView(SharedBytes owner, const uint8_t* data, size_t size);
+        void Fail(uint16_t rc);
+        const uint8_t* PayloadData() const { return shared ? sharedData : payload.data(); }
+        size_t PayloadSize() const { return shared ? sharedSize : payload.size(); }
+    };
+
+    // One container (or raw bytes) queued on the bulk-in pipe. A read never crosses its end.
+    struct Packet {
+        Bytes head;
+        SharedBytes body;
+        const uint8_t* bodyData = nullptr;
+        size_t bodySize = 0;
+        size_t limit = 0;  // bytes that will actually go out
+        size_t offset = 0;
+        Clock::time_point readyAt;
+    };
+
+    struct RemoteCapture {
+        SharedBytes picture;
+        size_t offset = 0;
+        Clock::time_point readyAt;
+        bool announced = false;
+    };
+
+    // Operations (CameraOperations.cpp); all run with `lock` held.
+    void InitialiseFromProfile();
+    void Advance(Clock::time_point now);
+    void Execute(const Command& command, Answer& answer, Clock::time_point now);
+    void ExecuteVendor(const Command& command, Answer& answer, Clock::time_point now);
+    void ObjectInfo(const CardObject& object, Answer& answer) const;
+    CardObject* FindVisible(uint32_t handle);
+    uint32_t AddObjectLocked(const std::u16string& name, SharedBytes bytes, bool folder,
+                             uint32_t parent, int hiddenListings);
+    void GetMemory(uint32_t address, uint32_t size, Answer& answer);
+    void AddShotFile();
+    std::u16string NextFileName(const char* prefix, const char* extension);
+
+    // Transfers (VirtualCamera.cpp).
+    bool TakeTransferFault(Pipe pipe, uint64_t index, Fault& hit);
+    std::vector<Fault> TakeOperationFaults(const Command& command);
+    void Queue(const Command& command, Answer& answer, const std::vector<Fault>& faults,
+               Clock::time_point now);
+    void Record(const Command& command);
+    bool Gone() const { return aborted || unplugged; }
+    Clock::time_point Deadline(unsigned timeoutMs) const;
+    std::chrono::nanoseconds Latency(size_t bytes) const;
+    static void Wait(std::chrono::nanoseconds wait);
+    TransferResult DisconnectNow(std::unique_lock<std::mutex>& guard);
+
+    CameraOptions options;
+    std::u16string productString;
+
+    mutable std::mutex lock;
+    std::condition_variable pendingChanged;
+    std::deque<Packet> pending;
+    bool aborted = false;
+    bool unplugged = false;
+    bool disconnectArmed = false;  // unplug once the pipe has been read empty
+    std::u16string path;
+    bool onBus = false;
+
+    // Faults and record.
+    std::vector<Fault> operationFaults;
+    std::vector<Fault> transferFaults;
+    std::deque<OperationRecord> record;
+    bool recordOperations = true;
+    uint64_t inCount = 0;
+    uint64_t outCount = 0;
+    uint64_t protocolErrors = 0;
+    std::chrono::nanoseconds latencyPerTransfer{0};
+    std::chrono::nanoseconds latencyPerByte{0};
+    unsigned stallLimitMs = 0;
+
+    // Camera.
+    bool sessionOpen = false;
+    uint32_t cameraMode = 1;
+    std::map<int32_t, int32_t> propCases;
+    int32_t shootingModeCase = 49;
+    int32_t maxZoom = 10;
+    std::vector<std::vector<int32_t>> focusTable;
+    int32_t batteryCurrent = 4000, batteryMaximum = 4200, batteryMinimum = 3300;
+    uint32_t events = 0;
+    // Zoom travel.
+    int32_t zoomPosition = 0;
+    int32_t zoomFrom = 0;
+    int32_t zoomTarget = 0;
+    bool zoomMoving = false;
+    Clock::time_point zoomStarted;
+    // Focus.
+    int32_t focusPosition = 0;
+    bool manualFocus = false;
+    bool focusStuck = false;
+    // Shots.
+    bool shotPending = false;
+    Clock::time_point shotDue;
+    int shotFileDelay = 0;
+    bool shotProducesFile = true;
+    uint32_t nextFileNumber = 100;
+    // Remote capture.
+    std::unique_ptr<RemoteCapture> remote;
+    Bytes remotePicture;
+    // Video.
+    bool recording = false;
+    Clock::time_point recordingStarted;
+    // Live view.
+    std::array<uint32_t, 22> videoSettings{};
+    SharedBytes liveView;
+    bool liveViewGiven = false;
+    // Card.
+    std::vector<CardObject> card;
+    uint32_t nextHandle = 1;
+    uint32_t pictureFolder = 0;
+};
+
+}  // namespace orqsim
