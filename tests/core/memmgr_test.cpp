@@ -1,0 +1,78 @@
+#include "memmgr.h"
+
+#include <gtest/gtest.h>
+
+#include "test_support.h"
+
+using namespace orq;
+using orqtest::CountContaining;
+using orqtest::MainLogSince;
+using orqtest::MainLogSize;
+
+TEST(MemoryManager, FreeRunsTheFunctionOnceAndForgetsThePointer) {
+    int runs = 0;
+    int object = 0;
+    memmgr::Register(
+        &object,
+        [&](void* p) {
+            EXPECT_EQ(p, &object);
+            ++runs;
+        },
+        __FILE__, __LINE__);
+    size_t start = MainLogSize();
+    memmgr::Free(&object);
+    EXPECT_EQ(runs, 1);
+    EXPECT_EQ(CountContaining(MainLogSince(start), "OrqFree: unknown pointer"), 0);
+    memmgr::Free(&object);
+    EXPECT_EQ(runs, 1);
+    EXPECT_EQ(CountContaining(MainLogSince(start), "OrqFree: unknown pointer"), 1);
+}
+
+TEST(MemoryManager, RegisteringAgainReplacesTheEntry) {
+    int first = 0, second = 0, object = 0;
+    memmgr::Register(
+        &object, [&](void*) { ++first; }, __FILE__, __LINE__);
+    memmgr::Register(
+        &object, [&](void*) { ++second; }, __FILE__, __LINE__);
+    memmgr::Free(&object);
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(second, 1);
+}
+
+TEST(MemoryManager, AFreeFunctionMayRegisterAndFree) {
+    int inner = 0, outer = 0, innerRuns = 0;
+    memmgr::Register(
+        &outer,
+        [&](void*) {
+            memmgr::Register(
+                &inner, [&](void*) { ++innerRuns; }, __FILE__, __LINE__);
+            memmgr::Free(&inner);
+        },
+        __FILE__, __LINE__);
+    memmgr::Free(&outer);
+    EXPECT_EQ(innerRuns, 1);
+}
+
+TEST(MemoryManager, SweepReleasesEverythingOnceAndReportsEachEntry) {
+    int a = 0, b = 0, c = 0;
+    int runs = 0;
+    for (int* p : {&a, &b, &c})
+        memmgr::Register(
+            p, [&](void*) { ++runs; }, "dir/Owner.cpp", 77);
+    size_t start = MainLogSize();
+    memmgr::Sweep();
+    EXPECT_EQ(runs, 3);
+    auto lines = MainLogSince(start);
+    EXPECT_EQ(CountContaining(lines, "active free func: Owner 77"), 3);
+    // A late release or a second sweep reports but never releases twice.
+    memmgr::Free(&a);
+    memmgr::Sweep();
+    EXPECT_EQ(runs, 3);
+    auto later = MainLogSince(start);
+    EXPECT_EQ(CountContaining(later, "active free func: Owner 77"), 5);
+    memmgr::Free(&b);
+    memmgr::Free(&c);
+    size_t quiet = MainLogSize();
+    memmgr::Sweep();
+    EXPECT_TRUE(MainLogSince(quiet).empty());
+}
