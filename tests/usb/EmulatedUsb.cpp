@@ -1,0 +1,458 @@
+#include "tests/usb/EmulatedUsb.h"
+
+// clang-format off
+#include <linux/ioctl.h>  // before usbdevice_fs.h, which does not include it
+#include <linux/usbdevice_fs.h>
+// clang-format on
+#include <sys/prctl.h>
+#include <umockdev.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <stdexcept>
+#include <vector>
+
+namespace orqtest {
+
+namespace {
+
+using orqsim::TransferResult;
+using Holder = EmulatedDeviceOptions::Holder;
+
+constexpr uint16_t kVendorId = 0x1209;  // the open test vendor id; the host looks at none
+constexpr uint16_t kProductId = 0x0001;
+
+void Put16(std::vector<uint8_t>& out, uint16_t value) {
+    out.push_back(static_cast<uint8_t>(value & 0xFF));
+    out.push_back(static_cast<uint8_t>(value >> 8));
+}
+
+std::vector<uint8_t> Descriptors(const EmulatedDeviceOptions& options) {
+    std::vector<uint8_t> device = {18, 1, 0x00, 0x02};
+    if (options.hub) {
+        device.insert(device.end(), {9, 0, 1});
+    } else {
+        device.insert(device.end(), {0, 0, 0});
+    }
+    device.push_back(64);
+    Put16(device, kVendorId);
+    Put16(device, options.hub ? 0x0002 : kProductId);
+    Put16(device, 0x0100);
+    device.insert(device.end(), {1, 2, 3, 1});
+
+    std::vector<uint8_t> endpoints;
+    auto endpoint = [&](uint8_t address, uint8_t type, uint16_t size, uint8_t interval) {
+        endpoints.insert(endpoints.end(), {7, 5, address, type});
+        Put16(endpoints, size);
+        endpoints.push_back(interval);
+    };
+    uint8_t interfaceClass = options.interfaceClass, subClass = 1, protocol = 1;
+    if (options.hub) {
+        interfaceClass = 9;
+        subClass = protocol = 0;
+        endpoint(0x81, 3, 4, 12);
+    } else {
+        if (interfaceClass != 6) subClass = protocol = 0;
+        if (options.bulkIn) endpoint(0x81, 2, options.packetSize, 0);
+        if (options.bulkOut) endpoint(0x02, 2, options.packetSize, 0);
+        if (options.interruptIn) endpoint(0x83, 3, 8, 9);
+    }
+    std::vector<uint8_t> interface = {
+        9,        4,        0, 0, static_cast<uint8_t>(endpoints.size() / 7), interfaceClass,
+        subClass, protocol, 0};
+    std::vector<uint8_t> config = {9, 2};
+    Put16(config, static_cast<uint16_t>(9 + interface.size() + endpoints.size()));
+    config.insert(config.end(), {1, 1, 0, 0xC0, 50});
+
+    std::vector<uint8_t> all = device;
+    all.insert(all.end(), config.begin(), config.end());
+    all.insert(all.end(), interface.begin(), interface.end());
+    all.insert(all.end(), endpoints.begin(), endpoints.end());
+    return all;
+}
+
+std::vector<uint8_t> StringDescriptor(const std::u16string& text) {
+    size_t units = std::min<size_t>(text.size(), 126);  // bLength is one byte
+    std::vector<uint8_t> out = {static_cast<uint8_t>(2 + 2 * units), 3};
+    for (size_t i = 0; i < units; ++i) Put16(out, static_cast<uint16_t>(text[i]));
+    return out;
+}
+
+std::string Narrow(const std::u16string& text) {
+    return std::string(text.begin(), text.end());
+}
+
+}  // namespace
+
+std::string DescriptorsHex(const EmulatedDeviceOptions& options) {
+    std::string hex;
+    char digits[3];
+    for (uint8_t byte : Descriptors(options)) {
+        std::snprintf(digits, sizeof digits, "%02x", byte);
+        hex += digits;
+    }
+    return hex;
+}
+
+// One emulated device: the usbfs side of its /dev node. Everything but construction runs on
+// umockdev's worker thread, except Unplug and SetHolder from the test; the lock guards it all.
+struct EmulatedUsbBus::Device {
+    struct Urb {
+        UMockdevIoctlData* data;  // the submitted urb, its buffer resolved to a local copy
+        int moved = 0;
+        int status = 0;
+    };
+
+    std::u16string path;
+    std::string sysPath;
+    std::string devNode;
+    std::shared_ptr<orqsim::VirtualEndpoint> endpoint;
+    EmulatedDeviceOptions options;
+    UMockdevIoctlBase* handler = nullptr;
+
+    mutable std::mutex lock;
+    Holder holder = Holder::None;
+    bool removed = false;
+    EmulatedDeviceStats stats;
+    std::deque<Urb> pending;   // submitted, not finished
+    std::deque<Urb> finished;  // to be reaped, in this order
+    std::vector<uint8_t> scratch;
+
+    ~Device() {
+        DropUrbs();
+        if (handler) g_object_unref(handler);
+    }
+
+    void DropUrbs() {
+        for (auto* list : {&pending, &finished}) {
+            for (Urb& urb : *list) g_object_unref(urb.data);
+            list->clear();
+        }
+    }
+
+    static usbdevfs_urb* Raw(const Urb& urb) {
+        return reinterpret_cast<usbdevfs_urb*>(urb.data->data);
+    }
+
+    static gboolean OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer self) {
+        static_cast<Device*>(self)->Ioctl(client);
+        return TRUE;
+    }
+
+    static void OnConnected(UMockdevIoctlBase*, UMockdevIoctlClient*, gpointer self) {
+        auto* device = static_cast<Device*>(self);
+        std::lock_guard<std::mutex> guard(device->lock);
+        ++device->stats.opens;
+        if (device->endpoint) device->endpoint->Reset();
+    }
+
+    void Ioctl(UMockdevIoctlClient* client) {
+        std::lock_guard<std::mutex> guard(lock);
+        UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
+        switch (umockdev_ioctl_client_get_request(client)) {
+            case USBDEVFS_GET_CAPABILITIES: {
+                UMockdevIoctlData* caps =
+                    umockdev_ioctl_data_resolve(arg, 0, sizeof(uint32_t), nullptr);
+                *reinterpret_cast<uint32_t*>(caps->data) =
+                    USBDEVFS_CAP_ZERO_PACKET | USBDEVFS_CAP_BULK_CONTINUATION |
+                    USBDEVFS_CAP_NO_PACKET_SIZE_LIM | USBDEVFS_CAP_BULK_SCATTER_GATHER |
+                    USBDEVFS_CAP_REAP_AFTER_DISCONNECT;
+                g_object_unref(caps);
+                return Complete(client, 0);
+            }
+            case USBDEVFS_CLAIMINTERFACE:
+                // A bound driver, or another program's claim, keeps the interface busy.
+                if (removed) return Complete(client, ENODEV);
+                if (holder != Holder::None) return Complete(client, EBUSY);
+                ++stats.claims;
+                return Complete(client, 0);
+            case USBDEVFS_DISCONNECT_CLAIM: {
+                if (removed) return Complete(client, ENODEV);
+                UMockdevIoctlData* data =
+                    umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_disconnect_claim), nullptr);
+                auto* request = reinterpret_cast<usbdevfs_disconnect_claim*>(data->data);
+                bool spareUsbfs = (request->flags & USBDEVFS_DISCONNECT_CLAIM_EXCEPT_DRIVER) &&
+                                  std::strcmp(request->driver, "usbfs") == 0;
+                g_object_unref(data);
+                if (holder == Holder::OtherProgram && spareUsbfs) return Complete(client, EBUSY);
+                if (holder != Holder::None) ++stats.detaches;
+                holder = Holder::None;
+                ++stats.claims;
+                return Complete(client, 0);
+            }
+            case USBDEVFS_GETDRIVER: {
+                if (holder == Holder::None) return Complete(client, ENODATA);
+                UMockdevIoctlData* data =
+                    umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_getdriver), nullptr);
+                auto* request = reinterpret_cast<usbdevfs_getdriver*>(data->data);
+                std::snprintf(request->driver, sizeof request->driver, "%s",
+                              holder == Holder::OtherProgram ? "usbfs" : "still-image-test");
+                g_object_unref(data);
+                return Complete(client, 0);
+            }
+            case USBDEVFS_RELEASEINTERFACE:
+                // The host closes the device (umockdev does not tell when the node is closed).
+                ++stats.releases;
+                if (endpoint) endpoint->Abort();
+                return Complete(client, removed ? ENODEV : 0);
+            case USBDEVFS_CLEAR_HALT:
+            case USBDEVFS_RESETEP:
+                return Complete(client, removed ? ENODEV : 0);
+            case USBDEVFS_SUBMITURB:
+                return Submit(client, arg);
+            case USBDEVFS_DISCARDURB:
+                return Discard(client, arg);
+            case USBDEVFS_REAPURB:
+            case USBDEVFS_REAPURBNDELAY:
+                return Reap(client, arg);
+            default:
+                // Reattaching a kernel driver and the like: not supported by this device.
+                return Complete(client, ENOTTY);
+        }
+    }
+
+    static void Complete(UMockdevIoctlClient* client, int error) {
+        umockdev_ioctl_client_complete(client, error ? -1 : 0, error);
+    }
+
+    void Submit(UMockdevIoctlClient* client, UMockdevIoctlData* arg) {
+        if (removed) return Complete(client, ENODEV);
+        UMockdevIoctlData* data =
+            umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_urb), nullptr);
+        auto* urb = reinterpret_cast<usbdevfs_urb*>(data->data);
+        if (urb->buffer_length > 0) {
+            UMockdevIoctlData* buffer =
+                umockdev_ioctl_data_resolve(data, offsetof(usbdevfs_urb, buffer),
+                                            static_cast<gsize>(urb->buffer_length), nullptr);
+            g_object_unref(buffer);  // the urb keeps it
+        }
+        if (urb->type == USBDEVFS_URB_TYPE_BULK) ++stats.bulkSubmits;
+        pending.push_back(Urb{data, 0, 0});
+        Complete(client, 0);
+    }
+
+    void Discard(UMockdevIoctlClient* client, UMockdevIoctlData* arg) {
+        auto address = reinterpret_cast<gulong>(*reinterpret_cast<void**>(arg->data));
+        for (auto it = pending.begin(); it != pending.end(); ++it) {
+            if (it->data->client_addr != address) continue;
+            it->status = -ENOENT;
+            finished.push_back(*it);
+            pending.erase(it);
+            ++stats.discards;
+            return Complete(client, 0);
+        }
+        Complete(client, EINVAL);
+    }
+
+    void Reap(UMockdevIoctlClient* client, UMockdevIoctlData* arg) {
+        if (finished.empty()) {
+            for (auto it = pending.begin(); it != pending.end(); ++it) {
+                if (!Progress(*it)) continue;
+                finished.push_back(*it);
+                pending.erase(it);
+                break;
+            }
+        }
+        if (finished.empty()) return Complete(client, removed ? ENODEV : EAGAIN);
+        Urb urb = finished.front();
+        finished.pop_front();
+        usbdevfs_urb* raw = Raw(urb);
+        raw->status = urb.status;
+        raw->actual_length = urb.moved;
+        UMockdevIoctlData* slot = umockdev_ioctl_data_resolve(arg, 0, sizeof(void*), nullptr);
+        umockdev_ioctl_data_set_ptr(slot, 0, urb.data);
+        g_object_unref(slot);
+        Complete(client, 0);
+        g_object_unref(urb.data);
+    }
+
+    // Moves data for one urb as far as the device allows now; true once the urb is done. The
+    // worker thread must not block, so the endpoint is asked with no wait and asked again at
+    // the next reap.
+    bool Progress(Urb& urb) {
+        usbdevfs_urb* raw = Raw(urb);
+        auto* buffer = static_cast<uint8_t*>(raw->buffer);
+        if (raw->type == USBDEVFS_URB_TYPE_CONTROL) return Control(urb, buffer);
+        if (raw->type != USBDEVFS_URB_TYPE_BULK || !endpoint) return false;
+        if (raw->endpoint & 0x80) {
+            size_t packet = options.packetSize;
+            while (true) {
+                // The device sends whole packets: one that does not fit the room left is
+                // babble, which fails the urb with the bytes that fitted.
+                size_t room = static_cast<size_t>(raw->buffer_length - urb.moved);
+                size_t ask = (room + packet - 1) / packet * packet;
+                scratch.resize(ask);
+                TransferResult result = endpoint->BulkIn(scratch.data(), ask, 0);
+                if (result.status == TransferResult::Timeout) return false;
+                if (result.status != TransferResult::Ok) return Fail(urb, result.status);
+                size_t fits = std::min(result.count, room);
+                std::memcpy(buffer + urb.moved, scratch.data(), fits);
+                urb.moved += static_cast<int>(fits);
+                if (result.count > room) {
+                    urb.status = -EOVERFLOW;
+                    return true;
+                }
+                // A short (or empty) packet or a full buffer ends a bulk-in urb.
+                if (result.count == 0 || result.count % options.packetSize != 0 ||
+                    urb.moved == raw->buffer_length) {
+                    return true;
+                }
+            }
+        }
+        TransferResult result =
+            endpoint->BulkOut(buffer, static_cast<size_t>(raw->buffer_length), 0);
+        if (result.status == TransferResult::Timeout) return false;
+        if (result.status != TransferResult::Ok) return Fail(urb, result.status);
+        urb.moved = static_cast<int>(result.count);
+        return true;
+    }
+
+    static bool Fail(Urb& urb, TransferResult::Status status) {
+        urb.status = status == TransferResult::Error ? -EPIPE : -ESHUTDOWN;
+        return true;
+    }
+
+    // Standard requests on endpoint 0: only string descriptors are asked for (the rest comes
+    // from sysfs). The buffer starts with the 8-byte setup packet, which actual_length omits.
+    bool Control(Urb& urb, uint8_t* buffer) {
+        usbdevfs_urb* raw = Raw(urb);
+        urb.status = -EPIPE;
+        if (raw->buffer_length < 8) return true;
+        uint16_t value = static_cast<uint16_t>(buffer[2] | (buffer[3] << 8));
+        uint16_t length = static_cast<uint16_t>(buffer[6] | (buffer[7] << 8));
+        if (buffer[0] != 0x80 || buffer[1] != 6 || (value >> 8) != 3) return true;
+        std::vector<uint8_t> reply;
+        switch (value & 0xFF) {
+            case 0:
+                reply = {4, 3, 0x09, 0x04};
+                break;
+            case 1:
+                reply = StringDescriptor(u"OrqSDK tests");
+                break;
+            case 2:
+                reply = StringDescriptor(endpoint ? endpoint->ProductString() : u"");
+                break;
+            case 3:
+                reply = StringDescriptor(u"0001");
+                break;
+            default:
+                return true;
+        }
+        size_t count =
+            std::min<size_t>({reply.size(), length, static_cast<size_t>(raw->buffer_length - 8)});
+        std::memcpy(buffer + 8, reply.data(), count);
+        urb.moved = static_cast<int>(count);
+        urb.status = 0;
+        return true;
+    }
+};
+
+EmulatedUsbBus::EmulatedUsbBus() {
+    // Timer slack of the default 50 us on every poll the emulation makes halves its speed;
+    // threads made from here on (umockdev's worker, libusb's) inherit this.
+    prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+    testbed = umockdev_testbed_new();
+    if (!testbed) throw std::runtime_error("umockdev_testbed_new failed");
+    EmulatedDeviceOptions hub;
+    hub.hub = true;
+    std::string text =
+        "P: /devices/usb1\nN: bus/usb/001/001\nE: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\n"
+        "E: DRIVER=usb\nE: BUSNUM=001\nE: DEVNUM=001\nE: DEVNAME=/dev/bus/usb/001/001\n"
+        "A: busnum=1\\n\nA: devnum=1\\n\nA: bConfigurationValue=1\\n\nA: speed=480\\n\n"
+        "H: descriptors=" +
+        DescriptorsHex(hub) + "\n";
+    if (!umockdev_testbed_add_from_string(testbed, text.c_str(), nullptr)) {
+        throw std::runtime_error("umockdev could not add the root hub");
+    }
+}
+
+EmulatedUsbBus::~EmulatedUsbBus() {
+    for (auto& entry : devices) {
+        umockdev_testbed_detach_ioctl(testbed, entry.second->devNode.c_str(), nullptr);
+    }
+    g_object_unref(testbed);
+    devices.clear();
+}
+
+std::u16string EmulatedUsbBus::Plug(std::shared_ptr<orqsim::VirtualEndpoint> endpoint,
+                                    EmulatedDeviceOptions options) {
+    unsigned address = nextAddress++;
+    unsigned port = address - 1;
+    char text[64];
+    auto device = std::make_unique<Device>();
+    std::snprintf(text, sizeof text, "usb:001:%03u", address);
+    device->path = std::u16string(text, text + std::strlen(text));
+    std::snprintf(text, sizeof text, "/sys/devices/usb1/1-%u", port);
+    device->sysPath = text;
+    std::snprintf(text, sizeof text, "/dev/bus/usb/001/%03u", address);
+    device->devNode = text;
+    device->endpoint = std::move(endpoint);
+    device->options = options;
+    device->holder = options.holder;
+
+    // The handler goes on before the device appears, so that no open can miss it.
+    device->handler = umockdev_ioctl_base_new();
+    g_signal_connect_after(device->handler, "handle-ioctl", G_CALLBACK(Device::OnIoctl),
+                           device.get());
+    g_signal_connect(device->handler, "client-connected", G_CALLBACK(Device::OnConnected),
+                     device.get());
+    if (!umockdev_testbed_attach_ioctl(testbed, device->devNode.c_str(), device->handler,
+                                       nullptr)) {
+        throw std::runtime_error("umockdev could not attach to " + device->devNode);
+    }
+
+    char numbers[160];
+    std::snprintf(numbers, sizeof numbers,
+                  "E: BUSNUM=001\nE: DEVNUM=%03u\nE: DEVNAME=%s\nA: busnum=1\\n\nA: devnum=%u\\n\n",
+                  address, device->devNode.c_str(), address);
+    std::string description = "P: " + device->sysPath.substr(4) +
+                              "\nN: " + device->devNode.substr(5) +
+                              "\nE: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: DRIVER=usb\n" +
+                              numbers + "A: bConfigurationValue=1\\n\nA: speed=480\\n\n" +
+                              "H: descriptors=" + DescriptorsHex(options) + "\n";
+    if (!umockdev_testbed_add_from_string(testbed, description.c_str(), nullptr)) {
+        throw std::runtime_error("umockdev could not add " + device->sysPath);
+    }
+    std::u16string path = device->path;
+    devices.emplace(path, std::move(device));
+    return path;
+}
+
+void EmulatedUsbBus::Unplug(const std::u16string& path) {
+    auto it = devices.find(path);
+    if (it == devices.end()) throw std::runtime_error("not plugged: " + Narrow(path));
+    Device& device = *it->second;
+    {
+        std::lock_guard<std::mutex> guard(device.lock);
+        if (device.removed) return;
+        device.removed = true;
+        // What the kernel does to urbs in flight when the device goes.
+        for (auto& urb : device.pending) {
+            urb.status = -ESHUTDOWN;
+            device.finished.push_back(urb);
+        }
+        device.pending.clear();
+    }
+    if (device.endpoint) device.endpoint->Abort();
+    umockdev_testbed_uevent(testbed, device.sysPath.c_str(), "remove");
+    umockdev_testbed_remove_device(testbed, device.sysPath.c_str());
+}
+
+void EmulatedUsbBus::SetHolder(const std::u16string& path, EmulatedDeviceOptions::Holder holder) {
+    Device& device = *devices.at(path);
+    std::lock_guard<std::mutex> guard(device.lock);
+    device.holder = holder;
+}
+
+EmulatedDeviceStats EmulatedUsbBus::Stats(const std::u16string& path) const {
+    const Device& device = *devices.at(path);
+    std::lock_guard<std::mutex> guard(device.lock);
+    return device.stats;
+}
+
+}  // namespace orqtest
