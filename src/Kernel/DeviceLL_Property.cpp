@@ -154,7 +154,7 @@ OrqResult DeviceLL::SetPropertyData(int id, int value) {
             ORQ_LOG(ERR, "Unknown property: %d", id);
             return ORQ_UNKNOWN_PROPERTY;
         }
-        if (!PropertyWritable(id)) {
+        if (!IsPropertyWritable(id)) {
             ORQ_LOG(ERR, "failed to set read only property");
             return ORQ_ERROR;
         }
@@ -246,7 +246,7 @@ OrqResult DeviceLL::GetPropertyDesc(int id, OrqPropertyDesc** description) {
             values.push_back(record.value);
             if (record.hasSize) sizes.push_back(OrqSize{record.width, record.height});
         }
-        readOnly = !PropertyWritable(id);
+        readOnly = !IsPropertyWritable(id);
     }
     if (!description) return ORQ_ERROR;
 

@@ -1,0 +1,359 @@
+// The property engine of one DeviceLL against a virtual camera: loading and translation, the set
+// pipeline, constraints, compound writes, camera mode and battery level.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+
+#include "Kernel/DeviceLL.h"
+#include "SDKConfig.h"
+#include "sim/VirtualBus.h"
+#include "sim/VirtualCamera.h"
+#include "tests/core/test_support.h"
+
+namespace {
+
+using orqsim::VirtualCamera;
+using Ops = std::vector<std::pair<int64_t, std::vector<uint32_t>>>;
+
+constexpr int64_t kSetPropCase = 130, kGetPropCase = 129, kSetCaptureMode = 160;
+
+class Camera : public orq::DeviceLL {
+public:
+    Camera(orq::UsbLib* usb, std::u16string path) : DeviceLL(usb, &settings, std::move(path)) {}
+    void OnPropertyChanged(int id) override { changed.push_back(id); }
+    void OnPropertyListChanged() override { ++listChanges; }
+    std::map<int32_t, int32_t>& Values() { return propertyValues; }
+    int32_t Zoom() { return zoom; }
+
+    std::vector<int> changed;
+    int listChanges = 0;
+    static inline orq::SDKConfig settings;
+};
+
+struct NoNotify : orq::IUsbLib_Notify {
+    void OnDeviceChange() override {}
+};
+
+// One virtual camera of a model, opened by a DeviceLL, its cases set by `prepare` before loading.
+struct Rig {
+    explicit Rig(const std::string& model, std::function<void(VirtualCamera&)> prepare = {}) {
+        static int serial = 0;
+        std::u16string path = u"props-unit-" + std::u16string(1, char16_t(u'A' + serial++ % 26));
+        orqsim::CameraOptions options;
+        options.model = model;
+        sim = std::make_shared<VirtualCamera>(options);
+        EXPECT_TRUE(sim->PlugIn(path));
+        usb = orqsim::CreateVirtualUsbLib(&notify);
+        camera = std::make_unique<Camera>(usb.get(), path);
+        EXPECT_EQ(camera->OpenCamera(), ORQ_OK);
+        EXPECT_EQ(camera->PTPOpenSession(), ORQ_OK);
+        if (prepare) prepare(*sim);
+        logStart = orqtest::MainLogSize();
+        loaded = camera->LoadProperties();
+        loadOps = Take();
+    }
+    ~Rig() {
+        camera.reset();
+        sim->Unplug();
+    }
+    // Vendor operations since the load (or the last call), with their further parameters.
+    Ops Take(int64_t only = -1) {
+        Ops ops;
+        for (const auto& op : sim->Operations()) {
+            if (op.SubCommand() < 0 || (only >= 0 && op.SubCommand() != only)) continue;
+            ops.emplace_back(op.SubCommand(),
+                             std::vector<uint32_t>(op.params.begin() + 1, op.params.end()));
+        }
+        sim->ClearOperations();
+        return ops;
+    }
+    int Logged(const std::string& text) const {
+        return orqtest::CountContaining(orqtest::MainLogSince(logStart), text);
+    }
+    int Value(int id) { return camera->Values().at(id); }
+
+    NoNotify notify;
+    std::shared_ptr<VirtualCamera> sim;
+    std::unique_ptr<orq::UsbLib> usb;
+    std::unique_ptr<Camera> camera;
+    size_t logStart = 0;
+    OrqResult loaded = ORQ_ERROR;
+    Ops loadOps;
+};
+
+std::pair<int64_t, std::vector<uint32_t>> Set(uint32_t propCase, int32_t raw) {
+    return {kSetPropCase, {propCase, static_cast<uint32_t>(raw)}};
+}
+
+std::vector<int> PropertyList(Camera& camera) {
+    int* list = nullptr;
+    int count = -1;
+    EXPECT_EQ(camera.GetPropertyList(&list, &count), ORQ_OK);
+    std::vector<int> ids(list, list + count);
+    camera.FreePointer(list);
+    return ids;
+}
+
+std::vector<int> Offered(Camera& camera, int id, bool* readOnly = nullptr) {
+    OrqPropertyDesc* desc = nullptr;
+    EXPECT_EQ(camera.GetPropertyDesc(id, &desc), ORQ_OK);
+    std::vector<int> values(desc->values, desc->values + desc->count);
+    if (readOnly) *readOnly = desc->readOnly != 0;
+    camera.FreePointer(desc);
+    return values;
+}
+
+TEST(PropertyLoad, TranslatesEachModelsRawForms) {
+    // SX130 keeps negatives signed on case 211, SX150 as 16-bit on case 107.
+    Rig sx130("SX130", [](VirtualCamera& c) { c.SetPropCase(211, -192); });
+    ASSERT_EQ(sx130.loaded, ORQ_OK);
+    EXPECT_EQ(sx130.Value(10), 0);
+    Rig sx150("SX150", [](VirtualCamera& c) { c.SetPropCase(107, 65344); });
+    ASSERT_EQ(sx150.loaded, ORQ_OK);
+    EXPECT_EQ(sx150.Value(10), 0);
+    EXPECT_EQ(sx150.Value(25), 1);  // Manual Focus Mode starts Off without asking
+    EXPECT_EQ(sx150.camera->Zoom(), sx150.sim->ZoomPosition());
+    // G15 reads both custom white-balance slots as value 9; A1400 has quality raw 10.
+    Rig g15("G15", [](VirtualCamera& c) { c.SetPropCase(272, 8); });
+    EXPECT_EQ(g15.Value(4), 9);
+    Rig a1400("A1400", [](VirtualCamera& c) { c.SetPropCase(167, 10); });
+    EXPECT_EQ(a1400.Value(2), 3);
+    EXPECT_EQ(a1400.Value(24), 1);
+    int any = 0;
+    EXPECT_EQ(a1400.camera->GetPropertyData(12, &any), ORQ_UNKNOWN_PROPERTY);
+
+    Rig wrongForm("SX130", [](VirtualCamera& c) { c.SetPropCase(211, 65344); });
+    EXPECT_EQ(wrongForm.loaded, ORQ_ERROR);
+    EXPECT_EQ(wrongForm.Logged("Unknown property value: 10 65344"), 1);
+    Rig badMode("A810", [](VirtualCamera& c) { c.SetModeWheel(12345); });
+    EXPECT_EQ(badMode.loaded, ORQ_ERROR);
+    EXPECT_EQ(badMode.Logged("Unsupported camera mode: 12345. Check camera mode"), 1);
+}
+
+TEST(PropertySet, ChecksComeInOrderAndRefusalsChangeNothing) {
+    Rig rig("G15");
+    ASSERT_EQ(rig.loaded, ORQ_OK);
+    Camera& cam = *rig.camera;
+    EXPECT_EQ(cam.SetPropertyData(12, 0), ORQ_UNKNOWN_PROPERTY);
+    EXPECT_EQ(cam.SetPropertyData(13, 0), ORQ_ERROR);  // read-only before value checks
+    EXPECT_EQ(rig.Logged("failed to set read only property"), 1);
+    EXPECT_EQ(cam.SetPropertyData(7, 99), ORQ_PROPERTY_CONSTRAINT);
+    EXPECT_EQ(rig.Logged("Unsupported property value: 7 99"), 1);
+    EXPECT_EQ(cam.SetPropertyData(1, 0), ORQ_OK);
+    EXPECT_EQ(cam.SetPropertyData(2, 0), ORQ_PROPERTY_CONSTRAINT);
+    EXPECT_EQ(rig.Logged("Property set constraint failed: 2 0"), 1);
+    rig.Take();
+    EXPECT_EQ(cam.SetPropertyData(7, 99), ORQ_PROPERTY_CONSTRAINT);
+    EXPECT_TRUE(rig.Take().empty());
+
+    // The mode alone is not rewritten with its current value.
+    EXPECT_EQ(cam.SetPropertyData(0, rig.Value(0)), ORQ_OK);
+    EXPECT_TRUE(rig.Take().empty());
+    EXPECT_EQ(cam.SetPropertyData(3, rig.Value(3)), ORQ_OK);
+    EXPECT_EQ(rig.Take(), (Ops{Set(157, 0)}));
+    EXPECT_EQ(cam.SetPropertyData(0, 2), ORQ_OK);
+    EXPECT_EQ(rig.Take(), (Ops{{kSetCaptureMode, {32769}}}));
+    EXPECT_EQ(rig.sim->PropCase(49), 32769);
+}
+
+TEST(PropertySet, LargestImageSizeStepsQualityDownFirst) {
+    Rig rig("A1400", [](VirtualCamera& c) { c.SetPropCase(221, 1); });
+    ASSERT_EQ(rig.loaded, ORQ_OK);
+    Camera& cam = *rig.camera;
+    ASSERT_EQ(rig.Value(2), 0);
+    EXPECT_EQ(Offered(cam, 2), (std::vector<int>{0, 1, 2, 3}));
+
+    EXPECT_EQ(cam.SetPropertyData(1, 0), ORQ_OK);
+    EXPECT_EQ(rig.Take(kSetPropCase), (Ops{Set(167, 1), Set(221, 0)}));
+    EXPECT_EQ(cam.changed, (std::vector<int>{2}));  // the set property raises nothing itself
+    EXPECT_EQ(cam.listChanges, 1);
+    EXPECT_EQ(rig.Value(2), 1);
+    EXPECT_EQ(Offered(cam, 2), (std::vector<int>{1, 2, 3}));
+    // Back to a smaller size: quality stays, Superfine is on offer again.
+    EXPECT_EQ(cam.SetPropertyData(1, 5), ORQ_OK);
+    EXPECT_EQ(rig.Take(kSetPropCase), (Ops{Set(221, 7)}));
+    EXPECT_EQ(cam.changed.size(), 1u);
+    EXPECT_EQ(cam.listChanges, 2);
+}
+
+TEST(PropertyAvailability, ModeAndMyColorsShowAndHideProperties) {
+    Rig rig("G15", [](VirtualCamera& c) { c.SetModeWheel(32772); });  // Program
+    ASSERT_EQ(rig.loaded, ORQ_OK);
+    Camera& cam = *rig.camera;
+    auto has = [&](int id) {
+        auto ids = PropertyList(cam);
+        return std::find(ids.begin(), ids.end(), id) != ids.end();
+    };
+    EXPECT_FALSE(has(8));
+    EXPECT_FALSE(has(9));
+    EXPECT_FALSE(has(16));
+    EXPECT_TRUE(has(13) && has(23) && has(15));
+    EXPECT_TRUE(Offered(cam, 8).empty());
+    int av = -1;
+    EXPECT_EQ(cam.GetPropertyData(8, &av), ORQ_OK);
+    EXPECT_EQ(av, 18);
+    EXPECT_EQ(cam.SetPropertyData(8, 40), ORQ_PROPERTY_CONSTRAINT);
+
+    EXPECT_EQ(cam.SetPropertyData(0, 3), ORQ_OK);  // AV
+    EXPECT_TRUE(has(8));
+    EXPECT_FALSE(has(9));
+    EXPECT_EQ(cam.listChanges, 1);
+    EXPECT_EQ(cam.SetPropertyData(8, 40), ORQ_OK);
+
+    // The wheel turned at the camera: followed by the mode read, which reports it.
+    rig.sim->SetModeWheel(32771);  // TV
+    auto before = cam.BuildAvailableValues();
+    EXPECT_EQ(cam.ReadCameraMode(), ORQ_OK);
+    EXPECT_EQ(cam.changed, (std::vector<int>{0}));
+    EXPECT_NE(before, cam.BuildAvailableValues());
+    EXPECT_TRUE(has(9) && !has(8));
+    EXPECT_EQ(cam.ReadCameraMode(), ORQ_OK);
+    EXPECT_EQ(cam.changed.size(), 1u);
+
+    EXPECT_EQ(cam.SetPropertyData(15, 11), ORQ_OK);
+    for (int id = 16; id <= 22; ++id) EXPECT_TRUE(has(id)) << id;
+    EXPECT_EQ(cam.listChanges, 2);
+
+    rig.sim->SetModeWheel(54321);
+    EXPECT_EQ(cam.ReadCameraMode(), ORQ_ERROR);
+    EXPECT_EQ(rig.Value(0), 4);
+}
+
+TEST(CompoundProperty, FlashPowerLoadsFromTwoCases) {
+    struct Case {
+        int32_t adjust, output;
+        OrqResult result;
+        int value;
+        size_t outputReads;
+    };
+    for (Case c : {Case{0, 2, ORQ_OK, 0, 0}, Case{1, 0, ORQ_OK, 1, 1}, Case{1, 2, ORQ_OK, 3, 1},
+                   Case{2, 0, ORQ_ERROR, 0, 0}, Case{1, 3, ORQ_ERROR, 0, 1}}) {
+        Rig rig("A495", [&](VirtualCamera& sim) {
+            sim.SetPropCase(121, c.adjust);
+            sim.SetPropCase(141, c.output);
+        });
+        EXPECT_EQ(rig.loaded, c.result) << c.adjust << " " << c.output;
+        if (c.result == ORQ_OK) {
+            EXPECT_EQ(rig.Value(23), c.value);
+        }
+        size_t outputReads = 0;
+        for (const auto& op : rig.loadOps) {
+            outputReads += op.first == kGetPropCase && op.second.at(0) == 141;
+        }
+        EXPECT_EQ(outputReads, c.outputReads) << c.adjust << " " << c.output;
+    }
+    Rig bad("A495", [](VirtualCamera& sim) { sim.SetPropCase(121, 2); });
+    EXPECT_EQ(bad.Logged("Unknown value of FlashAdjustMode property"), 1);
+    EXPECT_EQ(bad.Logged("LoadFlashPowerProp failed"), 1);
+}
+
+TEST(CompoundProperty, FlashPowerWritesOneOrBothCases) {
+    Rig rig("A495");
+    ASSERT_EQ(rig.loaded, ORQ_OK);
+    Camera& cam = *rig.camera;
+    EXPECT_EQ(cam.SetPropertyData(23, 2), ORQ_OK);
+    EXPECT_EQ(rig.Take(), (Ops{Set(121, 1), Set(141, 1)}));
+    EXPECT_EQ(cam.SetPropertyData(23, 0), ORQ_OK);
+    EXPECT_EQ(rig.Take(), (Ops{Set(121, 0)}));
+    EXPECT_EQ(rig.sim->PropCase(141), 1);  // the manual output is left where it was
+    EXPECT_EQ(cam.SetPropertyData(23, 3), ORQ_OK);
+    EXPECT_EQ(rig.Take(), (Ops{Set(121, 1), Set(141, 2)}));
+    EXPECT_EQ(cam.SetPropertyData(23, 4), ORQ_PROPERTY_CONSTRAINT);
+}
+
+TEST(CompoundProperty, SubCasesFollowTheMainCaseWithTheSameRawValue) {
+    Rig a810("A810");
+    ASSERT_EQ(a810.loaded, ORQ_OK);
+    EXPECT_EQ(a810.camera->SetPropertyData(6, 1), ORQ_OK);  // inverted on the camera: raw 0
+    EXPECT_EQ(a810.Take(), (Ops{Set(220, 0), Set(217, 0), Set(5, 0)}));
+    Rig sx150("SX150");
+    EXPECT_EQ(sx150.camera->SetPropertyData(10, 0), ORQ_OK);
+    EXPECT_EQ(sx150.Take(), (Ops{Set(107, 65344), Set(211, 65344)}));
+    Rig sx130("SX130");
+    EXPECT_EQ(sx130.camera->SetPropertyData(10, 0), ORQ_OK);
+    EXPECT_EQ(sx130.Take(), (Ops{Set(211, -192)}));
+
+    // A failing second case: the first stays written, the third is never sent, the value stays.
+    orqsim::Fault fault = orqsim::Fault::Operation(orqsim::Fault::ResponseCode, 0x9999,
+                                                   kSetPropCase, orqsim::RC_AccessDenied);
+    fault.skip = 1;
+    a810.sim->InjectFault(fault);
+    EXPECT_EQ(a810.camera->SetPropertyData(6, 0), ORQ_ERROR);
+    EXPECT_EQ(a810.Logged("PTP_ORQM_SetPropCase failed (SubPropery2 - 1)"), 1);
+    EXPECT_EQ(a810.Take().size(), 2u);
+    EXPECT_EQ(a810.sim->PropCase(220), 1);
+    EXPECT_EQ(a810.sim->PropCase(5), 0);
+    EXPECT_EQ(a810.Value(6), 0);
+    EXPECT_TRUE(a810.camera->changed.empty());
+}
+
+TEST(CompoundProperty, SdkOnlySettingsAndManualFocus) {
+    Rig rig("SX160");
+    ASSERT_EQ(rig.loaded, ORQ_OK);
+    Camera& cam = *rig.camera;
+    EXPECT_EQ(rig.Value(24), 1);
+    EXPECT_EQ(cam.SetPropertyData(24, 0), ORQ_OK);
+    EXPECT_TRUE(rig.Take().empty());
+    EXPECT_EQ(rig.Value(24), 0);
+
+    EXPECT_EQ(cam.SetPropertyData(25, 0), ORQ_OK);
+    EXPECT_TRUE(rig.sim->ManualFocus());
+    EXPECT_EQ(cam.SetPropertyData(25, 1), ORQ_OK);
+    EXPECT_EQ(cam.SetPropertyData(25, 1), ORQ_OK);
+    EXPECT_EQ(rig.Take(), (Ops{{154, {}}, {155, {}}, {155, {}}}));
+    EXPECT_FALSE(rig.sim->ManualFocus());
+
+    rig.sim->InjectFault(orqsim::Fault::Operation(orqsim::Fault::ResponseCode, 0x9999, 154,
+                                                  orqsim::RC_AccessDenied));
+    EXPECT_EQ(cam.SetPropertyData(25, 0), ORQ_ERROR);
+    EXPECT_EQ(rig.Logged("PTPManualFocusEnable failed: 0"), 1);
+}
+
+TEST(BatteryLevel, LevelsFromTheAverageLowFromTheSample) {
+    Rig rig("SX500");
+    ASSERT_EQ(rig.loaded, ORQ_OK);
+    Camera& cam = *rig.camera;
+    bool readOnly = false;
+    EXPECT_EQ(Offered(cam, 13, &readOnly), (std::vector<int>{0, 1, 2, 3, 4}));
+    EXPECT_TRUE(readOnly);
+    Offered(cam, 4, &readOnly);
+    EXPECT_FALSE(readOnly);
+
+    // A first read starts the average on the sample; an average on a threshold keeps the lower.
+    for (auto [present, level] : {std::pair{450, 0}, {451, 1}, {701, 2}, {951, 3}, {1001, 4}}) {
+        rig.sim->SetBattery(present, 1000, 0);
+        EXPECT_EQ(cam.ReadBatteryLevel(true), ORQ_OK);
+        EXPECT_EQ(rig.Value(13), level) << present;
+    }
+    EXPECT_TRUE(cam.changed.empty());
+
+    // Later reads move the average slowly and report each change of level once.
+    rig.sim->SetBattery(1000, 1000, 0);
+    EXPECT_EQ(cam.ReadBatteryLevel(true), ORQ_OK);
+    rig.sim->SetBattery(500, 1000, 0);
+    int reads = 0;
+    while (rig.Value(13) > 1 && reads < 100) {
+        ASSERT_EQ(cam.ReadBatteryLevel(false), ORQ_OK);
+        ++reads;
+    }
+    EXPECT_GT(reads, 10);
+    EXPECT_EQ(cam.changed, (std::vector<int>{13, 13}));
+    // One low sample ends it, though the average stands well above the cutoff.
+    rig.sim->SetBattery(199, 1000, 0);
+    EXPECT_EQ(cam.ReadBatteryLevel(false), ORQ_BATTERY_LOW);
+    EXPECT_EQ(rig.Value(13), 1);
+    // On external power the level is 4 at once; a reading with no range does not hang the count.
+    rig.sim->SetBattery(1001, 1000, 0);
+    EXPECT_EQ(cam.ReadBatteryLevel(false), ORQ_OK);
+    EXPECT_EQ(rig.Value(13), 4);
+    rig.sim->SetBattery(5, 5, 5);
+    EXPECT_EQ(cam.ReadBatteryLevel(false), ORQ_OK);
+    EXPECT_EQ(rig.Value(13), 0);
+
+    Rig low("SX500", [](VirtualCamera& c) { c.SetBattery(3400, 4200, 3300); });
+    EXPECT_EQ(low.loaded, ORQ_BATTERY_LOW);
+    EXPECT_EQ(low.Logged("ReadBatteryLevel failed"), 1);
+}
+
+}  // namespace
