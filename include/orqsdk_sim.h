@@ -96,7 +96,7 @@ ORQ_API OrqResult OrqSimClearFaults(OrqSimCamera camera);
 ORQ_API OrqResult OrqSimSetLatency(OrqSimCamera camera, uint32_t perTransferMicroseconds,
                                    uint32_t perByteNanoseconds);
 /* Operations received since attach or the last clear: of that code, and of that vendor
- * sub-command (-1: any). -1 for an unknown camera. */
+ * sub-command (0 or -1: any). -1 for an unknown camera. */
 ORQ_API int32_t OrqSimCountOperations(OrqSimCamera camera, uint16_t opcode, int32_t subCommand);
 ORQ_API OrqResult OrqSimClearOperations(OrqSimCamera camera);
 

@@ -255,7 +255,7 @@ ORQ_API OrqResult OrqSimSetLatency(OrqSimCamera camera, uint32_t perTransferMicr
 ORQ_API int32_t OrqSimCountOperations(OrqSimCamera camera, uint16_t opcode, int32_t subCommand) {
     int32_t count = -1;
     With(camera, [&](orqsim::VirtualCamera& c) {
-        count = static_cast<int32_t>(c.CountOperations(opcode, subCommand));
+        count = static_cast<int32_t>(c.CountOperations(opcode, subCommand > 0 ? subCommand : -1));
         return true;
     });
     return count;

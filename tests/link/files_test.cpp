@@ -1,0 +1,195 @@
+// Listing the card: file names as the SDK decodes them, the handle limit, and the file table's
+// way of finding the newest file.
+#include "link_support.h"
+
+namespace linktest {
+namespace {
+
+using orq::PTP_OC_GetObjectInfo;
+
+class FilesTest : public LinkTest {
+protected:
+    orqsim::CameraOptions Options() override {
+        orqsim::CameraOptions options;
+        options.folders = false;
+        return options;
+    }
+
+    // The decoded name of a file with this name on the card.
+    std::u16string Decoded(const std::u16string& name) {
+        camera->ClearCard();
+        uint32_t handle = camera->AddFile(name, Bytes{1});
+        OrqFileInfo info{};
+        EXPECT_EQ(link->PTPGetObjectInfo(handle, info), ORQ_OK);
+        EXPECT_EQ(info.id, static_cast<int32_t>(handle));
+        return std::u16string(reinterpret_cast<const char16_t*>(info.name));
+    }
+
+    // An ObjectInfo whose name field is given raw.
+    static Bytes ObjectInfo(uint32_t size, const Bytes& nameField) {
+        Bytes info(52, 0);
+        for (int i = 0; i < 4; ++i) info[8 + i] = static_cast<uint8_t>(size >> (8 * i));
+        info.insert(info.end(), nameField.begin(), nameField.end());
+        return info;
+    }
+
+    std::vector<int32_t> TableIds() {
+        std::vector<int32_t> ids;
+        for (const OrqFileInfo& file : link->FileTable()) ids.push_back(file.id);
+        return ids;
+    }
+};
+
+static_assert(sizeof(OrqChar) == sizeof(char16_t), "names are 16-bit units");
+
+TEST_F(FilesTest, NamesKeepTheLowByteOfEachUnitWidenedWithItsSign) {
+    EXPECT_EQ(Decoded(u"IMG_0001.JPG"), u"IMG_0001.JPG");
+    // 0x0141 loses its high byte; 0xE9 becomes 0xFFE9.
+    EXPECT_EQ(Decoded(u"\u0141x\u00e9.jpg"), u"Ax\uffe9.jpg");
+    // A unit whose low byte is zero ends the name.
+    EXPECT_EQ(Decoded(u"ab\u0100cd.jpg"), u"ab");
+    EXPECT_EQ(Decoded(u""), u"");
+    // 199 characters and the terminator: the first 127 are kept.
+    std::u16string longName(199, u'n');
+    EXPECT_EQ(Decoded(longName), std::u16string(127, u'n'));
+}
+
+TEST_F(FilesTest, NameCountBeyondTheBlockIsBounded) {
+    // The camera announces 200 units and sends three.
+    Bytes field{200, 'a', 0, 'b', 0, 'c', 0};
+    camera->InjectFault(Raw(PTP_OC_GetObjectInfo, -1, DataThenOk(ObjectInfo(77, field), 0x1008)));
+    OrqFileInfo info{};
+    ASSERT_EQ(link->PTPGetObjectInfo(5, info), ORQ_OK);
+    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(info.name)), u"abc");
+    EXPECT_EQ(info.size, 77u);
+    EXPECT_EQ(info.id, 5);
+
+    // A dataset that ends before the name field gives an empty name.
+    camera->InjectFault(Raw(PTP_OC_GetObjectInfo, -1, DataThenOk(Bytes(20, 0), 0x1008)));
+    ASSERT_EQ(link->PTPGetObjectInfo(5, info), ORQ_OK);
+    EXPECT_EQ(info.name[0], 0);
+}
+
+TEST_F(FilesTest, HandleLimitIs5120) {
+    for (int i = 0; i < 5120; ++i) camera->AddFile(u"a.txt", {});
+    std::vector<uint32_t> handles;
+    ASSERT_EQ(link->PTPGetObjectHandles(handles), ORQ_OK);
+    EXPECT_EQ(handles.size(), 5120u);
+
+    camera->AddFile(u"a.txt", {});
+    EXPECT_EQ(link->PTPGetObjectHandles(handles), ORQ_ERROR);
+    EXPECT_EQ(Count(Log(), "getObjectHandles failed: to many objects"), 1);
+}
+
+TEST_F(FilesTest, HandleListShorterThanItsCountFails) {
+    camera->InjectFault(Raw(orq::PTP_OC_GetObjectHandles, -1,
+                            DataThenOk(Words({3, 10, 11}), orq::PTP_OC_GetObjectHandles)));
+    std::vector<uint32_t> handles;
+    EXPECT_EQ(link->PTPGetObjectHandles(handles), ORQ_ERROR);
+    EXPECT_EQ(Count(Log(), "getObjectHandles failed: 3 handles announced, 2 sent"), 1);
+}
+
+TEST_F(FilesTest, StorageCountIsNotLookedAt) {
+    camera->InjectFault(Raw(orq::PTP_OC_GetStorageIDs, -1,
+                            DataThenOk(Words({0, 0x00010001}), orq::PTP_OC_GetStorageIDs)));
+    std::vector<OrqFileInfo> files;
+    ASSERT_EQ(link->PTPGetFilesInfo(files), ORQ_OK);
+    EXPECT_TRUE(files.empty());
+    EXPECT_EQ(camera->Operations().back().params, (std::vector<uint32_t>{0x00010001, 0, 0}));
+}
+
+TEST_F(FilesTest, OneBadObjectFailsTheWholeListing) {
+    camera->AddFile(u"IMG_0001.JPG", Bytes{1});
+    camera->AddFile(u"IMG_0002.JPG", Bytes{2});
+    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
+    int32_t latest = link->LatestFileId();
+
+    camera->AddFile(u"IMG_0003.JPG", Bytes{3});
+    Fault fault = Fault::Operation(Fault::ResponseCode, PTP_OC_GetObjectInfo, -1,
+                                   orqsim::RC_InvalidObjectHandle);
+    fault.skip = 1;
+    camera->InjectFault(fault);
+    std::vector<OrqFileInfo> files(4);
+    EXPECT_EQ(link->PTPGetFilesInfo(files), ORQ_ERROR);
+    EXPECT_TRUE(files.empty());
+    auto log = Log();
+    EXPECT_EQ(Count(log, "PTP_OC_GetObjectInfo failed"), 1);
+
+    // The table and the latest id stay as they were after a failed listing.
+    fault.skip = 0;
+    camera->InjectFault(fault);
+    logStart = LogSize();
+    EXPECT_EQ(link->PTPUpdateObjectsInfo(), ORQ_ERROR);
+    EXPECT_TRUE(InOrder(
+        Log(), {"PTPUpdateObjectsInfo", "PTP_OC_GetObjectInfo failed", "PTPGetFilesInfo failed"}));
+    EXPECT_EQ(link->FileTable().size(), 2u);
+    EXPECT_EQ(link->LatestFileId(), latest);
+}
+
+TEST_F(FilesTest, TableKeepsPicturesAndMoviesOnly) {
+    uint32_t jpg = camera->AddFile(u"IMG_0001.JPG", Bytes{1});
+    camera->AddFile(u".jpg", Bytes{1});
+    camera->AddFile(u"notes.txt", Bytes{1});
+    uint32_t mov = camera->AddFile(u"clip.MoV", Bytes{1});
+    camera->AddFile(u"x.jpeg", Bytes{1});
+    uint32_t lower = camera->AddFile(u"a.jpg", Bytes{1});
+    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
+    EXPECT_EQ(TableIds(),
+              (std::vector<int32_t>{static_cast<int32_t>(jpg), static_cast<int32_t>(mov),
+                                    static_cast<int32_t>(lower)}));
+    OrqFileInfo file{};
+    ASSERT_TRUE(link->FindFile(static_cast<int32_t>(mov), file));
+    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(file.name)), u"clip.MoV");
+    EXPECT_FALSE(link->FindFile(12345, file));
+}
+
+TEST_F(FilesTest, LatestFileIdNamesTheFirstNewPair) {
+    // An empty card, then the first listing of a card compares against nothing.
+    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
+    EXPECT_EQ(link->LatestFileId(), -1);
+    EXPECT_TRUE(link->FileTable().empty());
+    auto log = Log();
+    EXPECT_TRUE(InOrder(log, {"PTPUpdateObjectsInfo", "Latest file ID: -1"}));
+
+    uint32_t a = camera->AddFile(u"IMG_0001.JPG", Bytes(10));
+    uint32_t b = camera->AddFile(u"IMG_0002.JPG", Bytes(20));
+    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
+    EXPECT_EQ(link->LatestFileId(), static_cast<int32_t>(a));
+
+    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
+    EXPECT_EQ(link->LatestFileId(), -1);
+
+    // Two new files: the first in the camera's order wins.
+    uint32_t c = camera->AddFile(u"IMG_0003.JPG", Bytes(30));
+    camera->AddFile(u"MVI_0004.MOV", Bytes(40));
+    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
+    EXPECT_EQ(link->LatestFileId(), static_cast<int32_t>(c));
+
+    // A known handle whose size changed counts as new; a removal leaves no trace.
+    camera->ReplaceFile(b, Bytes(21));
+    camera->RemoveFile(a);
+    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
+    EXPECT_EQ(link->LatestFileId(), static_cast<int32_t>(b));
+    camera->RemoveFile(c);
+    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
+    EXPECT_EQ(link->LatestFileId(), -1);
+    EXPECT_EQ(link->FileTable().size(), 2u);
+}
+
+TEST_F(FilesTest, ShotFileFoundByTwoListings) {
+    camera->AddFile(u"IMG_0099.JPG", Bytes(10));
+    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
+    camera->SetShotFileDelay(1);
+    ASSERT_EQ(link->PTPShoot(), ORQ_OK);
+    // The camera shows the new file one listing late.
+    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
+    EXPECT_EQ(link->LatestFileId(), -1);
+    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
+    OrqFileInfo file{};
+    ASSERT_TRUE(link->FindFile(link->LatestFileId(), file));
+    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(file.name)), u"IMG_0100.JPG");
+    EXPECT_EQ(file.size, camera->Options().shotFileSize);
+}
+
+}  // namespace
+}  // namespace linktest

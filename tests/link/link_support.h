@@ -1,0 +1,164 @@
+// A DeviceLL on a virtual camera, and what the tests read back: the log's messages and the
+// camera's record of operations.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Kernel/DeviceLL.h"
+#include "Logger.h"
+#include "SDKConfig.h"
+#include "platform/Platform.h"
+#include "sim/VirtualBus.h"
+#include "sim/VirtualCamera.h"
+
+// A literal of the public string type.
+#ifdef _WIN32
+#define LINK_TEXT(s) L##s
+#else
+#define LINK_TEXT(s) u##s
+#endif
+
+namespace linktest {
+
+using orqsim::Bytes;
+using orqsim::Fault;
+using orqsim::Pipe;
+
+// The message part of each main-log line written since `offset`, without padding.
+inline std::vector<std::string> MessagesSince(size_t offset) {
+    std::string contents;
+    orq::platform::ReadFile(orq::MainLogPath(), contents);
+    std::vector<std::string> messages;
+    size_t begin = offset;
+    while (begin < contents.size()) {
+        size_t end = contents.find('\n', begin);
+        if (end == std::string::npos) end = contents.size();
+        std::string line = contents.substr(begin, end - begin);
+        begin = end + 1;
+        size_t first = line.find(" | ");
+        size_t last = line.rfind(" | ");
+        if (first == std::string::npos || last == first) continue;
+        std::string text = line.substr(first + 3, last - first - 3);
+        text.erase(text.find_last_not_of(' ') + 1);
+        messages.push_back(text);
+    }
+    return messages;
+}
+
+inline size_t LogSize() {
+    std::string contents;
+    orq::platform::ReadFile(orq::MainLogPath(), contents);
+    return contents.size();
+}
+
+inline int Count(const std::vector<std::string>& messages, const std::string& text) {
+    int count = 0;
+    for (const auto& message : messages) count += message == text;
+    return count;
+}
+
+// True when `wanted` occur in this order (other messages may stand between them).
+inline ::testing::AssertionResult InOrder(const std::vector<std::string>& messages,
+                                          const std::vector<std::string>& wanted) {
+    size_t at = 0;
+    for (const auto& message : messages) {
+        if (at < wanted.size() && message == wanted[at]) ++at;
+    }
+    if (at == wanted.size()) return ::testing::AssertionSuccess();
+    std::string seen;
+    for (const auto& message : messages) seen += "\n  " + message;
+    return ::testing::AssertionFailure() << "missing \"" << wanted[at] << "\" in:" << seen;
+}
+
+// A container as a camera would put it on the pipe.
+inline Bytes Container(uint16_t type, uint16_t code, const Bytes& payload = {},
+                       uint32_t transactionId = 0) {
+    Bytes bytes(12 + payload.size());
+    uint32_t length = static_cast<uint32_t>(bytes.size());
+    for (int i = 0; i < 4; ++i) bytes[i] = static_cast<uint8_t>(length >> (8 * i));
+    bytes[4] = static_cast<uint8_t>(type);
+    bytes[5] = static_cast<uint8_t>(type >> 8);
+    bytes[6] = static_cast<uint8_t>(code);
+    bytes[7] = static_cast<uint8_t>(code >> 8);
+    for (int i = 0; i < 4; ++i) bytes[8 + i] = static_cast<uint8_t>(transactionId >> (8 * i));
+    std::copy(payload.begin(), payload.end(), bytes.begin() + 12);
+    return bytes;
+}
+
+inline Bytes Words(std::initializer_list<uint32_t> words) {
+    Bytes bytes;
+    for (uint32_t w : words) {
+        for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<uint8_t>(w >> (8 * i)));
+    }
+    return bytes;
+}
+
+// A data phase and an OK response, as the raw reply of a vendor operation.
+inline Bytes DataThenOk(const Bytes& payload, uint16_t code = 0x9999) {
+    Bytes bytes = Container(2, code, payload);
+    Bytes ok = Container(3, 0x2001);
+    bytes.insert(bytes.end(), ok.begin(), ok.end());
+    return bytes;
+}
+
+inline Fault Raw(uint16_t opcode, int64_t subCommand, Bytes bytes) {
+    Fault fault = Fault::Operation(Fault::RawReply, opcode, subCommand);
+    fault.bytes = std::move(bytes);
+    return fault;
+}
+
+struct QuietNotify : orq::IUsbLib_Notify {
+    void OnDeviceChange() override {}
+};
+
+// A session on a fresh virtual camera. Waits are cut short so that stalls cost little.
+class LinkTest : public ::testing::Test {
+protected:
+    static constexpr unsigned kStallMs = 60;
+
+    virtual orqsim::CameraOptions Options() { return {}; }
+
+    void SetUp() override {
+        static std::atomic<int> serial{0};
+        path = u"orqsim://link/" + orq::platform::FromUtf8(std::to_string(++serial));
+        camera = std::make_shared<orqsim::VirtualCamera>(Options());
+        ASSERT_TRUE(camera->PlugIn(path));
+        camera->SetStallLimit(kStallMs);
+        usb = orqsim::CreateVirtualUsbLib(&notify);
+        link = std::make_unique<orq::DeviceLL>(usb.get(), &config, path);
+        ASSERT_EQ(link->OpenCamera(), ORQ_OK);
+        ASSERT_EQ(link->PTPOpenSession(), ORQ_OK);
+        camera->ClearOperations();
+        logStart = LogSize();
+    }
+
+    void TearDown() override {
+        link.reset();
+        camera->Unplug();
+        usb.reset();
+    }
+
+    std::vector<std::string> Log() const { return MessagesSince(logStart); }
+
+    // A vendor operation with no data phase, as a probe of the link's state.
+    bool Probe() {
+        return link->PtpTransactionRetry(orq::PTP_OC_Vendor, {orq::ORQM_UpdateAEAF},
+                                         orq::PTP_NO_DATA, nullptr, nullptr);
+    }
+
+    std::u16string path;
+    std::shared_ptr<orqsim::VirtualCamera> camera;
+    QuietNotify notify;
+    orq::SDKConfig config;
+    std::unique_ptr<orq::UsbLib> usb;
+    std::unique_ptr<orq::DeviceLL> link;
+    size_t logStart = 0;
+};
+
+}  // namespace linktest
