@@ -1,0 +1,112 @@
+// Zoom: the one control that runs as a multi-step operation of the main loop, since the lens
+// reports its arrival through an event bit and not in the answer to the command.
+#include <algorithm>
+
+#include "Kernel/DeviceLL.h"
+#include "Logger.h"
+
+namespace orq {
+
+namespace {
+
+constexpr std::chrono::milliseconds kZoomPollDelay(100);
+
+}  // namespace
+
+OrqResult DeviceLL::ReadZoom(int32_t& step) {
+    int32_t value = 0;
+    // The wrapper logs "PTP_ORQM_GetZoom failed".
+    if (PTPGetZoom(value) != ORQ_OK) return ORQ_ERROR;
+    // A negative value is passed on as the camera sent it.
+    step = std::min(value, config.maxZoom);
+    return ORQ_OK;
+}
+
+OrqResult DeviceLL::UpdateZoom() {
+    int32_t value = 0;
+    if (config.maxZoom != 0) {
+        OrqResult result = ReadZoom(value);
+        if (result != ORQ_OK) {
+            ORQ_LOG(ERR, "Get zoom failed");
+            return result;
+        }
+    }
+    bool changed = false;
+    {
+        std::lock_guard<std::recursive_mutex> guard(propertyLock);
+        if (value != zoom) {
+            zoom = value;
+            changed = true;
+            ORQ_LOG(INF, "zoom changed from camera: %d", value);
+        }
+    }
+    if (changed) ReportZoom();
+    return ORQ_OK;
+}
+
+void DeviceLL::ReportZoom() {
+    int32_t value = 0;
+    {
+        std::lock_guard<std::recursive_mutex> guard(propertyLock);
+        if (zoom == reportedZoom) return;
+        reportedZoom = zoom;
+        value = zoom;
+    }
+    ORQ_LOG(INF, "zoom changed: %d", value);
+    OnZoomChanged();
+}
+
+int32_t DeviceLL::GetZoom() {
+    std::lock_guard<std::recursive_mutex> guard(propertyLock);
+    return zoom;
+}
+
+ContProc* DeviceLL::CreateZoomProc(int32_t position) {
+    const int32_t step = std::max(std::min(position, config.maxZoom), 0);
+
+    // Repeated every 100 ms until the camera raises the zoom-finished bit.
+    ContProcStep waiting = [this, step](ContProc*, std::chrono::milliseconds* delay,
+                                        OrqResult* result, bool* again) {
+        OrqResult loaded = PTPLoadEvents();
+        if (loaded != ORQ_OK) {
+            ORQ_LOG(ERR, "PTPLoadEvents() failed");
+            *result = loaded;
+            return;
+        }
+        if (!CameraEvent(CAMERA_EVENT_ZOOM_FINISHED)) {
+            *delay = kZoomPollDelay;
+            *again = true;
+            return;
+        }
+        ORQ_LOG(INF, "zoom finished for: %d", step);
+        {
+            // The camera is not asked where the lens stopped: the request is taken as reached.
+            std::lock_guard<std::recursive_mutex> guard(propertyLock);
+            zoom = step;
+        }
+        OnZoomCompleted();
+        ReportZoom();
+        *result = ORQ_OK;
+    };
+
+    auto proc = std::make_unique<ContProc>(
+        [this, step, waiting = std::move(waiting)](ContProc* self, std::chrono::milliseconds* delay,
+                                                   OrqResult* result, bool* again) {
+            // Cleared before the command, so that a stale bit cannot end the new wait.
+            ClearCameraEvent(CAMERA_EVENT_ZOOM_FINISHED);
+            ORQ_LOG(DEB, "Set zoom on camera: %d", step);
+            // The wrapper logs "PTP_ORQM_SetZoom failed".
+            if (PTPSetZoom(step) != ORQ_OK) {
+                *result = ORQ_ERROR;
+                return;
+            }
+            *delay = kZoomPollDelay;
+            *again = true;
+            // Replaces this very closure: nothing captured may be touched after the assignment.
+            ContProcStep next = waiting;
+            self->step = std::move(next);
+        });
+    return proc.release();
+}
+
+}  // namespace orq
