@@ -34,7 +34,8 @@ void LoadConfig(SDKConfig& config, const std::u16string& path) {
     } else {
         parsed = document.load_buffer(contents.data(), contents.size());
     }
-    if (parsed.status != pugi::status_ok) {
+    // An empty file holds no element, and counts as a document without settings.
+    if (parsed.status != pugi::status_ok && parsed.status != pugi::status_no_document_element) {
         ORQ_LOG(ERR, "LoadConfig ORQSDK.cfg loading error");
         return;
     }

@@ -1,0 +1,77 @@
+#include "SdkLibrary.h"
+
+#ifdef _WIN32
+#include <windows.h>
+#else
+#include <dlfcn.h>
+#include <limits.h>
+#include <unistd.h>
+#endif
+
+namespace {
+
+std::string ExecutableFolder() {
+#ifdef _WIN32
+    char path[MAX_PATH] = {};
+    GetModuleFileNameA(nullptr, path, MAX_PATH);
+    std::string text(path);
+    return text.substr(0, text.find_last_of("\\/") + 1);
+#else
+    char path[PATH_MAX + 1] = {};
+    ssize_t length = readlink("/proc/self/exe", path, PATH_MAX);
+    std::string text(path, length > 0 ? static_cast<size_t>(length) : 0);
+    return text.substr(0, text.rfind('/') + 1);
+#endif
+}
+
+}  // namespace
+
+void* SdkLibrary::Symbol(const char* name) {
+#ifdef _WIN32
+    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(handle), name));
+#else
+    return dlsym(handle, name);
+#endif
+}
+
+bool SdkLibrary::Load(bool simulated, std::string& error) {
+#ifdef _WIN32
+    std::string file = ExecutableFolder() + (simulated ? "orqsdk_sim.dll" : "orqsdk.dll");
+    handle = LoadLibraryA(file.c_str());
+    if (!handle) {
+        error = "cannot load " + file;
+        return false;
+    }
+#else
+    std::string file = ExecutableFolder() + (simulated ? "liborqsdk_sim.so" : "liborqsdk.so");
+    handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!handle) {
+        error = dlerror();
+        return false;
+    }
+#endif
+    bool complete = true;
+    auto bind = [&](auto& function, const char* name) {
+        function = reinterpret_cast<std::remove_reference_t<decltype(function)>>(Symbol(name));
+        if (!function) complete = false;
+    };
+    bind(InitializeSDK, "OrqInitializeSDK");
+    bind(TerminateSDK, "OrqTerminateSDK");
+    bind(Free, "OrqFree");
+    bind(GetCameraManager, "OrqGetCameraManager");
+    bind(GetCameraList, "OrqGetCameraList");
+    bind(OpenSession, "OrqOpenSession");
+    bind(GetCameraInfo, "OrqGetCameraInfo");
+    bind(GetPropertyList, "OrqGetPropertyList");
+    bind(GetPropertyData, "OrqGetPropertyData");
+    bind(SetPropertyData, "OrqSetPropertyData");
+    bind(GetPropertyDesc, "OrqGetPropertyDesc");
+    bind(GetPropertyName, "OrqGetPropertyName");
+    bind(GetPropertyValName, "OrqGetPropertyValName");
+    bind(CameraListChangedSubscribe, "OrqCameraListChangedSubscribe");
+    bind(PropertyChangedSubscribe, "OrqPropertyChangedSubscribe");
+    bind(CameraErrorSubscribe, "OrqCameraErrorSubscribe");
+    if (simulated) bind(SimAttachCamera, "OrqSimAttachCamera");
+    if (!complete) error = file + " lacks exports of this SDK version";
+    return complete;
+}
