@@ -142,11 +142,6 @@ TEST(PropsSession, StartUpWithAndWithoutManualFocusMode) {
         EXPECT_FALSE(desc->readOnly);
         EXPECT_EQ(desc->sizes[4].width, 2304);  // A1400's Medium, offered last
         OrqFree(desc);
-
-        // A set reaches the camera through the main loop.
-        EXPECT_EQ(OrqSetPropertyData(a, 23, 3), ORQ_OK);
-        EXPECT_TRUE(Eventually([&] { return a1400->PropCase(141) == 2; }));
-        EXPECT_EQ(a1400->PropCase(121), 1);
     }
     sx170->Unplug();
     a1400->Unplug();
