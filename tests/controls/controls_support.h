@@ -1,0 +1,160 @@
+// A DeviceLL on a virtual camera that records its upward notifications and lets the tests see
+// the zoom, focus and preview state; and the running of a multi-step operation as the main loop
+// would run it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Kernel/DeviceLL.h"
+#include "tests/link/link_support.h"
+
+namespace controlstest {
+
+using namespace std::chrono_literals;
+
+class ControlsDevice : public orq::DeviceLL {
+public:
+    using DeviceLL::DeviceLL;
+
+    void OnZoomChanged() override { Note("zoom changed"); }
+    void OnZoomCompleted() override { Note("zoom completed"); }
+    void OnFocusChanged() override { Note("focus changed"); }
+    void OnNewPreviewFrame() override { Note("preview"); }
+    // Kept outside the object, as the memory manager keeps them, so that a frame can be
+    // released after the camera has gone.
+    void RegisterPointer(void* pointer, std::function<void(void*)> free) override {
+        (*released)[pointer] = std::move(free);
+    }
+
+    std::vector<std::string> Notes() {
+        std::lock_guard<std::mutex> guard(notesLock);
+        return notes;
+    }
+    void ClearNotes() {
+        std::lock_guard<std::mutex> guard(notesLock);
+        notes.clear();
+    }
+
+    int32_t ReportedZoom() {
+        std::lock_guard<std::recursive_mutex> guard(propertyLock);
+        return reportedZoom;
+    }
+    void SetMaxZoom(int32_t value) { config.maxZoom = value; }
+    void SetZoomCache(int32_t value) {
+        std::lock_guard<std::recursive_mutex> guard(propertyLock);
+        zoom = value;
+    }
+    int32_t Held() {
+        std::lock_guard<std::mutex> guard(preview->previewLock);
+        return preview->previewHeld;
+    }
+    int32_t Ready() {
+        std::lock_guard<std::mutex> guard(preview->previewLock);
+        return preview->previewReady;
+    }
+    const uint8_t* BufferData(int index) { return preview->previewBuffers[index].data.get(); }
+    // As if the settings had been read long ago: the next frame reads them again.
+    void AgeVideoSettings() { videoSettingsTime = 1; }
+
+    std::shared_ptr<std::map<void*, std::function<void(void*)>>> released =
+        std::make_shared<std::map<void*, std::function<void(void*)>>>();
+
+private:
+    void Note(const char* what) {
+        std::lock_guard<std::mutex> guard(notesLock);
+        notes.push_back(what);
+    }
+    std::mutex notesLock;
+    std::vector<std::string> notes;
+};
+
+struct ProcOutcome {
+    OrqResult result = ORQ_OK;
+    int steps = 0;
+    std::chrono::milliseconds elapsed{0};
+};
+
+// Runs the operation's steps, honouring their delays, until one ends it.
+inline ProcOutcome RunProc(orq::ContProc* raw, std::chrono::milliseconds limit = 10s) {
+    std::unique_ptr<orq::ContProc> proc(raw);
+    ProcOutcome outcome;
+    const auto start = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - start < limit) {
+        std::chrono::milliseconds delay(0);
+        bool again = false;
+        OrqResult result = ORQ_OK;
+        proc->step(proc.get(), &delay, &result, &again);
+        ++outcome.steps;
+        if (!again) {
+            outcome.result = result;
+            break;
+        }
+        std::this_thread::sleep_for(delay);
+    }
+    outcome.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - start);
+    return outcome;
+}
+
+// A session on a fresh virtual camera with its properties loaded, as after start-up.
+class ControlsTest : public ::testing::Test {
+protected:
+    virtual orqsim::CameraOptions Options() { return {}; }
+
+    void SetUp() override {
+        static int serial = 0;
+        path = u"orqsim://controls/" + orq::platform::FromUtf8(std::to_string(++serial));
+        camera = std::make_shared<orqsim::VirtualCamera>(Options());
+        ASSERT_TRUE(camera->PlugIn(path));
+        camera->SetStallLimit(60);
+        usb = orqsim::CreateVirtualUsbLib(&notify);
+        device = std::make_unique<ControlsDevice>(usb.get(), &config, path);
+        ASSERT_EQ(device->OpenCamera(), ORQ_OK);
+        ASSERT_EQ(device->PTPOpenSession(), ORQ_OK);
+        ASSERT_EQ(device->LoadProperties(), ORQ_OK);
+        camera->ClearOperations();
+        logStart = linktest::LogSize();
+    }
+
+    void TearDown() override {
+        device.reset();
+        camera->Unplug();
+        usb.reset();
+    }
+
+    std::vector<std::string> Log() const { return linktest::MessagesSince(logStart); }
+    size_t Ops(uint32_t subCommand) const {
+        return camera->CountOperations(orq::PTP_OC_Vendor, subCommand);
+    }
+    // Parameters after the sub-command of each such operation.
+    std::vector<int32_t> Params(uint32_t subCommand) const {
+        std::vector<int32_t> params;
+        for (const auto& op : camera->Operations()) {
+            if (op.SubCommand() == subCommand && op.params.size() > 1) {
+                params.push_back(static_cast<int32_t>(op.params[1]));
+            }
+        }
+        return params;
+    }
+
+    std::u16string path;
+    std::shared_ptr<orqsim::VirtualCamera> camera;
+    linktest::QuietNotify notify;
+    orq::SDKConfig config;
+    std::unique_ptr<orq::UsbLib> usb;
+    std::unique_ptr<ControlsDevice> device;
+    size_t logStart = 0;
+};
+
+using Strings = std::vector<std::string>;
+
+}  // namespace controlstest

@@ -1,0 +1,157 @@
+// Manual focus on a virtual SX160, whose lens stops anywhere within a zoom step's list.
+#include "tests/controls/controls_support.h"
+
+namespace controlstest {
+namespace {
+
+using linktest::Count;
+using linktest::InOrder;
+using orqsim::Fault;
+
+class Focus : public ControlsTest {
+protected:
+    const std::vector<int32_t>& Stops(int32_t zoomStep) {
+        return device->Config().focusTable.at(static_cast<size_t>(zoomStep));
+    }
+    void StartAt(int32_t position) {
+        ASSERT_EQ(device->SetFocus(position), ORQ_OK);
+        device->ClearNotes();
+        camera->ClearOperations();
+        logStart = linktest::LogSize();
+    }
+    std::vector<int32_t> Moves() { return Params(orq::ORQM_MoveFocusTo); }
+};
+
+TEST_F(Focus, SetGoesAsAskedAndKeepsWhereTheLensStopped) {
+    const auto& stops = Stops(0);
+    ASSERT_GT(stops.size(), 10u);
+    StartAt(stops[3]);
+    EXPECT_EQ(device->SetFocus(stops[3] + 1), ORQ_OK);  // between two stops: not snapped
+    EXPECT_EQ(Moves(), std::vector<int32_t>{stops[3] + 1});
+    EXPECT_EQ(device->GetFocus(), stops[3] + 1);
+
+    // The camera stops short of a position before the list; its answer counts.
+    EXPECT_EQ(device->SetFocus(stops.front() - 50), ORQ_OK);
+    EXPECT_EQ(device->GetFocus(), stops.front());
+    EXPECT_EQ(device->SetFocus(stops.front()), ORQ_OK);  // no change, no report
+    EXPECT_EQ(device->Notes(), (Strings{"focus changed", "focus changed"}));
+    EXPECT_EQ(Count(Log(), "focus changed: " + std::to_string(stops.front())), 1);
+}
+
+TEST_F(Focus, ShiftWalksTheListOfTheCurrentZoomStep) {
+    camera->SetZoomPosition(50);
+    ASSERT_EQ(device->UpdateZoom(), ORQ_OK);
+    const auto& stops = Stops(50);
+    ASSERT_NE(stops, Stops(0));
+    StartAt(stops[10]);
+    EXPECT_EQ(device->FocusShift(2), ORQ_OK);
+    EXPECT_EQ(device->FocusShift(-3), ORQ_OK);
+    EXPECT_EQ(Moves(), (std::vector<int32_t>{stops[12], stops[9]}));
+    EXPECT_EQ(device->GetFocus(), stops[9]);
+    EXPECT_EQ(device->Notes().size(), 2u);
+}
+
+TEST_F(Focus, ShiftToAndFromInfinity) {
+    const auto& stops = Stops(0);
+    StartAt(-1);
+    EXPECT_EQ(device->FocusShift(-1), ORQ_OK);  // infinity to the farthest stop
+    EXPECT_EQ(device->FocusShift(1), ORQ_OK);   // and off the end again
+    EXPECT_EQ(device->FocusShift(1), ORQ_OK);   // nothing lies beyond: one move, no retry
+    EXPECT_EQ(Moves(), (std::vector<int32_t>{stops.back(), -1, -1}));
+    EXPECT_EQ(device->GetFocus(), -1);
+}
+
+TEST_F(Focus, ShiftEndsAtTheNearEndOfTheList) {
+    const auto& stops = Stops(0);
+    StartAt(stops[0]);
+    EXPECT_EQ(device->FocusShift(-1), ORQ_OK);
+    EXPECT_EQ(Moves(), std::vector<int32_t>{stops[0]});
+}
+
+TEST_F(Focus, StuckLensWidensTheShiftForNineMovesAtMost) {
+    const auto& stops = Stops(0);
+    StartAt(stops[10]);
+    camera->SetFocusStuck(true);
+    EXPECT_EQ(device->FocusShift(1), ORQ_OK);  // running out of tries is no failure
+    std::vector<int32_t> expected(stops.begin() + 11, stops.begin() + 20);
+    EXPECT_EQ(Moves(), expected);
+    const auto log = Log();
+    EXPECT_EQ(Count(log, "Focus shift, change shift: 2 (" + std::to_string(stops[11]) + " " +
+                             std::to_string(stops[10]) + ")"),
+              1);
+    EXPECT_EQ(Count(log, "FocusShift: exit by retry counter"), 1);
+    EXPECT_TRUE(device->Notes().empty());
+}
+
+TEST_F(Focus, LensThatMovesLateEndsTheShiftWhenItHasMoved) {
+    const auto& stops = Stops(0);
+    StartAt(stops[20]);
+    camera->SetFocusStuck(true);
+    // Unstick after the second move: the third reaches its target and ends the shift.
+    std::thread release([&] {
+        while (camera->CountOperations(orq::PTP_OC_Vendor, orq::ORQM_MoveFocusTo) < 2) {
+            std::this_thread::sleep_for(1ms);
+        }
+        camera->SetFocusStuck(false);
+    });
+    camera->SetLatency(5ms, 0ns);
+    EXPECT_EQ(device->FocusShift(-1), ORQ_OK);
+    release.join();
+    const auto moves = Moves();
+    ASSERT_GE(moves.size(), 3u);
+    EXPECT_EQ(std::vector<int32_t>(moves.begin(), moves.begin() + 2),
+              (std::vector<int32_t>{stops[19], stops[18]}));
+    EXPECT_EQ(device->GetFocus(), moves.back());
+    EXPECT_LT(device->GetFocus(), stops[20]);
+}
+
+TEST_F(Focus, ZeroShiftDoesNothing) {
+    EXPECT_EQ(device->FocusShift(0), ORQ_OK);
+    EXPECT_TRUE(camera->Operations().empty());
+}
+
+TEST_F(Focus, FailedMoveIsReturnedAndKeepsTheFocus) {
+    const auto& stops = Stops(0);
+    StartAt(stops[5]);
+    camera->InjectFault(Fault::Operation(Fault::ResponseCode, orq::PTP_OC_Vendor,
+                                         orq::ORQM_MoveFocusTo, orqsim::RC_OperationNotSupported));
+    EXPECT_EQ(device->FocusShift(1), ORQ_ERROR);
+    EXPECT_EQ(device->GetFocus(), stops[5]);
+    EXPECT_TRUE(InOrder(Log(), {"PTP_ORQM_MoveFocusTo failed", "PTPManualFocusSet failed"}));
+}
+
+TEST_F(Focus, PollFollowsTheCamera) {
+    camera->SetFocusPosition(777);
+    EXPECT_EQ(device->UpdateFocusPos(), ORQ_OK);
+    EXPECT_EQ(device->GetFocus(), 777);
+    EXPECT_EQ(device->UpdateFocusPos(), ORQ_OK);
+    EXPECT_EQ(device->Notes(), Strings{"focus changed"});
+    EXPECT_TRUE(InOrder(Log(), {"focus changed from camera: 777", "focus changed: 777"}));
+
+    camera->InjectFault(Fault::Operation(Fault::ResponseCode, orq::PTP_OC_Vendor,
+                                         orq::ORQM_GetFocusParams,
+                                         orqsim::RC_OperationNotSupported));
+    EXPECT_EQ(device->UpdateFocusPos(), ORQ_ERROR);
+    EXPECT_TRUE(
+        InOrder(Log(), {"PTP_ORQM_GetFocusParams failed", "PTPManualFocusGetParams failed"}));
+}
+
+class NoManualFocus : public ControlsTest {
+protected:
+    orqsim::CameraOptions Options() override {
+        orqsim::CameraOptions options;
+        options.model = "A1400";
+        return options;
+    }
+};
+
+TEST_F(NoManualFocus, PollSkipsFocusAndShiftSendsZero) {
+    EXPECT_EQ(device->UpdateFocusPos(), ORQ_UNKNOWN_PROPERTY);
+    EXPECT_EQ(Ops(orq::ORQM_GetFocusParams), 0u);
+    EXPECT_EQ(device->FocusShift(3), ORQ_OK);
+    ASSERT_GE(Params(orq::ORQM_MoveFocusTo).size(), 1u);
+    EXPECT_EQ(Params(orq::ORQM_MoveFocusTo).front(), 0);
+}
+
+}  // namespace
+}  // namespace controlstest
