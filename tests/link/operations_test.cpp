@@ -22,36 +22,33 @@ struct Row {
     std::function<OrqResult(DeviceLL&)> call;
 };
 
+// Somewhere for a wrapper to put what the test does not look at.
+template <class T>
+T& Out() {
+    static T value;
+    return value;
+}
+
 std::vector<Row> VendorRows() {
+    using Block = orq::PtpDataBlock;
+    using Words = std::vector<uint32_t>;
     return {
         {"GetMemory",
          {1, 0x10364, 36},
          "PTP_CHDK_GetMemory failed",
-         [](DeviceLL& d) {
-             orq::PtpDataBlock b;
-             return d.PTPGetMemory(0x10364, 36, b);
-         }},
+         [](DeviceLL& d) { return d.PTPGetMemory(0x10364, 36, Out<Block>()); }},
         {"GetVideoSettings",
          {11},
          "PTP_CHDK_GetVideoSettings failed",
-         [](DeviceLL& d) {
-             orq::PtpDataBlock b;
-             return d.PTPGetVideoSettings(b);
-         }},
+         [](DeviceLL& d) { return d.PTPGetVideoSettings(Out<Block>()); }},
         {"GetPropCase",
          {129, 57, 1},
          "PTP_ORQM_GetPropCase failed",
-         [](DeviceLL& d) {
-             int32_t v;
-             return d.PTPGetPropCase(57, v);
-         }},
+         [](DeviceLL& d) { return d.PTPGetPropCase(57, Out<int32_t>()); }},
         {"GetZoom",
          {131},
          "PTP_ORQM_GetZoom failed",
-         [](DeviceLL& d) {
-             int32_t v;
-             return d.PTPGetZoom(v);
-         }},
+         [](DeviceLL& d) { return d.PTPGetZoom(Out<int32_t>()); }},
         {"SetZoom",
          {132, 4},
          "PTP_ORQM_SetZoom failed",
@@ -63,10 +60,7 @@ std::vector<Row> VendorRows() {
         {"GetOrqmVersion",
          {145},
          "PTP_ORQM_GetOrqmVersion failed",
-         [](DeviceLL& d) {
-             std::string v;
-             return d.PTPGetOrqmVersion(v);
-         }},
+         [](DeviceLL& d) { return d.PTPGetOrqmVersion(Out<std::string>()); }},
         {"Shoot", {147}, "PTP_ORQM_Shoot failed", [](DeviceLL& d) { return d.PTPShoot(); }},
         {"UpdateAEAF",
          {148},
@@ -79,10 +73,7 @@ std::vector<Row> VendorRows() {
         {"GetMode",
          {150},
          "PTP_ORQM_GetMode failed",
-         [](DeviceLL& d) {
-             uint32_t v;
-             return d.PTPGetMode(v);
-         }},
+         [](DeviceLL& d) { return d.PTPGetMode(Out<uint32_t>()); }},
         {"GetCamLog",
          {153},
          "PTP_ORQM_GetCamLog failed",
@@ -93,23 +84,16 @@ std::vector<Row> VendorRows() {
         {"MoveFocusTo",
          {156, 300},
          "PTP_ORQM_MoveFocusTo failed",
-         [](DeviceLL& d) {
-             int32_t r;
-             return d.PTPMoveFocusTo(300, r);
-         }},
+         [](DeviceLL& d) { return d.PTPMoveFocusTo(300, Out<int32_t>()); }},
         {"GetFocusParams",
          {157},
          "PTP_ORQM_GetFocusParams failed",
-         [](DeviceLL& d) {
-             int32_t v;
-             return d.PTPGetFocusParams(v);
-         }},
+         [](DeviceLL& d) { return d.PTPGetFocusParams(Out<int32_t>()); }},
         {"GetVBat",
          {158},
          "PTP_ORQM_GetVBat failed",
          [](DeviceLL& d) {
-             uint32_t a, b, c;
-             return d.PTPGetVBat(a, b, c);
+             return d.PTPGetVBat(Out<uint32_t>(), Out<uint32_t>(), Out<uint32_t>());
          }},
         {"SetCaptureMode",
          {160, 32772},
@@ -118,10 +102,7 @@ std::vector<Row> VendorRows() {
         {"GetSerialNumber",
          {161},
          "PTP_ORQM_GetSerialNumber failed",
-         [](DeviceLL& d) {
-             std::u16string s;
-             return d.PTPGetSerialNumber(s);
-         }},
+         [](DeviceLL& d) { return d.PTPGetSerialNumber(Out<std::u16string>()); }},
         {"Reset", {162}, "PTP_ORQM_Reset failed", [](DeviceLL& d) { return d.PTPReset(); }},
         {"RemoteCaptureStart",
          {163},
@@ -130,18 +111,11 @@ std::vector<Row> VendorRows() {
         {"RemoteCaptureIsReady",
          {164},
          "PTP_ORQM_RemoteCaptureIsReady failed",
-         [](DeviceLL& d) {
-             bool r;
-             return d.PTPRemoteCaptureIsReady(r);
-         }},
+         [](DeviceLL& d) { return d.PTPRemoteCaptureIsReady(Out<bool>()); }},
         {"RemoteCaptureGetData",
          {165, 1},
          "PTP_ORQM_RemoteCaptureGetData failed",
-         [](DeviceLL& d) {
-             orq::PtpDataBlock b;
-             std::vector<uint32_t> p;
-             return d.PTPRemoteCaptureGetData(b, p);
-         }},
+         [](DeviceLL& d) { return d.PTPRemoteCaptureGetData(Out<Block>(), Out<Words>()); }},
         {"StartVideo",
          {166},
          "PTP_ORQM_StartVideo failed",

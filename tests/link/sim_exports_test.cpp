@@ -1,4 +1,7 @@
 // The OrqSim exports: a camera attached by model, driven through the link, and its cable.
+#include <chrono>
+#include <thread>
+
 #include "link_support.h"
 #include "orqsdk_sim.h"
 
@@ -90,6 +93,27 @@ TEST_F(SimExportsTest, CableCanBePulledAndPluggedAgain) {
     ASSERT_EQ(OrqSimRemoveCamera(camera), ORQ_OK);
     EXPECT_EQ(usb->GetAllConnectedDevicePaths().count(path), 0u);
     EXPECT_EQ(OrqSimGetFileCount(camera), -1);
+}
+
+struct CountingNotify : orq::IUsbLib_Notify {
+    std::atomic<int> changes{0};
+    void OnDeviceChange() override { ++changes; }
+    bool WaitFor(int count) {
+        for (int i = 0; i < 1000 && changes < count; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return changes >= count;
+    }
+};
+
+TEST_F(SimExportsTest, AttachAndDetachAreNotified) {
+    CountingNotify counting;
+    auto watcher = orqsim::CreateVirtualUsbLib(&counting);
+    OrqSimCamera camera = OrqSimAttachCamera("SX40");
+    EXPECT_TRUE(counting.WaitFor(1));
+    int attached = counting.changes;
+    ASSERT_EQ(OrqSimDetachCamera(camera), ORQ_OK);
+    EXPECT_TRUE(counting.WaitFor(attached + 1));
 }
 
 TEST_F(SimExportsTest, UnknownModelIsAttachedButHasNoProfile) {
