@@ -145,21 +145,18 @@ OrqResult CameraManager::OpenSession(int cameraId, OrqSessionHandle* session) {
         *session = nullptr;
         return ORQ_SESSION_BUSY;
     }
-    found->second->SetSessionOpen(true);
-    auto* record = new OrqSessionRecord{this, deviceId};
+    auto flag = found->second->SessionFlag();
+    flag->store(true);
+    auto* record = new OrqSessionRecord{this, deviceId, std::move(flag)};
+    // Closing touches only the flag: no manager lock is taken under the result-memory lock,
+    // and a session released after its camera has gone is harmless.
     ORQ_REGISTER_POINTER(record, [](void* p) {
         auto* closing = static_cast<OrqSessionRecord*>(p);
-        closing->manager->CloseSession(closing->deviceId);
+        closing->open->store(false);
         delete closing;
     });
     *session = record;
     return ORQ_OK;
-}
-
-void CameraManager::CloseSession(int32_t deviceId) {
-    std::lock_guard<std::recursive_mutex> guard(lock);
-    auto found = devices.find(deviceId);
-    if (found != devices.end()) found->second->SetSessionOpen(false);
 }
 
 bool CameraManager::IsConnected(int32_t deviceId) {

@@ -34,7 +34,6 @@ public:
 
     OrqResult GetCameraList(OrqCameraInfo** list, int* count);
     OrqResult OpenSession(int cameraId, OrqSessionHandle* session);
-    void CloseSession(int32_t deviceId);
     bool IsConnected(int32_t deviceId);
 
     // Runs work on the device of a session's internal id with the manager's mutex held; false
@@ -69,6 +68,7 @@ private:
 struct OrqSessionRecord {
     orq::CameraManager* manager;
     int32_t deviceId;
+    std::shared_ptr<std::atomic<bool>> open;  // the claimed device's session flag
 };
 
 // The record behind OrqCameraManagerHandle.

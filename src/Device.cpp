@@ -57,6 +57,7 @@ Device::Device(UsbLib* usb, const SDKConfig* sdkConfig, std::u16string devicePat
 }
 
 Device::~Device() {
+    halting = true;
     Post(std::make_shared<MainLoopMsg_Halt>());
     // A thread that was never started has nothing to join.
     if (thread.joinable()) thread.join();
@@ -307,8 +308,10 @@ void Device::FailDevice(OrqResult code) {
     if (code != ORQ_BATTERY_LOW) {
         // A pulled cable shows first as a failed transfer; give the notification thread time to
         // report the removal so that the application learns the real cause.
-        for (int look = 0; look < 16 && IsConnected(); ++look) {
-            std::this_thread::sleep_for(milliseconds(500));
+        // Nobody is left to tell once the object is being destroyed, so that ends the wait too.
+        for (int look = 0; look < 16 && IsConnected() && !halting; ++look) {
+            std::unique_lock<std::mutex> guard(queueLock);
+            queueCondition.wait_for(guard, milliseconds(500), [this] { return halting.load(); });
         }
         if (!IsConnected()) {
             result = ORQ_DISCONNECTED;

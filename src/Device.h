@@ -26,8 +26,9 @@ public:
     void Post(std::shared_ptr<MainLoopMsg_Base> message);
 
     int32_t Id() const { return id; }
-    bool IsSessionOpen() const { return sessionOpen.load(); }
-    void SetSessionOpen(bool open) { sessionOpen.store(open); }
+    bool IsSessionOpen() const { return sessionOpen->load(); }
+    // Shared with the session record, so that closing a session needs no manager lock.
+    std::shared_ptr<std::atomic<bool>> SessionFlag() const { return sessionOpen; }
     OrqCameraInfo CameraInfo(uint32_t publicId) const;
 
     // Upward operations.
@@ -90,7 +91,7 @@ private:
     void FailDevice(OrqResult code);
 
     int32_t id;
-    std::atomic<bool> sessionOpen{false};
+    std::shared_ptr<std::atomic<bool>> sessionOpen = std::make_shared<std::atomic<bool>>(false);
     std::atomic<bool> started{false};
     std::atomic<int32_t> result{ORQ_DEVICE_NOT_READY};
     std::thread thread;
@@ -99,6 +100,7 @@ private:
     std::condition_variable queueCondition;
     std::atomic<bool> previewOn{false};
     std::atomic<bool> previewSuspended{false};
+    std::atomic<bool> halting{false};
 };
 
 }  // namespace orq

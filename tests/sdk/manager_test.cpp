@@ -1,0 +1,103 @@
+#include "sdk_fixture.h"
+
+using namespace orqtest;
+
+namespace {
+constexpr uint32_t kIdPattern = 0x0B15FC9A;
+}
+
+TEST_F(SdkTest, CamerasPresentAtStartAreListedWithoutEvents) {
+    OrqSimAttachCamera("SX160");
+    OrqSimAttachCamera("G15");
+    Start();
+    Recorder recorder;
+    OrqSubscription subscription =
+        OrqCameraListChangedSubscribe(manager, Recorder::OnCameraList, &recorder);
+    auto cameras = Cameras();
+    ASSERT_EQ(cameras.size(), 2u);
+    EXPECT_EQ(cameras[0].id, 1u ^ kIdPattern);
+    EXPECT_EQ(cameras[1].id, 2u ^ kIdPattern);
+    EXPECT_EQ(recorder.Changes(), 0u);
+    OrqFree(subscription);
+}
+
+TEST_F(SdkTest, HotPlugRaisesOneChangePerCamera) {
+    Start();
+    Recorder recorder;
+    OrqSubscription subscription =
+        OrqCameraListChangedSubscribe(manager, Recorder::OnCameraList, &recorder);
+    OrqSimCamera camera = OrqSimAttachCamera("SX150");
+    ASSERT_TRUE(WaitFor([&] { return recorder.Changes() == 1; }));
+    EXPECT_EQ(recorder.cameraChanges[0].second, 0);
+    OrqSimDetachCamera(camera);
+    ASSERT_TRUE(WaitFor([&] { return recorder.Changes() == 2; }));
+    EXPECT_EQ(recorder.cameraChanges[1], std::make_pair(recorder.cameraChanges[0].first, 1));
+    EXPECT_TRUE(Cameras().empty());
+    OrqFree(subscription);
+}
+
+TEST_F(SdkTest, FailedStartUpIsReportedOnceUntilReplugged) {
+    Start();
+    Recorder recorder;
+    OrqSubscription errors =
+        OrqCameraInitializationErrorSubscribe(manager, Recorder::OnInitError, &recorder);
+    OrqSimCamera unknown = OrqSimAttachCamera("XZ999");
+    ASSERT_TRUE(WaitFor([&] {
+        std::lock_guard<std::mutex> guard(recorder.lock);
+        return recorder.initErrors.size() == 1;
+    }));
+    EXPECT_EQ(recorder.initErrors[0], ORQ_ERROR);
+    EXPECT_TRUE(Cameras().empty());
+    EXPECT_TRUE(Cameras().empty());
+    {
+        std::lock_guard<std::mutex> guard(recorder.lock);
+        EXPECT_EQ(recorder.initErrors.size(), 1u);
+    }
+    OrqSimDetachCamera(unknown);
+    EXPECT_TRUE(Cameras().empty());
+    OrqSimReattachCamera(unknown);
+    ASSERT_TRUE(WaitFor([&] {
+        std::lock_guard<std::mutex> guard(recorder.lock);
+        return recorder.initErrors.size() == 2;
+    }));
+    OrqFree(errors);
+}
+
+TEST_F(SdkTest, SessionsClaimARowAndKeepItAfterUnplug) {
+    OrqSimCamera camera = OrqSimAttachCamera("SX160");
+    Start();
+    auto cameras = Cameras();
+    ASSERT_EQ(cameras.size(), 1u);
+    OrqSessionHandle wrong = nullptr;
+    EXPECT_EQ(OrqOpenSession(manager, static_cast<int>(cameras[0].id ^ 1), &wrong),
+              ORQ_DEVICE_NOT_READY);
+    OrqSessionHandle session = Open(cameras[0].id);
+    OrqSessionHandle second = reinterpret_cast<OrqSessionHandle>(&wrong);
+    EXPECT_EQ(OrqOpenSession(manager, static_cast<int>(cameras[0].id), &second), ORQ_SESSION_BUSY);
+    EXPECT_EQ(second, nullptr);
+
+    Recorder recorder;
+    OrqSubscription errors = OrqCameraErrorSubscribe(session, Recorder::OnCameraError, &recorder);
+    OrqSimDetachCamera(camera);
+    int state = -1;
+    ASSERT_TRUE(WaitFor([&] {
+        OrqGetCameraConnectionState(session, &state);
+        return state == 1;
+    }));
+    EXPECT_EQ(Cameras().size(), 1u);  // kept for the open session
+    int value = 0;
+    OrqResult refused = OrqGetPropertyData(session, 0, &value);
+    EXPECT_TRUE(refused == ORQ_DEVICE_NOT_READY || refused == ORQ_DISCONNECTED) << refused;
+    // The camera's loop ends on its next poll, seen as a disconnection.
+    ASSERT_TRUE(WaitFor([&] { return recorder.CameraErrors() == 1; }, 6000));
+    EXPECT_EQ(recorder.cameraErrors[0], ORQ_DISCONNECTED);
+    EXPECT_EQ(OrqShoot(session), ORQ_DISCONNECTED);
+
+    // Same path back while the session is open: no new camera.
+    OrqSimReattachCamera(camera);
+    EXPECT_EQ(Cameras().size(), 1u);
+    OrqFree(errors);
+    OrqFree(session);
+    OrqSimDetachCamera(camera);
+    EXPECT_TRUE(WaitFor([&] { return Cameras().empty(); }));
+}
