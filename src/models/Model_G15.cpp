@@ -1,0 +1,52 @@
+#include "models/ModelData.h"
+
+namespace orq::models {
+
+CameraConfig MakeG15() {
+    CameraConfig model;
+    model.name = u"G15";
+    model.maxZoom = 120;
+    model.constraints = {0, 1, 2, 3};
+    model.videoSupported = false;
+    model.properties = {
+        {PROP_SHOOTING_MODE,
+         ShootingMode({{0, 32768}, {1, 32772}, {2, 32769}, {3, 32770}, {4, 32771}, {31, 33337},
+                       {9, 16401}, {44, 16914}, {24, 16941}, {32, 16393}, {33, 16945},
+                       {45, 16924}, {18, 16409}, {19, 16411}, {34, 16909}, {46, 8754},
+                       {47, 8745}, {12, 8751}, {13, 8752}, {14, 8755}, {48, 8756}, {15, 8758},
+                       {16, 8746}, {17, 8747}, {28, 8737}, {29, 8738}, {6, 2626}, {21, 2633},
+                       {43, 2631}})},
+        {PROP_IMAGE_SIZE, Plain(222, {Sized(0, 0, 4000, 3000), Sized(1, 1, 2816, 2112),
+                                      Sized(2, 2, 1600, 1200), Sized(4, 4, 640, 480)})},
+        {PROP_JPEG_QUALITY, Plain(57, Same({0, 1, 2}))},
+        {PROP_METERING_MODE, Plain(157, Same({0, 1, 2}))},
+        // Both custom slots of the camera (8 and 9) read as value 9; value 10 is never used.
+        {PROP_WB_MODE, Plain(272, {{0, 0}, {1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {9, 8}, {9, 9},
+                                   {7, 6}, {8, 10}})},
+        {PROP_FLASH_MODE, Plain(143, Same({0, 1, 2}))},
+        {PROP_RED_EYE_MODE, SubProperty(220, 217, RedEyeValues())},
+        {PROP_ISO_SPEED,
+         Plain(149, Same({0, 80, 100, 125, 160, 200, 250, 320, 400, 500, 640, 800, 1000, 1250,
+                          1600, 2000, 2500, 3200, 4000, 5000, 6400, 8000, 10000, 12800}))},
+        {PROP_AV, Plain(26, {{18, 171}, {20, 192}, {22, 224}, {25, 256}, {28, 288}, {32, 320},
+                             {35, 352}, {40, 384}, {45, 416}, {50, 448}, {56, 480}, {63, 512},
+                             {71, 544}, {80, 576}})},
+        {PROP_TV, Plain(268, TvValues(1, Negatives::Unsigned16, TvDeviation::None))},
+        {PROP_FLASH_COMPENSATION, Plain(127, Compensation(Negatives::Unsigned16))},
+        {PROP_BATTERY_LEVEL, BatteryLevel()},
+        {PROP_FOCUSING_ZONE, FocusingZone({{1, 0}, {2, 1}})},
+        {PROP_MY_COLORS, Plain(188, {{0, 0}, {1, 1}, {2, 2}, {3, 4}, {4, 3}, {5, 5}, {6, 6},
+                                     {7, 7}, {8, 10}, {9, 9}, {10, 8}, {11, 11}})},
+        {PROP_CONTRAST, Plain(59, ColorAdjustValues())},
+        {PROP_SHARPNESS, Plain(229, ColorAdjustValues())},
+        {PROP_SATURATION, Plain(55, ColorAdjustValues())},
+        {PROP_RED, Plain(179, ColorAdjustValues())},
+        {PROP_GREEN, Plain(178, ColorAdjustValues())},
+        {PROP_BLUE, Plain(177, ColorAdjustValues())},
+        {PROP_SKIN_TONE, Plain(180, ColorAdjustValues())},
+        {PROP_FLASH_POWER, FlashPower()},
+    };
+    return model;
+}
+
+}  // namespace orq::models

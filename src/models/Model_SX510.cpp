@@ -1,0 +1,48 @@
+#include "models/ModelData.h"
+
+namespace orq::models {
+
+CameraConfig MakeSX510() {
+    CameraConfig model;
+    model.name = u"SX510";
+    model.maxZoom = 126;
+    model.constraints = {0, 1, 2, 3};
+    model.videoSupported = false;
+    model.properties = {
+        {PROP_SHOOTING_MODE,
+         ShootingMode({{0, 32768}, {1, 32772}, {2, 32769}, {3, 32770}, {4, 32771}, {8, 33339},
+                       {31, 33340}, {9, 16403}, {10, 16942}, {35, 16392}, {11, 16423},
+                       {18, 16411}, {19, 16413}, {12, 8753}, {13, 8754}, {14, 8757}, {15, 8761},
+                       {16, 8748}, {17, 8749}, {7, 32824}, {6, 2633}, {43, 2638}})},
+        {PROP_IMAGE_SIZE,
+         Plain(221, {Sized(0, 0, 4000, 3000), Sized(1, 1, 2816, 2112), Sized(2, 2, 1600, 1200),
+                     Sized(4, 4, 640, 480), Sized(5, 7, 1984, 1488)})},
+        {PROP_JPEG_QUALITY, Plain(57, Same({0, 1, 2}))},
+        {PROP_METERING_MODE, Plain(157, Same({0, 1, 2}))},
+        {PROP_WB_MODE, Plain(271, {{0, 0}, {1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 7}})},
+        {PROP_FLASH_MODE, Plain(143, Same({0, 1, 2}))},
+        {PROP_RED_EYE_MODE, SubProperty(219, 216, RedEyeValues())},
+        {PROP_ISO_SPEED, Plain(149, Same({0, 80, 100, 200, 400, 800, 1600, 3200}))},
+        // "3.4" here has the camera number that the SX170 gives to "3.5".
+        {PROP_AV, Plain(26, {{34, 352}, {40, 384}, {45, 416}, {50, 448}, {56, 480}, {63, 512},
+                             {71, 544}, {80, 576}})},
+        {PROP_TV, Plain(267, TvValues(6, Negatives::Unsigned16, TvDeviation::None))},
+        {PROP_EXPOSURE_COMPENSATION, SubProperty(107, 210, Compensation(Negatives::Unsigned16))},
+        {PROP_FLASH_COMPENSATION, Plain(127, Compensation(Negatives::Unsigned16))},
+        {PROP_BATTERY_LEVEL, BatteryLevel()},
+        {PROP_FOCUSING_ZONE, FocusingZone({{0, 0}, {2, 1}, {5, 4}})},
+        {PROP_MY_COLORS, Plain(187, {{0, 0}, {1, 1}, {2, 2}, {3, 4}, {4, 3}, {5, 5}, {6, 6},
+                                     {7, 7}, {8, 10}, {9, 9}, {10, 8}, {11, 11}})},
+        {PROP_CONTRAST, Plain(59, ColorAdjustValues())},
+        {PROP_SHARPNESS, Plain(228, ColorAdjustValues())},
+        {PROP_SATURATION, Plain(55, ColorAdjustValues())},
+        {PROP_RED, Plain(178, ColorAdjustValues())},
+        {PROP_GREEN, Plain(177, ColorAdjustValues())},
+        {PROP_BLUE, Plain(176, ColorAdjustValues())},
+        {PROP_SKIN_TONE, Plain(179, ColorAdjustValues())},
+        {PROP_FLASH_POWER, FlashPower()},
+    };
+    return model;
+}
+
+}  // namespace orq::models
