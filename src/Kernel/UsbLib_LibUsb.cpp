@@ -33,7 +33,12 @@
 
 namespace orq {
 
-struct UsbDevice {
+namespace {
+
+// What this backend hands out as a UsbDevice. The record is a type of its own rather than a
+// definition of UsbDevice, so that the backend can share a program with the virtual transport
+// (the benchmark does) without two definitions of one class.
+struct LibUsbDevice {
     std::u16string path;
     std::u16string name;
 
@@ -63,7 +68,9 @@ struct UsbDevice {
     size_t spillLength = 0;
 };
 
-namespace {
+LibUsbDevice* Record(UsbDevice* device) {
+    return reinterpret_cast<LibUsbDevice*>(device);
+}
 
 // Largest single transfer: a multiple of every bulk packet size, and far below the usbfs memory
 // limit (16 MiB by default, shared by all devices of the system).
@@ -147,7 +154,7 @@ int ErrorOf(libusb_transfer_status status) {
 }
 
 void LIBUSB_CALL OnTransferDone(libusb_transfer* transfer) {
-    auto* device = static_cast<UsbDevice*>(transfer->user_data);
+    auto* device = static_cast<LibUsbDevice*>(transfer->user_data);
     device->status = transfer->status;
     device->actualLength = transfer->actual_length;
     __atomic_store_n(&device->done, 1, __ATOMIC_RELEASE);
@@ -193,12 +200,12 @@ public:
         if (thread.joinable()) thread.join();
         if (!context) return;
         if (hotplug) libusb_hotplug_deregister_callback(context, hotplugHandle);
-        std::list<std::unique_ptr<UsbDevice>> records;
+        std::list<std::unique_ptr<LibUsbDevice>> records;
         {
             std::lock_guard<std::mutex> guard(lock);
             records.swap(devices);
         }
-        for (auto& record : records) CloseDevice(record.get());
+        for (auto& record : records) Close(*record);
         libusb_exit(context);
     }
 
@@ -271,7 +278,7 @@ public:
             return nullptr;
         }
 
-        auto device = std::make_unique<UsbDevice>();
+        auto device = std::make_unique<LibUsbDevice>();
         device->path = std::move(path);
         device->name = std::move(name);
         device->handle = handle;
@@ -283,31 +290,19 @@ public:
         device->spill.resize(static_cast<size_t>(found.packetSize));
         std::lock_guard<std::mutex> guard(lock);
         devices.push_back(std::move(device));
-        return devices.back().get();
+        return reinterpret_cast<UsbDevice*>(devices.back().get());
     }
 
     void CloseDevice(UsbDevice* device) override {
-        if (!device) return;
-        std::unique_lock<std::mutex> guard(device->lock);
-        if (device->closed) return;
-        device->closed = true;
-        if (device->inFlight) {
-            // The transferring thread completes the cancellation in its own event handling.
-            libusb_cancel_transfer(device->transfer);
-            device->idle.wait(guard, [device] { return !device->inFlight; });
-        }
-        libusb_release_interface(device->handle, device->interfaceNumber);
-        libusb_close(device->handle);
-        device->handle = nullptr;
-        libusb_free_transfer(device->transfer);
-        device->transfer = nullptr;
+        if (device) Close(*Record(device));
     }
 
     std::u16string GetDeviceName(UsbDevice* device) override {
-        return device ? device->name : std::u16string();
+        return device ? Record(device)->name : std::u16string();
     }
 
-    bool UsbReadExactly(UsbBuffer buffer, UsbDevice* device) override {
+    bool UsbReadExactly(UsbBuffer buffer, UsbDevice* handle) override {
+        LibUsbDevice* device = Record(handle);
         uint64_t received = 0;
         while (received < buffer.size) {
             uint64_t wanted = buffer.size - received;
@@ -342,7 +337,8 @@ public:
         return true;
     }
 
-    bool UsbWrite(UsbBuffer buffer, UsbDevice* device) override {
+    bool UsbWrite(UsbBuffer buffer, UsbDevice* handle) override {
+        LibUsbDevice* device = Record(handle);
         const uint32_t length = static_cast<uint32_t>(buffer.size);
         uint64_t sent = 0;
         int error = device ? 0 : LIBUSB_ERROR_NO_DEVICE;
@@ -476,7 +472,23 @@ private:
         return true;
     }
 
-    static int TakeSpill(UsbDevice& device, uint8_t* destination, uint64_t wanted) {
+    static void Close(LibUsbDevice& device) {
+        std::unique_lock<std::mutex> guard(device.lock);
+        if (device.closed) return;
+        device.closed = true;
+        if (device.inFlight) {
+            // The transferring thread completes the cancellation in its own event handling.
+            libusb_cancel_transfer(device.transfer);
+            device.idle.wait(guard, [&device] { return !device.inFlight; });
+        }
+        libusb_release_interface(device.handle, device.interfaceNumber);
+        libusb_close(device.handle);
+        device.handle = nullptr;
+        libusb_free_transfer(device.transfer);
+        device.transfer = nullptr;
+    }
+
+    static int TakeSpill(LibUsbDevice& device, uint8_t* destination, uint64_t wanted) {
         size_t count = static_cast<size_t>(std::min<uint64_t>(wanted, device.spillLength));
         std::copy_n(device.spill.data() + device.spillStart, count, destination);
         device.spillStart += count;
@@ -486,7 +498,7 @@ private:
 
     // One bulk transfer, waited for by handling libusb events on this thread. Returns 0 or a
     // libusb error number; count is what moved, also on failure.
-    int Transfer(UsbDevice& device, uint8_t endpoint, uint8_t* data, int length, int& count) {
+    int Transfer(LibUsbDevice& device, uint8_t endpoint, uint8_t* data, int length, int& count) {
         count = 0;
         {
             std::lock_guard<std::mutex> guard(device.lock);
@@ -533,7 +545,7 @@ private:
     bool changed = false;
     bool stopping = false;
     // Records stay until the backend goes: callers may close a record twice.
-    std::list<std::unique_ptr<UsbDevice>> devices;
+    std::list<std::unique_ptr<LibUsbDevice>> devices;
     std::thread thread;
 };
 
