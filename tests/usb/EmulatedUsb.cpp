@@ -83,6 +83,14 @@ std::vector<uint8_t> StringDescriptor(const std::u16string& text) {
     return out;
 }
 
+// Guards every emulated device. One lock for all, as a static, so that ThreadSanitizer sees it
+// order what the test thread sets up before umockdev's worker thread first looks: the hand-over
+// itself goes through GLib's own locks, which it cannot see.
+std::mutex& EmulationLock() {
+    static std::mutex lock;
+    return lock;
+}
+
 std::string Narrow(const std::u16string& text) {
     return std::string(text.begin(), text.end());
 }
@@ -100,7 +108,7 @@ std::string DescriptorsHex(const EmulatedDeviceOptions& options) {
 }
 
 // One emulated device: the usbfs side of its /dev node. Everything but construction runs on
-// umockdev's worker thread, except Unplug and SetHolder from the test; the lock guards it all.
+// umockdev's worker thread, except Unplug and SetHolder from the test; EmulationLock guards it.
 struct EmulatedUsbBus::Device {
     struct Urb {
         UMockdevIoctlData* data;  // the submitted urb, its buffer resolved to a local copy
@@ -115,7 +123,6 @@ struct EmulatedUsbBus::Device {
     EmulatedDeviceOptions options;
     UMockdevIoctlBase* handler = nullptr;
 
-    mutable std::mutex lock;
     Holder holder = Holder::None;
     bool removed = false;
     EmulatedDeviceStats stats;
@@ -140,19 +147,19 @@ struct EmulatedUsbBus::Device {
     }
 
     static gboolean OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer self) {
+        std::lock_guard<std::mutex> guard(EmulationLock());
         static_cast<Device*>(self)->Ioctl(client);
         return TRUE;
     }
 
     static void OnConnected(UMockdevIoctlBase*, UMockdevIoctlClient*, gpointer self) {
+        std::lock_guard<std::mutex> guard(EmulationLock());
         auto* device = static_cast<Device*>(self);
-        std::lock_guard<std::mutex> guard(device->lock);
         ++device->stats.opens;
         if (device->endpoint) device->endpoint->Reset();
     }
 
     void Ioctl(UMockdevIoctlClient* client) {
-        std::lock_guard<std::mutex> guard(lock);
         UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
         switch (umockdev_ioctl_client_get_request(client)) {
             case USBDEVFS_GET_CAPABILITIES: {
@@ -376,6 +383,8 @@ EmulatedUsbBus::~EmulatedUsbBus() {
         umockdev_testbed_detach_ioctl(testbed, entry.second->devNode.c_str(), nullptr);
     }
     g_object_unref(testbed);
+    // Under the lock only so that ThreadSanitizer sees the worker's last touch come before.
+    std::lock_guard<std::mutex> guard(EmulationLock());
     devices.clear();
 }
 
@@ -384,7 +393,9 @@ std::u16string EmulatedUsbBus::Plug(std::shared_ptr<orqsim::VirtualEndpoint> end
     unsigned address = nextAddress++;
     unsigned port = address - 1;
     char text[64];
-    auto device = std::make_unique<Device>();
+    std::unique_lock<std::mutex> guard(EmulationLock());
+    auto made = std::make_unique<Device>();
+    Device* device = made.get();
     std::snprintf(text, sizeof text, "usb:001:%03u", address);
     device->path = std::u16string(text, text + std::strlen(text));
     std::snprintf(text, sizeof text, "/sys/devices/usb1/1-%u", port);
@@ -394,13 +405,13 @@ std::u16string EmulatedUsbBus::Plug(std::shared_ptr<orqsim::VirtualEndpoint> end
     device->endpoint = std::move(endpoint);
     device->options = options;
     device->holder = options.holder;
+    devices.emplace(device->path, std::move(made));
+    guard.unlock();
 
     // The handler goes on before the device appears, so that no open can miss it.
     device->handler = umockdev_ioctl_base_new();
-    g_signal_connect_after(device->handler, "handle-ioctl", G_CALLBACK(Device::OnIoctl),
-                           device.get());
-    g_signal_connect(device->handler, "client-connected", G_CALLBACK(Device::OnConnected),
-                     device.get());
+    g_signal_connect_after(device->handler, "handle-ioctl", G_CALLBACK(Device::OnIoctl), device);
+    g_signal_connect(device->handler, "client-connected", G_CALLBACK(Device::OnConnected), device);
     if (!umockdev_testbed_attach_ioctl(testbed, device->devNode.c_str(), device->handler,
                                        nullptr)) {
         throw std::runtime_error("umockdev could not attach to " + device->devNode);
@@ -418,9 +429,7 @@ std::u16string EmulatedUsbBus::Plug(std::shared_ptr<orqsim::VirtualEndpoint> end
     if (!umockdev_testbed_add_from_string(testbed, description.c_str(), nullptr)) {
         throw std::runtime_error("umockdev could not add " + device->sysPath);
     }
-    std::u16string path = device->path;
-    devices.emplace(path, std::move(device));
-    return path;
+    return device->path;
 }
 
 void EmulatedUsbBus::Unplug(const std::u16string& path) {
@@ -428,7 +437,7 @@ void EmulatedUsbBus::Unplug(const std::u16string& path) {
     if (it == devices.end()) throw std::runtime_error("not plugged: " + Narrow(path));
     Device& device = *it->second;
     {
-        std::lock_guard<std::mutex> guard(device.lock);
+        std::lock_guard<std::mutex> guard(EmulationLock());
         if (device.removed) return;
         device.removed = true;
         // What the kernel does to urbs in flight when the device goes.
@@ -444,15 +453,13 @@ void EmulatedUsbBus::Unplug(const std::u16string& path) {
 }
 
 void EmulatedUsbBus::SetHolder(const std::u16string& path, EmulatedDeviceOptions::Holder holder) {
-    Device& device = *devices.at(path);
-    std::lock_guard<std::mutex> guard(device.lock);
-    device.holder = holder;
+    std::lock_guard<std::mutex> guard(EmulationLock());
+    devices.at(path)->holder = holder;
 }
 
 EmulatedDeviceStats EmulatedUsbBus::Stats(const std::u16string& path) const {
-    const Device& device = *devices.at(path);
-    std::lock_guard<std::mutex> guard(device.lock);
-    return device.stats;
+    std::lock_guard<std::mutex> guard(EmulationLock());
+    return devices.at(path)->stats;
 }
 
 }  // namespace orqtest
