@@ -156,8 +156,8 @@ public:
     // --- PTP link ---------------------------------------------------------------------------
     bool PtpTransaction(uint16_t code, PtpParams params, int32_t direction, bool& generalError,
                         PtpDataBlock* data, std::vector<uint32_t>* responseParams);
-    bool PtpTransactionRetry(uint16_t code, PtpParams params, int32_t direction,
-                             PtpDataBlock* data, std::vector<uint32_t>* responseParams);
+    bool PtpTransactionRetry(uint16_t code, PtpParams params, int32_t direction, PtpDataBlock* data,
+                             std::vector<uint32_t>* responseParams);
     bool PtpReadContainer(uint8_t (&response)[512]);
 
     // --- Standard operations ----------------------------------------------------------------

@@ -42,10 +42,10 @@ bool CameraConfig::ToSdkValue(int32_t propertyId, int32_t cameraValue, int32_t& 
 const std::vector<CameraConfig>& CameraConfigTable() {
     // The order decides which model wins when a product string holds two codes.
     static const std::vector<CameraConfig> table = {
-        models::MakeA1400(), models::MakeA2200(),   models::MakeA4000(), models::MakeA495(),
-        models::MakeA800(),  models::MakeA810(),    models::MakeG15(),   models::MakeIXUS145(),
-        models::MakeSX130(), models::MakeSX150(),   models::MakeSX160(), models::MakeSX170(),
-        models::MakeSX40(),  models::MakeSX500(),   models::MakeSX510(),
+        models::MakeA1400(), models::MakeA2200(), models::MakeA4000(), models::MakeA495(),
+        models::MakeA800(),  models::MakeA810(),  models::MakeG15(),   models::MakeIXUS145(),
+        models::MakeSX130(), models::MakeSX150(), models::MakeSX160(), models::MakeSX170(),
+        models::MakeSX40(),  models::MakeSX500(), models::MakeSX510(),
     };
     return table;
 }

@@ -46,7 +46,7 @@ struct PropertyValue {
 static_assert(sizeof(PropertyValue) == 20, "PropertyValue is five 32-bit words");
 
 struct PropertyEntry {
-    int32_t propCase = -1;  // -1: the property has no case of its own
+    int32_t propCase = -1;              // -1: the property has no case of its own
     std::vector<PropertyValue> values;  // in the order offered to the application
     PropertyKind kind = PropertyKind::Plain;
     int32_t subCase1 = 0;

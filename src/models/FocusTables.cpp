@@ -34,8 +34,8 @@ struct Anchor {
 };
 
 struct FocusTableShape {
-    std::vector<int32_t> lengths;  // one per zoom step
-    std::vector<KnownRow> known;   // ascending zoom steps, the first and the last step among them
+    std::vector<int32_t> lengths;   // one per zoom step
+    std::vector<KnownRow> known;    // ascending zoom steps, the first and the last step among them
     std::vector<Anchor> extraLast;  // last numbers of further rows
 };
 
@@ -55,8 +55,7 @@ int64_t Interpolate(const std::vector<Anchor>& anchors, int32_t zoomStep) {
         const Anchor& a = anchors[i];
         const Anchor& b = anchors[i + 1];
         if (zoomStep >= a.zoomStep && zoomStep <= b.zoomStep) {
-            return ReciprocalStep(a.value, b.value, b.zoomStep - a.zoomStep,
-                                  zoomStep - a.zoomStep);
+            return ReciprocalStep(a.value, b.value, b.zoomStep - a.zoomStep, zoomStep - a.zoomStep);
         }
     }
     return anchors.back().value;  // not reached: the known rows span every zoom step
@@ -93,8 +92,7 @@ FocusTable Generate(const FocusTableShape& shape) {
               [](const Anchor& a, const Anchor& b) { return a.zoomStep < b.zoomStep; });
 
     FocusTable table;
-    for (int32_t zoomStep = 0; zoomStep < static_cast<int32_t>(shape.lengths.size());
-         ++zoomStep) {
+    for (int32_t zoomStep = 0; zoomStep < static_cast<int32_t>(shape.lengths.size()); ++zoomStep) {
         std::vector<int32_t> head;
         std::vector<int32_t> tail;
         const KnownRow* known = nullptr;

@@ -8,8 +8,7 @@ namespace orq::models {
 namespace {
 
 int32_t InForm(int32_t cameraValue, Negatives form) {
-    return (form == Negatives::Unsigned16 && cameraValue < 0) ? cameraValue + 0x10000
-                                                              : cameraValue;
+    return (form == Negatives::Unsigned16 && cameraValue < 0) ? cameraValue + 0x10000 : cameraValue;
 }
 
 // The Tv values from the longest time to the shortest; rung k has camera value -384 + 32 k, which
@@ -34,9 +33,13 @@ PropertyValue Sized(int32_t value, int32_t cameraValue, int32_t width, int32_t h
     return {value, cameraValue, true, width, height};
 }
 
-Values RedEyeValues() { return {{0, 1}, {1, 0}}; }
+Values RedEyeValues() {
+    return {{0, 1}, {1, 0}};
+}
 
-Values ColorAdjustValues() { return {{0, 254}, {1, 255}, {2, 0}, {3, 1}, {4, 2}}; }
+Values ColorAdjustValues() {
+    return {{0, 254}, {1, 255}, {2, 0}, {3, 1}, {4, 2}};
+}
 
 Values Compensation(Negatives form) {
     // Thirds of a stop, 32 camera units each; SDK value 200 is no compensation.
@@ -83,17 +86,25 @@ PropertyEntry ShootingMode(Values values) {
     return {49, std::move(values), PropertyKind::CaptureMode, 0, 0};
 }
 
-PropertyEntry FocusingZone(Values values) { return Plain(6, std::move(values)); }
+PropertyEntry FocusingZone(Values values) {
+    return Plain(6, std::move(values));
+}
 
-PropertyEntry BatteryLevel() { return Plain(-1, Same({0, 1, 2, 3, 4})); }
+PropertyEntry BatteryLevel() {
+    return Plain(-1, Same({0, 1, 2, 3, 4}));
+}
 
 PropertyEntry FlashPower() {
     // 121 is the flash adjust mode, 141 the manual flash output.
     return {-1, Same({0, 1, 2, 3}), PropertyKind::FlashPower, 121, 141};
 }
 
-PropertyEntry DirectTransfer() { return Plain(-1, Same({0, 1})); }
+PropertyEntry DirectTransfer() {
+    return Plain(-1, Same({0, 1}));
+}
 
-PropertyEntry ManualFocusMode() { return {-1, Same({0, 1}), PropertyKind::ManualFocus, 0, 0}; }
+PropertyEntry ManualFocusMode() {
+    return {-1, Same({0, 1}), PropertyKind::ManualFocus, 0, 0};
+}
 
 }  // namespace orq::models

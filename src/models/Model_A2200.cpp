@@ -1,5 +1,8 @@
 #include "models/ModelData.h"
 
+// Tables are laid out as they are read, one record per value; the formatter keeps out.
+// clang-format off
+
 namespace orq::models {
 
 CameraConfig MakeA2200() {
@@ -36,3 +39,4 @@ CameraConfig MakeA2200() {
 }
 
 }  // namespace orq::models
+// clang-format on

@@ -1,5 +1,8 @@
 #include "models/ModelData.h"
 
+// Tables are laid out as they are read, one record per value; the formatter keeps out.
+// clang-format off
+
 namespace orq::models {
 
 CameraConfig MakeA495() {
@@ -31,3 +34,4 @@ CameraConfig MakeA495() {
 }
 
 }  // namespace orq::models
+// clang-format on

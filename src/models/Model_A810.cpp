@@ -1,5 +1,8 @@
 #include "models/ModelData.h"
 
+// Tables are laid out as they are read, one record per value; the formatter keeps out.
+// clang-format off
+
 namespace orq::models {
 
 CameraConfig MakeA810() {
@@ -34,3 +37,4 @@ CameraConfig MakeA810() {
 }
 
 }  // namespace orq::models
+// clang-format on

@@ -1,5 +1,8 @@
 #include "models/ModelData.h"
 
+// Tables are laid out as they are read, one record per value; the formatter keeps out.
+// clang-format off
+
 namespace orq::models {
 
 CameraConfig MakeG15() {
@@ -50,3 +53,4 @@ CameraConfig MakeG15() {
 }
 
 }  // namespace orq::models
+// clang-format on

@@ -1,5 +1,8 @@
 #include "models/ModelData.h"
 
+// Tables are laid out as they are read, one record per value; the formatter keeps out.
+// clang-format off
+
 namespace orq::models {
 
 CameraConfig MakeSX130() {
@@ -38,3 +41,4 @@ CameraConfig MakeSX130() {
 }
 
 }  // namespace orq::models
+// clang-format on

@@ -1,5 +1,8 @@
 #include "models/ModelData.h"
 
+// Tables are laid out as they are read, one record per value; the formatter keeps out.
+// clang-format off
+
 namespace orq::models {
 
 CameraConfig MakeSX150() {
@@ -49,3 +52,4 @@ CameraConfig MakeSX150() {
 }
 
 }  // namespace orq::models
+// clang-format on

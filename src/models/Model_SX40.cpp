@@ -1,5 +1,8 @@
 #include "models/ModelData.h"
 
+// Tables are laid out as they are read, one record per value; the formatter keeps out.
+// clang-format off
+
 namespace orq::models {
 
 CameraConfig MakeSX40() {
@@ -39,3 +42,4 @@ CameraConfig MakeSX40() {
 }
 
 }  // namespace orq::models
+// clang-format on

@@ -1,5 +1,8 @@
 #include "models/ModelData.h"
 
+// Tables are laid out as they are read, one record per value; the formatter keeps out.
+// clang-format off
+
 namespace orq::models {
 
 CameraConfig MakeSX500() {
@@ -45,3 +48,4 @@ CameraConfig MakeSX500() {
 }
 
 }  // namespace orq::models
+// clang-format on

@@ -1,5 +1,8 @@
 #include "models/ModelData.h"
 
+// Tables are laid out as they are read, one record per value; the formatter keeps out.
+// clang-format off
+
 namespace orq::models {
 
 CameraConfig MakeSX510() {
@@ -46,3 +49,4 @@ CameraConfig MakeSX510() {
 }
 
 }  // namespace orq::models
+// clang-format on

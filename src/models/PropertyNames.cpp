@@ -19,8 +19,8 @@ struct PropertyRow {
 };
 
 std::vector<NamedValue> CompensationNames() {
-    return {{0, u"-2"},     {34, u"-1.66"}, {67, u"-1.33"}, {100, u"-1"},    {134, u"-0.66"},
-            {167, u"-0.33"}, {200, u"0"},    {233, u"+0.33"}, {266, u"+0.66"}, {300, u"+1"},
+    return {{0, u"-2"},      {34, u"-1.66"},  {67, u"-1.33"},  {100, u"-1"},    {134, u"-0.66"},
+            {167, u"-0.33"}, {200, u"0"},     {233, u"+0.33"}, {266, u"+0.66"}, {300, u"+1"},
             {333, u"+1.33"}, {366, u"+1.66"}, {400, u"+2"}};
 }
 
@@ -40,7 +40,9 @@ std::vector<NamedValue> ColorAdjustNames() {
     return {{0, u"-2"}, {1, u"-1"}, {2, u"0"}, {3, u"1"}, {4, u"2"}};
 }
 
-std::vector<NamedValue> OnOffNames() { return {{0, u"On"}, {1, u"Off"}}; }
+std::vector<NamedValue> OnOffNames() {
+    return {{0, u"On"}, {1, u"Off"}};
+}
 
 // All rows in ascending id; every table below is built from these.
 std::vector<PropertyRow> Rows() {
@@ -133,14 +135,12 @@ std::vector<PropertyRow> Rows() {
         {PROP_ISO_SPEED,
          u"ISO Speed",
          true,
-         {{0, u"Auto"},          {80, u"ISO 80"},       {100, u"ISO 100"},
-          {125, u"ISO 125"},     {160, u"ISO 160"},     {200, u"ISO 200"},
-          {250, u"ISO 250"},     {320, u"ISO 320"},     {400, u"ISO 400"},
-          {500, u"ISO 500"},     {640, u"ISO 640"},     {800, u"ISO 800"},
-          {1000, u"ISO 1000"},   {1250, u"ISO 1250"},   {1600, u"ISO 1600"},
-          {2000, u"ISO 2000"},   {2500, u"ISO 2500"},   {3200, u"ISO 3200"},
-          {4000, u"ISO 4000"},   {5000, u"ISO 5000"},   {6400, u"ISO 6400"},
-          {8000, u"ISO 8000"},   {10000, u"ISO 10000"}, {12800, u"ISO 12800"}}},
+         {{0, u"Auto"},        {80, u"ISO 80"},     {100, u"ISO 100"},     {125, u"ISO 125"},
+          {160, u"ISO 160"},   {200, u"ISO 200"},   {250, u"ISO 250"},     {320, u"ISO 320"},
+          {400, u"ISO 400"},   {500, u"ISO 500"},   {640, u"ISO 640"},     {800, u"ISO 800"},
+          {1000, u"ISO 1000"}, {1250, u"ISO 1250"}, {1600, u"ISO 1600"},   {2000, u"ISO 2000"},
+          {2500, u"ISO 2500"}, {3200, u"ISO 3200"}, {4000, u"ISO 4000"},   {5000, u"ISO 5000"},
+          {6400, u"ISO 6400"}, {8000, u"ISO 8000"}, {10000, u"ISO 10000"}, {12800, u"ISO 12800"}}},
         {PROP_AV,
          u"Av",
          true,
@@ -164,21 +164,17 @@ std::vector<PropertyRow> Rows() {
         {PROP_TV,
          u"Tv",
          true,
-         {{1, u"1/4000"},      {2, u"1/3200"},      {4, u"1/2500"},     {5, u"1/2000"},
-          {6, u"1/1600"},      {8, u"1/1250"},      {10, u"1/1000"},    {12, u"1/800"},
-          {15, u"1/640"},      {20, u"1/500"},      {25, u"1/400"},     {31, u"1/320"},
-          {40, u"1/250"},      {50, u"1/200"},      {62, u"1/160"},     {80, u"1/125"},
-          {100, u"1/100"},     {125, u"1/80"},      {166, u"1/60"},     {200, u"1/50"},
-          {250, u"1/40"},      {333, u"1/30"},      {400, u"1/25"},     {500, u"1/20"},
-          {666, u"1/15"},      {769, u"1/13"},      {1000, u"1/10"},    {1250, u"1/8"},
-          {1666, u"1/6"},      {2000, u"1/5"},      {2500, u"1/4"},     {3000, u"0\"3"},
-          {4000, u"0\"4"},     {5000, u"0\"5"},     {6000, u"0\"6"},    {8000, u"0\"8"},
-          {10000, u"1\""},     {13000, u"1\"3"},    {16000, u"1\"6"},   {20000, u"2\""},
-          {25000, u"2\"5"},    {32000, u"3\"2"},    {40000, u"4\""},    {50000, u"5\""},
-          {60000, u"6\""},     {80000, u"8\""},     {100000, u"10\""},  {130000, u"13\""},
-          {150000, u"15\""}}},
-        {PROP_EXPOSURE_COMPENSATION, u"Exposure Compensation", true,
-         ExposureCompensationNames()},
+         {{1, u"1/4000"},   {2, u"1/3200"},    {4, u"1/2500"},    {5, u"1/2000"},   {6, u"1/1600"},
+          {8, u"1/1250"},   {10, u"1/1000"},   {12, u"1/800"},    {15, u"1/640"},   {20, u"1/500"},
+          {25, u"1/400"},   {31, u"1/320"},    {40, u"1/250"},    {50, u"1/200"},   {62, u"1/160"},
+          {80, u"1/125"},   {100, u"1/100"},   {125, u"1/80"},    {166, u"1/60"},   {200, u"1/50"},
+          {250, u"1/40"},   {333, u"1/30"},    {400, u"1/25"},    {500, u"1/20"},   {666, u"1/15"},
+          {769, u"1/13"},   {1000, u"1/10"},   {1250, u"1/8"},    {1666, u"1/6"},   {2000, u"1/5"},
+          {2500, u"1/4"},   {3000, u"0\"3"},   {4000, u"0\"4"},   {5000, u"0\"5"},  {6000, u"0\"6"},
+          {8000, u"0\"8"},  {10000, u"1\""},   {13000, u"1\"3"},  {16000, u"1\"6"}, {20000, u"2\""},
+          {25000, u"2\"5"}, {32000, u"3\"2"},  {40000, u"4\""},   {50000, u"5\""},  {60000, u"6\""},
+          {80000, u"8\""},  {100000, u"10\""}, {130000, u"13\""}, {150000, u"15\""}}},
+        {PROP_EXPOSURE_COMPENSATION, u"Exposure Compensation", true, ExposureCompensationNames()},
         {PROP_FLASH_COMPENSATION, u"Flash Compensation", true, CompensationNames()},
         // Level 4 is external power.
         {PROP_BATTERY_LEVEL,
@@ -261,9 +257,13 @@ OrqChar* ToOrqText(const char16_t* text) {
 
 }  // namespace
 
-const std::map<int32_t, const char16_t*>& PropertyNames() { return Tables().names; }
+const std::map<int32_t, const char16_t*>& PropertyNames() {
+    return Tables().names;
+}
 
-const std::map<int32_t, bool>& PropertyWritable() { return Tables().writable; }
+const std::map<int32_t, bool>& PropertyWritable() {
+    return Tables().writable;
+}
 
 const std::map<std::pair<int32_t, int32_t>, const char16_t*>& PropertyValueNames() {
     return Tables().valueNames;
