@@ -43,11 +43,6 @@ TEST(FocusTable, ListIsChosenByZoomStepWithinRange) {
     EXPECT_EQ(Next(2, 1, table, 0), 3);
 }
 
-TEST(FocusTable, ModelWithoutManualFocusAlwaysGivesZero) {
-    EXPECT_EQ(Next(20, 1, FocusTable{}), 0);
-    EXPECT_EQ(Next(-1, -1, FocusTable{}), 0);
-}
-
 TEST(FocusTable, ExtremeValuesDoNotOverflow) {
     EXPECT_EQ(Next(20, INT32_MAX), -1);
     EXPECT_EQ(Next(20, INT32_MIN), 10);

@@ -83,28 +83,6 @@ TEST_F(Focus, StuckLensWidensTheShiftForNineMovesAtMost) {
     EXPECT_TRUE(device->Notes().empty());
 }
 
-TEST_F(Focus, LensThatMovesLateEndsTheShiftWhenItHasMoved) {
-    const auto& stops = Stops(0);
-    StartAt(stops[20]);
-    camera->SetFocusStuck(true);
-    // Unstick after the second move: the third reaches its target and ends the shift.
-    std::thread release([&] {
-        while (camera->CountOperations(orq::PTP_OC_Vendor, orq::ORQM_MoveFocusTo) < 2) {
-            std::this_thread::sleep_for(1ms);
-        }
-        camera->SetFocusStuck(false);
-    });
-    camera->SetLatency(5ms, 0ns);
-    EXPECT_EQ(device->FocusShift(-1), ORQ_OK);
-    release.join();
-    const auto moves = Moves();
-    ASSERT_GE(moves.size(), 3u);
-    EXPECT_EQ(std::vector<int32_t>(moves.begin(), moves.begin() + 2),
-              (std::vector<int32_t>{stops[19], stops[18]}));
-    EXPECT_EQ(device->GetFocus(), moves.back());
-    EXPECT_LT(device->GetFocus(), stops[20]);
-}
-
 TEST_F(Focus, ZeroShiftDoesNothing) {
     EXPECT_EQ(device->FocusShift(0), ORQ_OK);
     EXPECT_TRUE(camera->Operations().empty());

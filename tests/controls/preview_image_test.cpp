@@ -14,13 +14,6 @@ namespace {
 using controlstest::Reference;
 using orq::preview::FrameGeometry;
 
-uint32_t Le32(const uint8_t* p) {
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
-uint32_t Le16(const uint8_t* p) {
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8;
-}
-
 FrameGeometry Geometry(uint32_t width, uint32_t height) {
     FrameGeometry g;
     EXPECT_TRUE(orq::preview::ComputeGeometry(width, height, g)) << width << "x" << height;
@@ -99,28 +92,6 @@ TEST(PreviewImage, RefusesSizesNoCameraSends) {
     EXPECT_LT(g.Allocation(), uint64_t(INT32_MAX));
 }
 
-TEST(PreviewImage, HeaderFields) {
-    const auto image = Convert(std::vector<uint8_t>(480 * 6 * 135 / 4 * 2), 480, 135);
-    const FrameGeometry g = Geometry(480, 135);  // 180 columns, 540 bytes a row
-    EXPECT_EQ(image[0], 'B');
-    EXPECT_EQ(image[1], 'M');
-    EXPECT_EQ(Le32(&image[2]), 180u * 135 * 3 + 54);
-    EXPECT_EQ(Le32(&image[6]), 0u);
-    EXPECT_EQ(Le32(&image[10]), 54u);
-    EXPECT_EQ(Le32(&image[14]), 40u);
-    EXPECT_EQ(Le32(&image[18]), 180u);
-    EXPECT_EQ(Le32(&image[22]), 135u);
-    EXPECT_EQ(Le16(&image[26]), 1u);
-    EXPECT_EQ(Le16(&image[28]), 24u);
-    EXPECT_EQ(Le32(&image[30]), 0u);
-    EXPECT_EQ(Le32(&image[34]), 180u * 135 * 3);
-    EXPECT_EQ(Le32(&image[38]), 3780u);
-    EXPECT_EQ(Le32(&image[42]), 3780u);
-    EXPECT_EQ(Le32(&image[46]), 0u);
-    EXPECT_EQ(Le32(&image[50]), 0u);
-    EXPECT_EQ(g.ImageSize(), 180u * 135 * 3 + 54);
-}
-
 TEST(PreviewImage, PixelsAreFixedPointJfifWithClamping) {
     // Three rows of four pixels (three rows give four output columns: ratio 1).
     std::vector<uint8_t> source(3 * 6);
@@ -160,28 +131,9 @@ TEST(PreviewImage, DownscaleKeepsTheLeftmostColumn) {
     EXPECT_TRUE(std::equal(image.begin() + 54, image.end(), again.begin() + 54));
 }
 
-TEST(PreviewImage, SameWidthKeepsEveryColumn) {
-    const FrameGeometry g = Geometry(320, 240);
-    std::vector<int32_t> map;
-    orq::preview::BuildColumnMap(g, map);
-    for (int32_t i = 0; i < 320; ++i) ASSERT_EQ(map[i], 3 * i);
-}
-
-TEST(PreviewImage, NarrowSourceLeavesUnreachedColumnsAlone) {
-    // 200 columns spread over 320: a column between two reached ones keeps the old content.
-    const auto source = RandomSource(200 / 4 * 6 * 240, 2);
-    const auto image = Convert(source, 200, 240, 0xAB);
-    EXPECT_EQ(image, Reference(source, 200, 240, 0xAB));
-    int untouched = 0;
-    for (size_t i = 54; i < image.size(); i += 3) {
-        untouched += image[i] == 0xAB && image[i + 1] == 0xAB && image[i + 2] == 0xAB;
-    }
-    EXPECT_EQ(untouched, 120 * 240);
-}
-
 TEST(PreviewImage, MatchesLiteralConversionOnManySizes) {
-    const std::pair<int, int> sizes[] = {{320, 240}, {360, 240}, {720, 240}, {704, 528},
-                                         {322, 241}, {7, 5},     {1, 1},     {5, 100}};
+    const std::pair<int, int> sizes[] = {{320, 240}, {360, 240}, {720, 240}, {704, 528}, {322, 241},
+                                         {7, 5},     {1, 1},     {5, 100},   {200, 240}};
     unsigned seed = 10;
     for (auto [w, h] : sizes) {
         const size_t groups = (w - 1) / 4 + 1;

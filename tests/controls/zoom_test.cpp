@@ -110,13 +110,6 @@ TEST_F(Zoom, PollFollowsTheLensMovedOnTheCamera) {
     EXPECT_EQ(device->GetZoom(), 125);
 }
 
-TEST_F(Zoom, PollAtLoadedPositionReportsNothing) {
-    // The cache matches the camera after loading: the first poll reports nothing, although
-    // nothing has been reported yet.
-    EXPECT_EQ(device->UpdateZoom(), ORQ_OK);
-    EXPECT_TRUE(device->Notes().empty());
-}
-
 TEST_F(Zoom, FailedReadIsReturnedAndKeepsTheZoom) {
     LensAt(4);
     camera->SetZoomPosition(9);
