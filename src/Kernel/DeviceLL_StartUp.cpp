@@ -54,10 +54,7 @@ std::string AsNarrowBytes(const OrqChar* name) {
 OrqResult DeviceLL::LoadOrqmVersion(const char* required) {
     std::string version;
     OrqResult result = PTPGetOrqmVersion(version);
-    if (result != ORQ_OK) {
-        ORQ_LOG(ERR, "PTP_ORQM_GetOrqmVersion failed");
-        return ORQ_ERROR;
-    }
+    if (result != ORQ_OK) return ORQ_ERROR;  // the request has logged its failure
     orqmVersion.assign(version.begin(), version.end());
     if (!sdkConfig || !sdkConfig->TestOrqmVer || !required) return ORQ_OK;
     ModuleVersion current(version), wanted(required);
