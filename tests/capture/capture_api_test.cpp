@@ -99,6 +99,9 @@ protected:
 };
 
 TEST_F(CaptureApi, ShotDownloadsToTheTemporaryFolderAndIsDeletedAfter) {
+    EXPECT_EQ(OrqDownloadFile(session, 4242, 0), ORQ_ERROR);
+    EXPECT_EQ(Count(linktest::MessagesSince(logStart), "Download file: file not found"), 1);
+
     OrqFileInfo shot = ShootOne();
     ASSERT_GE(shot.id, 0);
     auto bytes = camera->FileBytes(static_cast<uint32_t>(shot.id));
@@ -116,18 +119,6 @@ TEST_F(CaptureApi, ShotDownloadsToTheTemporaryFolderAndIsDeletedAfter) {
     // Deleted within the same message.
     EXPECT_TRUE(events.Wait([&](Events&) { return !camera->FileBytes(shot.id); }, 2s));
     EXPECT_TRUE(events.errors.empty());
-}
-
-TEST_F(CaptureApi, UnknownIdIsRefusedAtOnceButEndsTheSessionWhenQueued) {
-    EXPECT_EQ(OrqDownloadFile(session, 4242, 0), ORQ_ERROR);
-    EXPECT_EQ(Count(linktest::MessagesSince(logStart), "Download file: file not found"), 1);
-
-    OrqChar target[] = {'x', '.', 'j', 'p', 'g', 0};
-    EXPECT_EQ(OrqDownloadFileTo(session, 4242, target, 0), ORQ_OK);
-    ASSERT_TRUE(events.Wait([](Events& e) { return !e.errors.empty(); }));
-    EXPECT_EQ(events.errors[0], ORQ_ERROR);
-    EXPECT_TRUE(events.downloads.empty());
-    EXPECT_EQ(OrqShoot(session), ORQ_ERROR);
 }
 
 TEST_F(CaptureApi, DirectShotIsDownloadedByPathAndDeleted) {

@@ -24,8 +24,9 @@ TEST_F(FilesTest, CardFileIsWrittenByteForByteAndReported) {
     EXPECT_EQ(downloads[0].second, target);
     EXPECT_EQ(Count(Log(), "Download file completed:"), 1);
     EXPECT_NE(RawLog().find("    path: " + orq::platform::ToUtf8(target)), std::string::npos);
-    // The file stays on the card.
+    // The file stays on the card; no snapshot was asked for.
     EXPECT_TRUE(camera->FileBytes(handle));
+    EXPECT_EQ(Ops(orq::CHDK_GetMemory), 0u);
     std::remove(orq::platform::ToUtf8(target).c_str());
 }
 
@@ -124,16 +125,6 @@ TEST_F(VideoTest, RefusedStopKeepsTheCameraTakenAsRecording) {
     EXPECT_EQ(ShootOn(*device).result, ORQ_ERROR);
 }
 
-TEST_F(VideoTest, StopWhoseListingFailsReportsIt) {
-    ASSERT_EQ(device->PTPStartVideo(), ORQ_OK);
-    Fault fault = Fault::Operation(Fault::ResponseCode, orq::PTP_OC_GetObjectHandles, -1, 0x2019);
-    camera->InjectFault(fault);
-    OrqFileInfo movie{};
-    EXPECT_EQ(device->PTPStopVideo(&movie), ORQ_ERROR);
-    EXPECT_FALSE(device->IsVideoRecording());
-    EXPECT_EQ(Count(Log(), "PTPUpdateObjectsInfo() failed"), 1);
-}
-
 // --- Memory statistics ---------------------------------------------------------------------------
 
 std::vector<uint32_t> GetMemoryAddresses(const orqsim::VirtualCamera& camera) {
@@ -176,14 +167,6 @@ TEST_F(FilesTest, SnapshotsFollowTheFlowWhenAskedFor) {
         Log(), {"0x10300 memory: pre shoot transaction", "0x10300 memory: after shoot transaction",
                 "0x10300 memory: after PTP_ORQM_RemoteCaptureIsReady",
                 "0x10300 memory: after PTP_ORQM_RemoteCaptureGetData"}));
-}
-
-TEST_F(FilesTest, NoSnapshotTrafficWhenNotAsked) {
-    ASSERT_EQ(ShootOn(*device).result, ORQ_OK);
-    int32_t id = device->Shots().at(0).id;
-    ASSERT_EQ(device->PTPDownloadFile(id, Target("quiet.jpg")), ORQ_OK);
-    ASSERT_EQ(device->PTPRemoveFile(id), ORQ_OK);
-    EXPECT_EQ(Ops(orq::CHDK_GetMemory), 0u);
 }
 
 TEST_F(FilesTest, ShortOrFailedSnapshotCostsOnlyALine) {

@@ -81,25 +81,6 @@ TEST_F(SlowShootTest, StaleShootFinishedDoesNotEndTheWait) {
     EXPECT_EQ(device->Shots().size(), 1u);
 }
 
-TEST_F(ShootTest, RefusedShootCommandEndsTheChain) {
-    camera->InjectFault(
-        Fault::Operation(Fault::ResponseCode, orq::PTP_OC_Vendor, orq::ORQM_Shoot, 0x2019));
-    EXPECT_EQ(Shoot().result, ORQ_ERROR);
-    EXPECT_EQ(Count(Log(), "PTP_ORQM_Shoot failed"), 1);
-    EXPECT_EQ(Ops(orq::ORQM_GetEvents), 0u);
-    EXPECT_TRUE(device->Shots().empty());
-}
-
-TEST_F(ShootTest, DirectTransferOffTakesTheNormalPath) {
-    device->SetDirectTransfer(1);
-    ProcOutcome outcome = Shoot();
-    ASSERT_EQ(outcome.result, ORQ_OK);
-    // SHOOT_FINISHED at the first poll: the waiting step ran once.
-    EXPECT_EQ(outcome.steps, 2);
-    EXPECT_EQ(Ops(orq::ORQM_Shoot), 1u);
-    EXPECT_EQ(Ops(orq::ORQM_RemoteCaptureStart), 0u);
-}
-
 class ShootWithoutDirectTransfer : public ShootTest {
     orqsim::CameraOptions Options() override {
         orqsim::CameraOptions options;
@@ -111,7 +92,10 @@ class ShootWithoutDirectTransfer : public ShootTest {
 TEST_F(ShootWithoutDirectTransfer, ModelWithoutThePropertyAlwaysShootsNormally) {
     ASSERT_FALSE(device->Config().Has(orq::PROP_DIRECT_TRANSFER));
     device->SetDirectTransfer(0);
-    ASSERT_EQ(Shoot().result, ORQ_OK);
+    ProcOutcome outcome = Shoot();
+    ASSERT_EQ(outcome.result, ORQ_OK);
+    // SHOOT_FINISHED at the first poll: the waiting step ran once.
+    EXPECT_EQ(outcome.steps, 2);
     EXPECT_EQ(Ops(orq::ORQM_Shoot), 1u);
     EXPECT_EQ(Ops(orq::ORQM_RemoteCaptureStart), 0u);
 }
