@@ -51,50 +51,30 @@ TEST(GetPropertyName, KnownAndUnknownIds) {
     OrqChar* name = nullptr;
     ASSERT_EQ(GetPropertyName(10, &name), ORQ_OK);
     EXPECT_EQ(Text(name), u"Exposure Compensation");
-    ASSERT_EQ(GetPropertyName(25, &name), ORQ_OK);
-    EXPECT_EQ(Text(name), u"Manual Focus Mode");
-    ASSERT_EQ(GetPropertyName(0, &name), ORQ_OK);
-    EXPECT_EQ(Text(name), u"Shooting Mode");
-
     // The same constant text every time: nothing is allocated for the caller.
     OrqChar* again = nullptr;
-    ASSERT_EQ(GetPropertyName(0, &again), ORQ_OK);
+    ASSERT_EQ(GetPropertyName(10, &again), ORQ_OK);
     EXPECT_EQ(again, name);
-
-    OrqChar* untouched = name;
     for (int id : {12, 26, -1}) {
-        EXPECT_EQ(GetPropertyName(id, &untouched), ORQ_ERROR) << id;
-        EXPECT_EQ(untouched, name);
+        EXPECT_EQ(GetPropertyName(id, &again), ORQ_ERROR) << id;
+        EXPECT_EQ(again, name);
     }
     EXPECT_EQ(GetPropertyName(0, nullptr), ORQ_ERROR);
 }
 
 TEST(GetPropertyValName, NamesIndependentOfAnyModel) {
-    EXPECT_EQ(ValueName(0, 48), u"SoftFocus");
+    // One of each way a name is spelled: words, ISO, the forms of times, signed steps
+    // and the three-stop values outside their order.
     EXPECT_EQ(ValueName(0, 21), u"iFrameMovie");
-    EXPECT_EQ(ValueName(4, 10), u"Custom2");
-    EXPECT_EQ(ValueName(7, 0), u"Auto");
     EXPECT_EQ(ValueName(7, 12800), u"ISO 12800");
-    EXPECT_EQ(ValueName(8, 20), u"2.0");
-    EXPECT_EQ(ValueName(9, 1), u"1/4000");
     EXPECT_EQ(ValueName(9, 2500), u"1/4");
     EXPECT_EQ(ValueName(9, 3000), u"0\"3");
-    EXPECT_EQ(ValueName(9, 10000), u"1\"");
-    EXPECT_EQ(ValueName(9, 150000), u"15\"");
-    EXPECT_EQ(ValueName(10, 500), u"-3");
-    EXPECT_EQ(ValueName(10, 505), u"+3");
     EXPECT_EQ(ValueName(11, 233), u"+0.33");
-    EXPECT_EQ(ValueName(13, 4), u"DC");
-    EXPECT_EQ(ValueName(16, 2), u"0");
-    EXPECT_EQ(ValueName(22, 0), u"-2");
-    EXPECT_EQ(ValueName(15, 13), u"ColorAccent Mode");
-    EXPECT_EQ(ValueName(24, 0), u"On");
-    EXPECT_EQ(ValueName(25, 1), u"Off");
+    EXPECT_EQ(ValueName(10, 505), u"+3");
 
     OrqChar* name = nullptr;
     EXPECT_EQ(GetPropertyValName(9, 3, &name), ORQ_ERROR);  // Tv values are not dense
     EXPECT_EQ(GetPropertyValName(11, 500, &name), ORQ_ERROR);
-    EXPECT_EQ(GetPropertyValName(12, 0, &name), ORQ_ERROR);
     EXPECT_EQ(GetPropertyValName(0, 49, &name), ORQ_ERROR);
     EXPECT_EQ(name, nullptr);
     EXPECT_EQ(GetPropertyValName(0, 0, nullptr), ORQ_ERROR);
