@@ -6,7 +6,6 @@ namespace {
 
 using linktest::Count;
 using linktest::InOrder;
-using orqsim::Fault;
 
 class Focus : public ControlsTest {
 protected:
@@ -38,7 +37,7 @@ TEST_F(Focus, SetGoesAsAskedAndKeepsWhereTheLensStopped) {
     EXPECT_EQ(Count(Log(), "focus changed: " + std::to_string(stops.front())), 1);
 }
 
-TEST_F(Focus, ShiftWalksTheListOfTheCurrentZoomStep) {
+TEST_F(Focus, ShiftWalksTheListOfTheCurrentZoomStepOneMoveAtItsEnds) {
     camera->SetZoomPosition(50);
     ASSERT_EQ(device->UpdateZoom(), ORQ_OK);
     const auto& stops = Stops(50);
@@ -46,26 +45,18 @@ TEST_F(Focus, ShiftWalksTheListOfTheCurrentZoomStep) {
     StartAt(stops[10]);
     EXPECT_EQ(device->FocusShift(2), ORQ_OK);
     EXPECT_EQ(device->FocusShift(-3), ORQ_OK);
-    EXPECT_EQ(Moves(), (std::vector<int32_t>{stops[12], stops[9]}));
-    EXPECT_EQ(device->GetFocus(), stops[9]);
+    EXPECT_EQ(device->FocusShift(0), ORQ_OK);  // sends nothing
     EXPECT_EQ(device->Notes().size(), 2u);
-}
 
-TEST_F(Focus, ShiftToAndFromInfinity) {
-    const auto& stops = Stops(0);
-    StartAt(-1);
+    EXPECT_EQ(device->SetFocus(stops[0]), ORQ_OK);
+    EXPECT_EQ(device->FocusShift(-1), ORQ_OK);  // the near end holds
+    EXPECT_EQ(device->SetFocus(-1), ORQ_OK);
     EXPECT_EQ(device->FocusShift(-1), ORQ_OK);  // infinity to the farthest stop
     EXPECT_EQ(device->FocusShift(1), ORQ_OK);   // and off the end again
-    EXPECT_EQ(device->FocusShift(1), ORQ_OK);   // nothing lies beyond: one move, no retry
-    EXPECT_EQ(Moves(), (std::vector<int32_t>{stops.back(), -1, -1}));
+    EXPECT_EQ(device->FocusShift(1), ORQ_OK);   // nothing lies beyond infinity
+    EXPECT_EQ(Moves(), (std::vector<int32_t>{stops[12], stops[9], stops[0], stops[0], -1,
+                                             stops.back(), -1, -1}));
     EXPECT_EQ(device->GetFocus(), -1);
-}
-
-TEST_F(Focus, ShiftEndsAtTheNearEndOfTheList) {
-    const auto& stops = Stops(0);
-    StartAt(stops[0]);
-    EXPECT_EQ(device->FocusShift(-1), ORQ_OK);
-    EXPECT_EQ(Moves(), std::vector<int32_t>{stops[0]});
 }
 
 TEST_F(Focus, StuckLensWidensTheShiftForNineMovesAtMost) {
@@ -73,8 +64,7 @@ TEST_F(Focus, StuckLensWidensTheShiftForNineMovesAtMost) {
     StartAt(stops[10]);
     camera->SetFocusStuck(true);
     EXPECT_EQ(device->FocusShift(1), ORQ_OK);  // running out of tries is no failure
-    std::vector<int32_t> expected(stops.begin() + 11, stops.begin() + 20);
-    EXPECT_EQ(Moves(), expected);
+    EXPECT_EQ(Moves(), std::vector<int32_t>(stops.begin() + 11, stops.begin() + 20));
     const auto log = Log();
     EXPECT_EQ(Count(log, "Focus shift, change shift: 2 (" + std::to_string(stops[11]) + " " +
                              std::to_string(stops[10]) + ")"),
@@ -83,35 +73,21 @@ TEST_F(Focus, StuckLensWidensTheShiftForNineMovesAtMost) {
     EXPECT_TRUE(device->Notes().empty());
 }
 
-TEST_F(Focus, ZeroShiftDoesNothing) {
-    EXPECT_EQ(device->FocusShift(0), ORQ_OK);
-    EXPECT_TRUE(camera->Operations().empty());
-}
-
-TEST_F(Focus, FailedMoveIsReturnedAndKeepsTheFocus) {
-    const auto& stops = Stops(0);
-    StartAt(stops[5]);
-    camera->InjectFault(Fault::Operation(Fault::ResponseCode, orq::PTP_OC_Vendor,
-                                         orq::ORQM_MoveFocusTo, orqsim::RC_OperationNotSupported));
-    EXPECT_EQ(device->FocusShift(1), ORQ_ERROR);
-    EXPECT_EQ(device->GetFocus(), stops[5]);
-    EXPECT_TRUE(InOrder(Log(), {"PTP_ORQM_MoveFocusTo failed", "PTPManualFocusSet failed"}));
-}
-
-TEST_F(Focus, PollFollowsTheCamera) {
+TEST_F(Focus, PollFollowsTheCameraAndFailuresKeepTheFocus) {
     camera->SetFocusPosition(777);
     EXPECT_EQ(device->UpdateFocusPos(), ORQ_OK);
+    EXPECT_EQ(device->UpdateFocusPos(), ORQ_OK);  // no change, no report
     EXPECT_EQ(device->GetFocus(), 777);
-    EXPECT_EQ(device->UpdateFocusPos(), ORQ_OK);
     EXPECT_EQ(device->Notes(), Strings{"focus changed"});
     EXPECT_TRUE(InOrder(Log(), {"focus changed from camera: 777", "focus changed: 777"}));
 
-    camera->InjectFault(Fault::Operation(Fault::ResponseCode, orq::PTP_OC_Vendor,
-                                         orq::ORQM_GetFocusParams,
-                                         orqsim::RC_OperationNotSupported));
+    InjectFailure(orq::ORQM_GetFocusParams);
     EXPECT_EQ(device->UpdateFocusPos(), ORQ_ERROR);
-    EXPECT_TRUE(
-        InOrder(Log(), {"PTP_ORQM_GetFocusParams failed", "PTPManualFocusGetParams failed"}));
+    InjectFailure(orq::ORQM_MoveFocusTo);
+    EXPECT_EQ(device->FocusShift(1), ORQ_ERROR);
+    EXPECT_EQ(device->GetFocus(), 777);
+    EXPECT_TRUE(InOrder(Log(), {"PTP_ORQM_GetFocusParams failed", "PTPManualFocusGetParams failed",
+                                "PTP_ORQM_MoveFocusTo failed", "PTPManualFocusSet failed"}));
 }
 
 class NoManualFocus : public ControlsTest {
