@@ -4,10 +4,8 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -20,89 +18,34 @@ namespace capturetest {
 
 using namespace std::chrono_literals;
 using linktest::Count;
+using linktest::Fault;
+using linktest::InOrder;
 
+// Everything here runs on the test's thread: no main loop steps the chains.
 class CaptureDevice : public orq::DeviceLL {
 public:
     using DeviceLL::DeviceLL;
 
-    void OnShootCompleted(OrqFileInfo file) override {
-        std::lock_guard<std::mutex> guard(lock);
-        shots.push_back(file);
-    }
+    void OnShootCompleted(OrqFileInfo file) override { shots.push_back(file); }
     void OnDownloadCompleted(int fileId, std::u16string path) override {
-        std::lock_guard<std::mutex> guard(lock);
         downloads.emplace_back(fileId, std::move(path));
     }
     void SetPreviewSuspended(bool suspended) override { previewSuspended = suspended; }
     bool IsMemLogging() override { return memLogging; }
 
-    void SetDirectTransfer(int32_t value) {
-        std::lock_guard<std::recursive_mutex> guard(propertyLock);
-        propertyValues[orq::PROP_DIRECT_TRANSFER] = value;
-    }
-    size_t BufferedFiles() {
-        std::lock_guard<std::recursive_mutex> guard(directTransferLock);
-        return DirectTransferFiles.size();
-    }
-    std::vector<OrqFileInfo> Shots() {
-        std::lock_guard<std::mutex> guard(lock);
-        return shots;
-    }
-    std::vector<std::pair<int, std::u16string>> Downloads() {
-        std::lock_guard<std::mutex> guard(lock);
-        return downloads;
-    }
+    void SetDirectTransfer(int32_t value) { propertyValues[orq::PROP_DIRECT_TRANSFER] = value; }
+    size_t BufferedFiles() const { return DirectTransferFiles.size(); }
 
-    std::atomic<bool> previewSuspended{false};
-    std::atomic<bool> memLogging{false};
-
-private:
-    std::mutex lock;
     std::vector<OrqFileInfo> shots;
     std::vector<std::pair<int, std::u16string>> downloads;
+    bool previewSuspended = false;
+    bool memLogging = false;
 };
-
-struct ProcOutcome {
-    OrqResult result = ORQ_OK;
-    int steps = 0;
-    std::vector<std::chrono::milliseconds> delays;  // asked for by each step that went on
-    std::chrono::milliseconds elapsed{0};
-};
-
-// Runs the chain's steps, honouring their delays, until one ends it.
-inline ProcOutcome RunProc(orq::ContProc* raw, std::chrono::milliseconds limit = 10s) {
-    std::unique_ptr<orq::ContProc> proc(raw);
-    ProcOutcome outcome;
-    const auto start = std::chrono::steady_clock::now();
-    while (std::chrono::steady_clock::now() - start < limit) {
-        std::chrono::milliseconds delay(0);
-        bool again = false;
-        OrqResult result = ORQ_OK;
-        proc->step(proc.get(), &delay, &result, &again);
-        ++outcome.steps;
-        if (!again) {
-            outcome.result = result;
-            break;
-        }
-        outcome.delays.push_back(delay);
-        std::this_thread::sleep_for(delay);
-    }
-    outcome.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::steady_clock::now() - start);
-    return outcome;
-}
 
 inline std::string Narrow(const OrqChar* text) {
     std::string out;
     for (size_t i = 0; i < 128 && text[i]; ++i) out += static_cast<char>(text[i]);
     return out;
-}
-
-// The whole main log written since `offset`, continuation lines included.
-inline std::string RawLogSince(size_t offset) {
-    std::string contents;
-    orq::platform::ReadFile(orq::MainLogPath(), contents);
-    return offset < contents.size() ? contents.substr(offset) : std::string();
 }
 
 inline std::string ReadAll(const std::u16string& path) {
@@ -117,15 +60,21 @@ inline orqsim::Bytes Pattern(size_t size, uint8_t seed = 1) {
     return bytes;
 }
 
-// A session on a fresh virtual camera with its properties loaded, as after start-up.
+inline std::string Text(const orqsim::Bytes& bytes) {
+    return std::string(bytes.begin(), bytes.end());
+}
+
+// A session on a fresh virtual camera with its properties loaded, as after start-up. A derived
+// fixture changes `options` in its constructor.
 class CaptureTest : public ::testing::Test {
 protected:
-    virtual orqsim::CameraOptions Options() { return {}; }
+    CaptureTest() { options.remoteChunkSize = 4000; }
 
     void SetUp() override {
-        static std::atomic<int> serial{0};
-        path = u"orqsim://capture/" + orq::platform::FromUtf8(std::to_string(++serial));
-        camera = std::make_shared<orqsim::VirtualCamera>(Options());
+        static int serial = 0;
+        const std::u16string path =
+            u"orqsim://capture/" + orq::platform::FromUtf8(std::to_string(++serial));
+        camera = std::make_shared<orqsim::VirtualCamera>(options);
         ASSERT_TRUE(camera->PlugIn(path));
         camera->SetStallLimit(60);
         usb = orqsim::CreateVirtualUsbLib(&notify);
@@ -147,18 +96,36 @@ protected:
         usb.reset();
     }
 
+    // Runs a shoot chain's steps as the main loop would, honouring their delays.
+    OrqResult Shoot() {
+        std::unique_ptr<orq::ContProc> proc(
+            device->Shoot([this](OrqFileInfo file) { device->OnShootCompleted(file); }));
+        OrqResult result = ORQ_OK;
+        for (auto end = std::chrono::steady_clock::now() + 10s;
+             std::chrono::steady_clock::now() < end;) {
+            std::chrono::milliseconds delay(0);
+            bool again = false;
+            proc->step(proc.get(), &delay, &result, &again);
+            if (!again) return result;
+            std::this_thread::sleep_for(delay);
+        }
+        ADD_FAILURE() << "the chain never ended";
+        return result;
+    }
     std::vector<std::string> Log() const { return linktest::MessagesSince(logStart); }
-    std::string RawLog() const { return RawLogSince(logStart); }
+    // The main log since the start, continuation lines included.
+    std::string RawLog() const {
+        const std::string all = ReadAll(orq::MainLogPath());
+        return logStart < all.size() ? all.substr(logStart) : std::string();
+    }
     size_t Ops(uint32_t subCommand) const {
         return camera->CountOperations(orq::PTP_OC_Vendor, subCommand);
     }
-    // A target path in the temporary folder, unique to this test.
-    std::u16string Target(const std::string& name) const {
-        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        return folder + orq::platform::FromUtf8(std::string(info->name()) + "_" + name);
+    std::u16string Target(const char* name) const {
+        return folder + orq::platform::FromUtf8(std::string("capture_") + name);
     }
 
-    std::u16string path;
+    orqsim::CameraOptions options;
     std::u16string folder;
     std::shared_ptr<orqsim::VirtualCamera> camera;
     linktest::QuietNotify notify;
@@ -167,7 +134,5 @@ protected:
     std::unique_ptr<CaptureDevice> device;
     size_t logStart = 0;
 };
-
-using Strings = std::vector<std::string>;
 
 }  // namespace capturetest
