@@ -76,26 +76,20 @@ inline ::testing::AssertionResult InOrder(const std::vector<std::string>& messag
     return ::testing::AssertionFailure() << "missing \"" << wanted[at] << "\" in:" << seen;
 }
 
-// A container as a camera would put it on the pipe.
-inline Bytes Container(uint16_t type, uint16_t code, const Bytes& payload = {},
-                       uint32_t transactionId = 0) {
-    Bytes bytes(12 + payload.size());
-    uint32_t length = static_cast<uint32_t>(bytes.size());
-    for (int i = 0; i < 4; ++i) bytes[i] = static_cast<uint8_t>(length >> (8 * i));
-    bytes[4] = static_cast<uint8_t>(type);
-    bytes[5] = static_cast<uint8_t>(type >> 8);
-    bytes[6] = static_cast<uint8_t>(code);
-    bytes[7] = static_cast<uint8_t>(code >> 8);
-    for (int i = 0; i < 4; ++i) bytes[8 + i] = static_cast<uint8_t>(transactionId >> (8 * i));
-    std::copy(payload.begin(), payload.end(), bytes.begin() + 12);
-    return bytes;
-}
-
 inline Bytes Words(std::initializer_list<uint32_t> words) {
     Bytes bytes;
     for (uint32_t w : words) {
         for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<uint8_t>(w >> (8 * i)));
     }
+    return bytes;
+}
+
+// A container as a camera would put it on the pipe.
+inline Bytes Container(uint16_t type, uint16_t code, const Bytes& payload = {},
+                       uint32_t transactionId = 0) {
+    Bytes bytes = Words({static_cast<uint32_t>(12 + payload.size()),
+                         type | static_cast<uint32_t>(code) << 16, transactionId});
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
     return bytes;
 }
 

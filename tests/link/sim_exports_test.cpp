@@ -1,7 +1,6 @@
-// The OrqSim exports: a camera attached by model, driven through the link, and its cable.
-#include <chrono>
-#include <thread>
-
+// The OrqSim exports the SDK-level tests do not reach: a camera's card, path, operation count
+// and fault record driven through the link, and the cable's refusals. Attaching, hot-plug and
+// unknown models are the manager's tests.
 #include "link_support.h"
 #include "orqsdk_sim.h"
 
@@ -30,11 +29,10 @@ protected:
     std::unique_ptr<orq::UsbLib> usb = orqsim::CreateVirtualUsbLib(&notify);
 };
 
-TEST_F(SimExportsTest, AttachedCameraIsOnTheBusUnderItsModel) {
+TEST_F(SimExportsTest, CardOperationsAndFaultsOfAnAttachedCamera) {
+    EXPECT_EQ(OrqSimAttachCamera(nullptr), 0);
     OrqSimCamera camera = OrqSimAttachCamera("A810");
     ASSERT_NE(camera, 0);
-    std::u16string path = PathOf(camera);
-    EXPECT_EQ(usb->GetAllConnectedDevicePaths().count(path), 1u);
     auto link = Open(camera);
     EXPECT_EQ(link->Config().name, u"A810");
 
@@ -46,22 +44,8 @@ TEST_F(SimExportsTest, AttachedCameraIsOnTheBusUnderItsModel) {
     EXPECT_EQ(std::string(reinterpret_cast<char*>(block.data.get()), block.size), "abc");
     ASSERT_EQ(link->PTPDeleteObject(static_cast<uint32_t>(handle)), ORQ_OK);
     EXPECT_EQ(OrqSimGetFileCount(camera), 0);
-
     EXPECT_EQ(OrqSimCountOperations(camera, orq::PTP_OC_GetObject, -1), 1);
     EXPECT_EQ(OrqSimCountOperations(camera, orq::PTP_OC_OpenSession, 0), 1);
-}
-
-TEST_F(SimExportsTest, WheelBatteryAndFaultsReachTheLink) {
-    OrqSimCamera camera = OrqSimAttachCamera("SX160");
-    auto link = Open(camera);
-    ASSERT_EQ(OrqSimSetModeWheel(camera, 32770), ORQ_OK);
-    int32_t raw = 0;
-    ASSERT_EQ(link->PTPGetPropCase(49, raw), ORQ_OK);
-    EXPECT_EQ(raw, 32770);
-    ASSERT_EQ(OrqSimSetBattery(camera, 3000, 4100, 3100), ORQ_OK);
-    uint32_t current = 0, maximum = 0, minimum = 0;
-    ASSERT_EQ(link->PTPGetVBat(current, maximum, minimum), ORQ_OK);
-    EXPECT_EQ(current, 3000u);
 
     // A zero-filled fault record: any operation, once.
     OrqSimFault fault{};
@@ -74,7 +58,7 @@ TEST_F(SimExportsTest, WheelBatteryAndFaultsReachTheLink) {
     EXPECT_EQ(OrqSimInjectFault(camera, &fault), ORQ_ERROR);
 }
 
-TEST_F(SimExportsTest, CableCanBePulledAndPluggedAgain) {
+TEST_F(SimExportsTest, CableCanBePulledOnceAndPluggedAgain) {
     OrqSimCamera camera = OrqSimAttachCamera("G15");
     OrqSimAddFile(camera, LINK_TEXT("IMG_0001.JPG"), "x", 1);
     std::u16string path = PathOf(camera);
@@ -86,6 +70,7 @@ TEST_F(SimExportsTest, CableCanBePulledAndPluggedAgain) {
 
     link.reset();
     ASSERT_EQ(OrqSimReattachCamera(camera), ORQ_OK);
+    EXPECT_EQ(usb->GetAllConnectedDevicePaths().count(path), 1u);
     link = Open(camera);
     EXPECT_EQ(OrqSimGetFileCount(camera), 1);
 
@@ -93,35 +78,6 @@ TEST_F(SimExportsTest, CableCanBePulledAndPluggedAgain) {
     ASSERT_EQ(OrqSimRemoveCamera(camera), ORQ_OK);
     EXPECT_EQ(usb->GetAllConnectedDevicePaths().count(path), 0u);
     EXPECT_EQ(OrqSimGetFileCount(camera), -1);
-}
-
-struct CountingNotify : orq::IUsbLib_Notify {
-    std::atomic<int> changes{0};
-    void OnDeviceChange() override { ++changes; }
-    bool WaitFor(int count) {
-        for (int i = 0; i < 1000 && changes < count; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return changes >= count;
-    }
-};
-
-TEST_F(SimExportsTest, AttachAndDetachAreNotified) {
-    CountingNotify counting;
-    auto watcher = orqsim::CreateVirtualUsbLib(&counting);
-    OrqSimCamera camera = OrqSimAttachCamera("SX40");
-    EXPECT_TRUE(counting.WaitFor(1));
-    int attached = counting.changes;
-    ASSERT_EQ(OrqSimDetachCamera(camera), ORQ_OK);
-    EXPECT_TRUE(counting.WaitFor(attached + 1));
-}
-
-TEST_F(SimExportsTest, UnknownModelIsAttachedButHasNoProfile) {
-    OrqSimCamera camera = OrqSimAttachCamera("Z9");
-    ASSERT_NE(camera, 0);
-    orq::DeviceLL link(usb.get(), &config, PathOf(camera));
-    EXPECT_EQ(link.OpenCamera(), ORQ_ERROR);
-    EXPECT_EQ(OrqSimAttachCamera(nullptr), 0);
 }
 
 }  // namespace
