@@ -26,6 +26,7 @@ using Holder = EmulatedDeviceOptions::Holder;
 
 constexpr uint16_t kVendorId = 0x1209;  // the open test vendor id; the host looks at none
 constexpr uint16_t kProductId = 0x0001;
+constexpr uint16_t kPacketSize = 512;  // high speed bulk
 
 void Put16(std::vector<uint8_t>& out, uint16_t value) {
     out.push_back(static_cast<uint8_t>(value & 0xFF));
@@ -43,7 +44,7 @@ std::vector<uint8_t> Descriptors(const EmulatedDeviceOptions& options) {
     Put16(device, kVendorId);
     Put16(device, options.hub ? 0x0002 : kProductId);
     Put16(device, 0x0100);
-    device.insert(device.end(), {1, 2, 3, 1});
+    device.insert(device.end(), {0, 2, 0, 1});  // a product string only
 
     std::vector<uint8_t> endpoints;
     auto endpoint = [&](uint8_t address, uint8_t type, uint16_t size, uint8_t interval) {
@@ -58,8 +59,8 @@ std::vector<uint8_t> Descriptors(const EmulatedDeviceOptions& options) {
         endpoint(0x81, 3, 4, 12);
     } else {
         if (interfaceClass != 6) subClass = protocol = 0;
-        if (options.bulkIn) endpoint(0x81, 2, options.packetSize, 0);
-        if (options.bulkOut) endpoint(0x02, 2, options.packetSize, 0);
+        endpoint(0x81, 2, kPacketSize, 0);
+        if (options.bulkOut) endpoint(0x02, 2, kPacketSize, 0);
         if (options.interruptIn) endpoint(0x83, 3, 8, 9);
     }
     std::vector<uint8_t> interface = {
@@ -91,12 +92,7 @@ std::mutex& EmulationLock() {
     return lock;
 }
 
-std::string Narrow(const std::u16string& text) {
-    return std::string(text.begin(), text.end());
-}
-
-}  // namespace
-
+// The descriptors block of sysfs ("descriptors" attribute) for a device with these options.
 std::string DescriptorsHex(const EmulatedDeviceOptions& options) {
     std::string hex;
     char digits[3];
@@ -106,6 +102,8 @@ std::string DescriptorsHex(const EmulatedDeviceOptions& options) {
     }
     return hex;
 }
+
+}  // namespace
 
 // One emulated device: the usbfs side of its /dev node. Everything but construction runs on
 // umockdev's worker thread, except Unplug and SetHolder from the test; EmulationLock guards it.
@@ -250,7 +248,6 @@ struct EmulatedUsbBus::Device {
             it->status = -ENOENT;
             finished.push_back(*it);
             pending.erase(it);
-            ++stats.discards;
             return Complete(client, 0);
         }
         Complete(client, EINVAL);
@@ -287,12 +284,11 @@ struct EmulatedUsbBus::Device {
         if (raw->type == USBDEVFS_URB_TYPE_CONTROL) return Control(urb, buffer);
         if (raw->type != USBDEVFS_URB_TYPE_BULK || !endpoint) return false;
         if (raw->endpoint & 0x80) {
-            size_t packet = options.packetSize;
             while (true) {
                 // The device sends whole packets: one that does not fit the room left is
                 // babble, which fails the urb with the bytes that fitted.
                 size_t room = static_cast<size_t>(raw->buffer_length - urb.moved);
-                size_t ask = (room + packet - 1) / packet * packet;
+                size_t ask = (room + kPacketSize - 1) / kPacketSize * kPacketSize;
                 scratch.resize(ask);
                 TransferResult result = endpoint->BulkIn(scratch.data(), ask, 0);
                 if (result.status == TransferResult::Timeout) return false;
@@ -305,7 +301,7 @@ struct EmulatedUsbBus::Device {
                     return true;
                 }
                 // A short (or empty) packet or a full buffer ends a bulk-in urb.
-                if (result.count == 0 || result.count % options.packetSize != 0 ||
+                if (result.count == 0 || result.count % kPacketSize != 0 ||
                     urb.moved == raw->buffer_length) {
                     return true;
                 }
@@ -324,32 +320,17 @@ struct EmulatedUsbBus::Device {
         return true;
     }
 
-    // Standard requests on endpoint 0: only string descriptors are asked for (the rest comes
-    // from sysfs). The buffer starts with the 8-byte setup packet, which actual_length omits.
+    // Standard requests on endpoint 0: only the product string is asked for (the rest comes
+    // from sysfs), anything else stalls. The buffer starts with the 8-byte setup packet, which
+    // actual_length omits.
     bool Control(Urb& urb, uint8_t* buffer) {
         usbdevfs_urb* raw = Raw(urb);
         urb.status = -EPIPE;
         if (raw->buffer_length < 8) return true;
         uint16_t value = static_cast<uint16_t>(buffer[2] | (buffer[3] << 8));
         uint16_t length = static_cast<uint16_t>(buffer[6] | (buffer[7] << 8));
-        if (buffer[0] != 0x80 || buffer[1] != 6 || (value >> 8) != 3) return true;
-        std::vector<uint8_t> reply;
-        switch (value & 0xFF) {
-            case 0:
-                reply = {4, 3, 0x09, 0x04};
-                break;
-            case 1:
-                reply = StringDescriptor(u"OrqSDK tests");
-                break;
-            case 2:
-                reply = StringDescriptor(endpoint ? endpoint->ProductString() : u"");
-                break;
-            case 3:
-                reply = StringDescriptor(u"0001");
-                break;
-            default:
-                return true;
-        }
+        if (buffer[0] != 0x80 || buffer[1] != 6 || value != 0x0302) return true;
+        std::vector<uint8_t> reply = StringDescriptor(endpoint ? endpoint->ProductString() : u"");
         size_t count =
             std::min<size_t>({reply.size(), length, static_cast<size_t>(raw->buffer_length - 8)});
         std::memcpy(buffer + 8, reply.data(), count);
@@ -434,7 +415,7 @@ std::u16string EmulatedUsbBus::Plug(std::shared_ptr<orqsim::VirtualEndpoint> end
 
 void EmulatedUsbBus::Unplug(const std::u16string& path) {
     auto it = devices.find(path);
-    if (it == devices.end()) throw std::runtime_error("not plugged: " + Narrow(path));
+    if (it == devices.end()) throw std::runtime_error("unplugging a device never plugged");
     Device& device = *it->second;
     {
         std::lock_guard<std::mutex> guard(EmulationLock());

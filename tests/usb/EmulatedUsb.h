@@ -24,11 +24,9 @@ struct EmulatedDeviceOptions {
         OtherProgram,  // another usbfs program (photo importer, gphoto2) holds the interface
     };
     uint8_t interfaceClass = 6;  // still image; 0xFF makes a vendor device with the same pipes
-    bool bulkIn = true;
     bool bulkOut = true;
     bool interruptIn = true;  // the camera's event pipe, never used by the host
-    uint16_t packetSize = 512;
-    bool hub = false;  // a hub: no bulk pipes at all
+    bool hub = false;         // a hub: no bulk pipes at all
     Holder holder = Holder::None;
 };
 
@@ -39,7 +37,6 @@ struct EmulatedDeviceStats {
     int releases = 0;  // the interface given back
     int detaches = 0;  // kernel drivers taken off
     int bulkSubmits = 0;
-    int discards = 0;
 };
 
 class EmulatedUsbBus {
@@ -67,8 +64,5 @@ private:
     unsigned nextAddress = 2;  // 1 is the root hub
     std::map<std::u16string, std::unique_ptr<Device>> devices;
 };
-
-// The descriptors block of sysfs ("descriptors" attribute) for a device with these options.
-std::string DescriptorsHex(const EmulatedDeviceOptions& options);
 
 }  // namespace orqtest

@@ -1,6 +1,6 @@
 // A device side for transport tests: bulk-in replies are queued by the test (whole packets or
 // any pieces, empty ones included), or in loopback every bulk-out transfer comes back as a
-// reply. Faults: stalls on either pipe, short writes, and writes that hang.
+// reply. Faults: stalls on either pipe and short writes.
 #pragma once
 
 #include <chrono>
@@ -36,7 +36,7 @@ public:
         in.push_back(Item{{}, status});
         arrived.notify_all();
     }
-    // Bulk-out: Ok takes at most outLimit bytes; Timeout leaves writes hanging; Error stalls.
+    // Bulk-out: Ok takes at most outLimit bytes; Error stalls.
     void SetOut(Status status, size_t limit = SIZE_MAX) {
         std::lock_guard<std::mutex> guard(lock);
         outStatus = status;
@@ -48,23 +48,12 @@ public:
         std::lock_guard<std::mutex> guard(lock);
         return written;
     }
-    int Aborts() const {
-        std::lock_guard<std::mutex> guard(lock);
-        return aborts;
-    }
 
     std::u16string ProductString() const override { return product; }
 
-    orqsim::TransferResult BulkOut(const uint8_t* data, size_t size, unsigned timeoutMs) override {
-        std::unique_lock<std::mutex> guard(lock);
+    orqsim::TransferResult BulkOut(const uint8_t* data, size_t size, unsigned) override {
+        std::lock_guard<std::mutex> guard(lock);
         if (aborted) return {orqsim::TransferResult::Disconnected, 0};
-        if (outStatus == orqsim::TransferResult::Timeout) {
-            arrived.wait_for(guard, std::chrono::milliseconds(timeoutMs),
-                             [this] { return aborted; });
-            return {
-                aborted ? orqsim::TransferResult::Disconnected : orqsim::TransferResult::Timeout,
-                0};
-        }
         if (outStatus != orqsim::TransferResult::Ok) return {outStatus, 0};
         size_t count = std::min(size, outLimit);
         if (loopback) {
@@ -98,7 +87,6 @@ public:
     void Abort() override {
         std::lock_guard<std::mutex> guard(lock);
         aborted = true;
-        ++aborts;
         arrived.notify_all();
     }
     void Reset() override {
@@ -122,7 +110,6 @@ private:
     Status outStatus = orqsim::TransferResult::Ok;
     size_t outLimit = SIZE_MAX;
     bool aborted = false;
-    int aborts = 0;
 };
 
 }  // namespace orqtest
