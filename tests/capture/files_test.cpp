@@ -111,13 +111,10 @@ TEST_F(FilesTest, SnapshotsFollowTheFlowWhenAskedForAndNeverFailIt) {
         {"0x10300 memory: SHOOT_FINISHED event", "0x10300 memory: after PTPUpdateObjectsInfo",
          "0x10300 memory: after PTPUpdateObjectsInfo", "0x10300 memory: after PTP_OC_GetObject",
          "0x10300 memory: after PTP_OC_DeleteObject"}));
-    size_t asked = 0;
-    for (const auto& op : camera->Operations()) {
-        if (op.SubCommand() != orq::CHDK_GetMemory) continue;
-        ++asked;
-        EXPECT_EQ(op.params, (std::vector<uint32_t>{orq::CHDK_GetMemory, 0x10300, 36}));
-    }
-    EXPECT_EQ(asked, 5u);
+    EXPECT_EQ(Ops(orq::CHDK_GetMemory), 5u);
+    // The model's record address and the record's size; the last snapshot is the last operation.
+    EXPECT_EQ(camera->Operations().back().params,
+              (std::vector<uint32_t>{orq::CHDK_GetMemory, 0x10300, 36}));
     // The address goes with the whole model code.
     EXPECT_EQ(orq::DeviceLL::MemoryStatisticsAddress(u"SX1600"), 0x10364u);
     EXPECT_EQ(orq::DeviceLL::MemoryStatisticsAddress(u"sx160"), 0x10364u);
