@@ -227,6 +227,9 @@ OrqResult DeviceLL::UpdatePreviewFrame() {
         OrqResult result = PTPGetPreviewFrame(&preview->previewBuffers[index]);
         if (result != ORQ_OK) {
             ORQ_LOG(ERR, "PTPGetPreviewFrame failed");
+            // A failed allocation empties the buffer; it must not be handed out as the frame.
+            if (preview->previewReady == index && !preview->previewBuffers[index].data)
+                preview->previewReady = -1;
             return result;
         }
         preview->previewReady = index;
