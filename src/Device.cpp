@@ -240,7 +240,7 @@ bool Device::HandleMessage(const std::shared_ptr<MainLoopMsg_Base>& message, Orq
             });
     } else if (dynamic_cast<MainLoopMsg_Shoot*>(base)) {
         ORQ_LOG(DEB, "Main loop: shoot");
-        contProc.reset(Shoot([this](OrqFileInfo file) { OnShootCompleted(file); }));
+        contProc = Shoot([this](OrqFileInfo file) { OnShootCompleted(file); });
     } else if (auto* download = dynamic_cast<MainLoopMsg_DownloadTo*>(base)) {
         ORQ_LOG(DEB, "Main loop: download to");
         outcome = PTPDownloadFile(download->fileId, download->path);
@@ -255,7 +255,7 @@ bool Device::HandleMessage(const std::shared_ptr<MainLoopMsg_Base>& message, Orq
         ORQ_LOG(DEB, "Main loop: set zoom %d", zoomTo->position);
         int32_t position =
             Coalesce<MainLoopMsg_SetZoom>(zoomTo->position, "Main loop: set zoom (next) %d");
-        contProc.reset(CreateZoomProc(position));
+        contProc = CreateZoomProc(position);
     } else if (auto* focusTo = dynamic_cast<MainLoopMsg_SetFocus*>(base)) {
         ORQ_LOG(DEB, "Main loop: set focus %d", focusTo->position);
         int32_t position =

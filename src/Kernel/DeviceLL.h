@@ -240,10 +240,10 @@ public:
     // --- Capture, files, zoom, focus, preview, video ----------------------------------------
     // The shoot chain, normal or remote with direct transfer (Direct Transfer set to On, 0).
     // The caller takes ownership of the result.
-    ContProc* Shoot(std::function<void(OrqFileInfo)> onCompleted);
+    std::unique_ptr<ContProc> Shoot(std::function<void(OrqFileInfo)> onCompleted);
     OrqResult PTPDownloadFile(int32_t fileId, const std::u16string& path);
     OrqResult PTPRemoveFile(int32_t fileId);
-    ContProc* CreateZoomProc(int32_t position);
+    std::unique_ptr<ContProc> CreateZoomProc(int32_t position);
     OrqResult UpdateZoom();
     OrqResult SetFocus(int32_t position);
     OrqResult FocusShift(int32_t shift);

@@ -59,7 +59,7 @@ ContProcStep RepeatingStep(DeviceLL* device,
 
 }  // namespace
 
-ContProc* DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCompleted) {
+std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCompleted) {
     bool direct = false;
     if (config.Has(PROP_DIRECT_TRANSFER)) {
         std::lock_guard<std::recursive_mutex> guard(propertyLock);
@@ -73,7 +73,7 @@ ContProc* DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCompleted) {
     milliseconds awaitInterval = direct ? milliseconds(0) : kStepInterval;
     ContProcStep next = RepeatingStep(this, await, awaitInterval, std::move(onCompleted));
 
-    return new ContProc(
+    return std::make_unique<ContProc>(
         [this, begin, next](ContProc* self, milliseconds* delay, OrqResult* result, bool* again) {
             OrqResult status = (this->*begin)();
             if (status != ORQ_OK) {

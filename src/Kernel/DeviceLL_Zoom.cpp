@@ -61,7 +61,7 @@ int32_t DeviceLL::GetZoom() {
     return zoom;
 }
 
-ContProc* DeviceLL::CreateZoomProc(int32_t position) {
+std::unique_ptr<ContProc> DeviceLL::CreateZoomProc(int32_t position) {
     const int32_t step = std::max(std::min(position, config.maxZoom), 0);
 
     // Repeated every 100 ms until the camera raises the zoom-finished bit.
@@ -106,7 +106,7 @@ ContProc* DeviceLL::CreateZoomProc(int32_t position) {
             ContProcStep next = waiting;
             self->step = std::move(next);
         });
-    return proc.release();
+    return proc;
 }
 
 }  // namespace orq

@@ -98,8 +98,8 @@ protected:
 
     // Runs a shoot chain's steps as the main loop would, honouring their delays.
     OrqResult Shoot() {
-        std::unique_ptr<orq::ContProc> proc(
-            device->Shoot([this](OrqFileInfo file) { device->OnShootCompleted(file); }));
+        std::unique_ptr<orq::ContProc> proc =
+            device->Shoot([this](OrqFileInfo file) { device->OnShootCompleted(file); });
         OrqResult result = ORQ_OK;
         for (auto end = std::chrono::steady_clock::now() + 10s;
              std::chrono::steady_clock::now() < end;) {

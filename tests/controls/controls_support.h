@@ -69,8 +69,7 @@ struct ProcOutcome {
 };
 
 // Runs the operation's steps, honouring their delays, until one ends it.
-inline ProcOutcome RunProc(orq::ContProc* raw) {
-    std::unique_ptr<orq::ContProc> proc(raw);
+inline ProcOutcome RunProc(std::unique_ptr<orq::ContProc> proc) {
     ProcOutcome outcome;
     for (bool again = true; again && outcome.steps < 200; ++outcome.steps) {
         std::chrono::milliseconds delay(0);
