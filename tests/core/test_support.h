@@ -1,6 +1,7 @@
 // Helpers shared by the core tests: reading what the SDK logged.
 #pragma once
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -8,20 +9,6 @@
 #include "platform/Platform.h"
 
 namespace orqtest {
-
-inline std::vector<std::string> ReadLines(const std::u16string& path) {
-    std::string contents;
-    orq::platform::ReadFile(path, contents);
-    std::vector<std::string> lines;
-    size_t begin = 0;
-    while (begin < contents.size()) {
-        size_t end = contents.find('\n', begin);
-        if (end == std::string::npos) end = contents.size();
-        lines.push_back(contents.substr(begin, end - begin));
-        begin = end + 1;
-    }
-    return lines;
-}
 
 inline size_t MainLogSize() {
     std::string contents;
@@ -34,12 +21,9 @@ inline std::vector<std::string> MainLogSince(size_t offset) {
     std::string contents;
     orq::platform::ReadFile(orq::MainLogPath(), contents);
     std::vector<std::string> lines;
-    size_t begin = offset;
-    while (begin < contents.size()) {
-        size_t end = contents.find('\n', begin);
-        if (end == std::string::npos) end = contents.size();
+    for (size_t begin = offset, end; begin < contents.size(); begin = end + 1) {
+        end = std::min(contents.find('\n', begin), contents.size());
         lines.push_back(contents.substr(begin, end - begin));
-        begin = end + 1;
     }
     return lines;
 }
