@@ -1,4 +1,4 @@
-// Listing the card: file names as the SDK decodes them, the handle limit, and the file table's
+// Listing the card: file names as the SDK decodes them, the handle list, and the file table's
 // way of finding the newest file.
 #include "link_support.h"
 
@@ -9,12 +9,6 @@ using orq::PTP_OC_GetObjectInfo;
 
 class FilesTest : public LinkTest {
 protected:
-    orqsim::CameraOptions Options() override {
-        orqsim::CameraOptions options;
-        options.folders = false;
-        return options;
-    }
-
     // The decoded name of a file with this name on the card.
     std::u16string Decoded(const std::u16string& name) {
         camera->ClearCard();
@@ -22,14 +16,6 @@ protected:
         OrqFileInfo info{};
         EXPECT_EQ(link->PTPGetObjectInfo(handle, info), ORQ_OK);
         return std::u16string(reinterpret_cast<const char16_t*>(info.name));
-    }
-
-    // An ObjectInfo whose name field is given raw.
-    static Bytes ObjectInfo(uint32_t size, const Bytes& nameField) {
-        Bytes info(52, 0);
-        for (int i = 0; i < 4; ++i) info[8 + i] = static_cast<uint8_t>(size >> (8 * i));
-        info.insert(info.end(), nameField.begin(), nameField.end());
-        return info;
     }
 };
 
@@ -49,8 +35,10 @@ TEST_F(FilesTest, NamesKeepTheLowByteOfEachUnitWidenedWithItsSign) {
 
 TEST_F(FilesTest, DatasetsAreReadNoFurtherThanTheySpan) {
     // The camera announces 200 name units and sends three.
-    Bytes field{200, 'a', 0, 'b', 0, 'c', 0};
-    camera->InjectFault(Raw(PTP_OC_GetObjectInfo, -1, DataThenOk(ObjectInfo(77, field), 0x1008)));
+    Bytes dataset(52, 0);
+    dataset[8] = 77;  // the size
+    dataset.insert(dataset.end(), {200, 'a', 0, 'b', 0, 'c', 0});
+    camera->InjectFault(Raw(PTP_OC_GetObjectInfo, -1, DataThenOk(dataset, 0x1008)));
     OrqFileInfo info{};
     ASSERT_EQ(link->PTPGetObjectInfo(5, info), ORQ_OK);
     EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(info.name)), u"abc");
@@ -60,24 +48,17 @@ TEST_F(FilesTest, DatasetsAreReadNoFurtherThanTheySpan) {
     camera->InjectFault(Raw(PTP_OC_GetObjectInfo, -1, DataThenOk(Bytes(20, 0), 0x1008)));
     ASSERT_EQ(link->PTPGetObjectInfo(5, info), ORQ_OK);
     EXPECT_EQ(info.name[0], 0);
+}
 
-    // A handle list shorter than its count fails.
+TEST_F(FilesTest, HandleListsAreBoundedAndMustHoldTheirCount) {
     const uint16_t handlesCode = orq::PTP_OC_GetObjectHandles;
     camera->InjectFault(Raw(handlesCode, -1, DataThenOk(Words({3, 10, 11}), handlesCode)));
     std::vector<uint32_t> handles;
     EXPECT_EQ(link->PTPGetObjectHandles(handles), ORQ_ERROR);
     EXPECT_EQ(Count(Log(), "getObjectHandles failed: 3 handles announced, 2 sent"), 1);
-    // The storage count is not looked at: the first id is the card.
-    const uint16_t storageCode = orq::PTP_OC_GetStorageIDs;
-    camera->InjectFault(Raw(storageCode, -1, DataThenOk(Words({0, 0x00010001}), storageCode)));
-    ASSERT_EQ(link->PTPGetObjectHandles(handles), ORQ_OK);
-    EXPECT_TRUE(handles.empty());
-    EXPECT_EQ(camera->Operations().back().params, (std::vector<uint32_t>{0x00010001, 0, 0}));
-}
 
-TEST_F(FilesTest, HandleLimitIs5120) {
-    for (int i = 0; i < 5120; ++i) camera->AddFile(u"a.txt", {});
-    std::vector<uint32_t> handles;
+    ASSERT_EQ(link->PTPGetObjectHandles(handles), ORQ_OK);  // the folders
+    for (size_t i = handles.size(); i < 5120; ++i) camera->AddFile(u"a.txt", {});
     ASSERT_EQ(link->PTPGetObjectHandles(handles), ORQ_OK);
     EXPECT_EQ(handles.size(), 5120u);
     camera->AddFile(u"a.txt", {});
@@ -85,7 +66,7 @@ TEST_F(FilesTest, HandleLimitIs5120) {
     EXPECT_EQ(Count(Log(), "getObjectHandles failed: to many objects"), 1);
 }
 
-TEST_F(FilesTest, OneBadObjectFailsTheWholeListing) {
+TEST_F(FilesTest, OneBadObjectFailsTheListingAndLeavesTheTable) {
     camera->AddFile(u"IMG_0001.JPG", Bytes{1});
     camera->AddFile(u"IMG_0002.JPG", Bytes{2});
     ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
@@ -95,15 +76,6 @@ TEST_F(FilesTest, OneBadObjectFailsTheWholeListing) {
     Fault fault = Fault::Operation(Fault::ResponseCode, PTP_OC_GetObjectInfo, -1,
                                    orqsim::RC_InvalidObjectHandle);
     fault.skip = 1;
-    camera->InjectFault(fault);
-    std::vector<OrqFileInfo> files(4);
-    EXPECT_EQ(link->PTPGetFilesInfo(files), ORQ_ERROR);
-    EXPECT_TRUE(files.empty());
-    auto log = Log();
-    EXPECT_EQ(Count(log, "PTP_OC_GetObjectInfo failed"), 1);
-
-    // The table and the latest id stay as they were after a failed listing.
-    fault.skip = 0;
     camera->InjectFault(fault);
     logStart = LogSize();
     EXPECT_EQ(link->PTPUpdateObjectsInfo(), ORQ_ERROR);
@@ -126,20 +98,10 @@ TEST_F(FilesTest, TableKeepsPicturesAndMoviesOnly) {
     std::vector<int32_t> ids;
     for (const OrqFileInfo& file : link->FileTable()) ids.push_back(file.id);
     EXPECT_EQ(ids, kept);
-    OrqFileInfo file{};
-    ASSERT_TRUE(link->FindFile(kept[1], file));
-    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(file.name)), u"clip.MoV");
-    EXPECT_FALSE(link->FindFile(12345, file));
 }
 
 TEST_F(FilesTest, LatestFileIdNamesTheFirstNewPair) {
-    // An empty card, then the first listing of a card compares against nothing.
-    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
-    EXPECT_EQ(link->LatestFileId(), -1);
-    EXPECT_TRUE(link->FileTable().empty());
-    auto log = Log();
-    EXPECT_TRUE(InOrder(log, {"PTPUpdateObjectsInfo", "Latest file ID: -1"}));
-
+    // The first listing compares against an empty table; the first in the camera's order wins.
     uint32_t a = camera->AddFile(u"IMG_0001.JPG", Bytes(10));
     uint32_t b = camera->AddFile(u"IMG_0002.JPG", Bytes(20));
     ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
@@ -148,21 +110,12 @@ TEST_F(FilesTest, LatestFileIdNamesTheFirstNewPair) {
     ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
     EXPECT_EQ(link->LatestFileId(), -1);
 
-    // Two new files: the first in the camera's order wins.
-    uint32_t c = camera->AddFile(u"IMG_0003.JPG", Bytes(30));
-    camera->AddFile(u"MVI_0004.MOV", Bytes(40));
-    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
-    EXPECT_EQ(link->LatestFileId(), static_cast<int32_t>(c));
-
     // A known handle whose size changed counts as new; a removal leaves no trace.
     camera->ReplaceFile(b, Bytes(21));
     camera->RemoveFile(a);
     ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
     EXPECT_EQ(link->LatestFileId(), static_cast<int32_t>(b));
-    camera->RemoveFile(c);
-    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
-    EXPECT_EQ(link->LatestFileId(), -1);
-    EXPECT_EQ(link->FileTable().size(), 2u);
+    EXPECT_EQ(link->FileTable().size(), 1u);
 }
 
 }  // namespace

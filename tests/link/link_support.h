@@ -4,25 +4,16 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "Kernel/DeviceLL.h"
-#include "Logger.h"
 #include "SDKConfig.h"
-#include "platform/Platform.h"
 #include "sim/VirtualBus.h"
 #include "sim/VirtualCamera.h"
-
-// A literal of the public string type.
-#ifdef _WIN32
-#define LINK_TEXT(s) L##s
-#else
-#define LINK_TEXT(s) u##s
-#endif
+#include "tests/core/test_support.h"
 
 namespace linktest {
 
@@ -32,15 +23,8 @@ using orqsim::Pipe;
 
 // The message part of each main-log line written since `offset`, without padding.
 inline std::vector<std::string> MessagesSince(size_t offset) {
-    std::string contents;
-    orq::platform::ReadFile(orq::MainLogPath(), contents);
     std::vector<std::string> messages;
-    size_t begin = offset;
-    while (begin < contents.size()) {
-        size_t end = contents.find('\n', begin);
-        if (end == std::string::npos) end = contents.size();
-        std::string line = contents.substr(begin, end - begin);
-        begin = end + 1;
+    for (const std::string& line : orqtest::MainLogSince(offset)) {
         size_t first = line.find(" | ");
         size_t last = line.rfind(" | ");
         if (first == std::string::npos || last == first) continue;
@@ -52,9 +36,7 @@ inline std::vector<std::string> MessagesSince(size_t offset) {
 }
 
 inline size_t LogSize() {
-    std::string contents;
-    orq::platform::ReadFile(orq::MainLogPath(), contents);
-    return contents.size();
+    return orqtest::MainLogSize();
 }
 
 inline int Count(const std::vector<std::string>& messages, const std::string& text) {
@@ -116,12 +98,10 @@ class LinkTest : public ::testing::Test {
 protected:
     static constexpr unsigned kStallMs = 60;
 
-    virtual orqsim::CameraOptions Options() { return {}; }
-
     void SetUp() override {
         static std::atomic<int> serial{0};
         path = u"orqsim://link/" + orq::platform::FromUtf8(std::to_string(++serial));
-        camera = std::make_shared<orqsim::VirtualCamera>(Options());
+        camera = std::make_shared<orqsim::VirtualCamera>();
         ASSERT_TRUE(camera->PlugIn(path));
         camera->SetStallLimit(kStallMs);
         usb = orqsim::CreateVirtualUsbLib(&notify);
