@@ -10,11 +10,8 @@ namespace {
 
 template <class Pred>
 bool Eventually(Pred pred) {
-    for (auto end = std::chrono::steady_clock::now() + 10s; !pred();
-         std::this_thread::sleep_for(10ms)) {
-        if (std::chrono::steady_clock::now() > end) return false;
-    }
-    return true;
+    for (int i = 0; i < 1000 && !pred(); ++i) std::this_thread::sleep_for(10ms);
+    return pred();
 }
 
 class CaptureApi : public ::testing::Test {
@@ -30,17 +27,12 @@ protected:
         ASSERT_EQ(count, 1);
         ASSERT_EQ(OrqOpenSession(manager, list[0].id, &session), ORQ_OK);
         OrqFree(list);
-        shot = OrqShootCompletedSubscribe(session, &OnShot, this);
-        download = OrqDownloadCompletedSubscribe(session, &OnDownload, this);
+        OrqShootCompletedSubscribe(session, &OnShot, this);
+        OrqDownloadCompletedSubscribe(session, &OnDownload, this);
         logStart = linktest::LogSize();
-        temp = orq::platform::TempFolder();
-        if (temp.back() != orq::platform::PathSeparator()) temp += orq::platform::PathSeparator();
     }
+    // Termination frees what the test kept: subscriptions, session and manager.
     void TearDown() override {
-        OrqFree(shot);
-        OrqFree(download);
-        if (session) OrqFree(session);
-        if (manager) OrqFree(manager);
         OrqTerminateSDK();
         camera->Unplug();
     }
@@ -75,35 +67,27 @@ protected:
     std::shared_ptr<orqsim::VirtualCamera> camera;
     OrqCameraManagerHandle manager = nullptr;
     OrqSessionHandle session = nullptr;
-    OrqSubscription shot = nullptr, download = nullptr;
     std::mutex lock;
     std::vector<OrqFileInfo> shots;
     std::vector<std::pair<int, std::u16string>> downloads;
     size_t logStart = 0;
-    std::u16string temp;
 };
 
 TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
     // The commands' own checks answer at once.
     ASSERT_EQ(OrqStartVideo(session), ORQ_OK);
     EXPECT_EQ(OrqShoot(session), ORQ_ERROR);
-    EXPECT_EQ(Logged("Shooting not supported: video recording started"), 1);
-    std::this_thread::sleep_for(30ms);
-    OrqFileInfo movie{};
-    ASSERT_EQ(OrqStopVideo(session, &movie), ORQ_OK);
-    EXPECT_EQ(OrqDownloadFile(session, 4242, 0), ORQ_ERROR);
-    EXPECT_EQ(Logged("Download file: file not found"), 1);
+    ASSERT_EQ(OrqStopVideo(session, nullptr), ORQ_OK);
 
     // A file of the table goes to the temporary folder under its own name.
     const OrqFileInfo card = ShootOne();
-    ASSERT_GE(card.id, 0);
     const auto bytes = camera->FileBytes(static_cast<uint32_t>(card.id));
     ASSERT_TRUE(bytes);
     ASSERT_EQ(OrqDownloadFile(session, card.id, 1), ORQ_OK);
     ASSERT_TRUE(Eventually([&] { return !Locked(downloads).empty(); }));
-    const std::u16string named = temp + orq::platform::FromUtf8(Narrow(card.name));
+    const std::u16string named = TempPath(Narrow(card.name));
     EXPECT_EQ(Locked(downloads)[0], std::make_pair(card.id, named));
-    EXPECT_EQ(ReadAll(named), Text(*bytes));
+    EXPECT_EQ(ReadAll(named), std::string(bytes->begin(), bytes->end()));
     // Deleted within the same message.
     EXPECT_TRUE(Eventually([&] { return !camera->FileBytes(card.id); }));
 
@@ -112,7 +96,8 @@ TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
     camera->SetRemotePicture(Pattern(700 * 1024, 11));
     EXPECT_EQ(ShootOne().id, -100);
     EXPECT_EQ(OrqDownloadFile(session, -100, 0), ORQ_ERROR);
-    const std::u16string target = temp + u"capture_api_direct.jpg";
+    EXPECT_EQ(Logged("Download file: file not found"), 1);
+    const std::u16string target = TempPath("capture_api_direct.jpg");
     std::vector<OrqChar> wide(target.begin(), target.end());
     wide.push_back(0);
     ASSERT_EQ(OrqDownloadFileTo(session, -100, wide.data(), 0), ORQ_OK);

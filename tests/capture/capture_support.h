@@ -54,26 +54,30 @@ inline std::string ReadAll(const std::u16string& path) {
     return contents;
 }
 
+inline std::u16string TempPath(const std::string& name) {
+    std::u16string path = orq::platform::TempFolder();
+    if (path.empty() || path.back() != orq::platform::PathSeparator())
+        path += orq::platform::PathSeparator();
+    return path + orq::platform::FromUtf8(name);
+}
+
 inline orqsim::Bytes Pattern(size_t size, uint8_t seed = 1) {
     orqsim::Bytes bytes(size);
     for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(seed + i * 7);
     return bytes;
 }
 
-inline std::string Text(const orqsim::Bytes& bytes) {
-    return std::string(bytes.begin(), bytes.end());
-}
-
-// A session on a fresh virtual camera with its properties loaded, as after start-up. A derived
-// fixture changes `options` in its constructor.
+// A session on a fresh virtual camera with its properties loaded, as after start-up. The camera
+// takes its time over a shot, as a real one does.
 class CaptureTest : public ::testing::Test {
 protected:
-    CaptureTest() { options.remoteChunkSize = 4000; }
-
     void SetUp() override {
         static int serial = 0;
         const std::u16string path =
             u"orqsim://capture/" + orq::platform::FromUtf8(std::to_string(++serial));
+        orqsim::CameraOptions options;
+        options.remoteChunkSize = 4000;
+        options.shootMs = 300;
         camera = std::make_shared<orqsim::VirtualCamera>(options);
         ASSERT_TRUE(camera->PlugIn(path));
         camera->SetStallLimit(60);
@@ -85,9 +89,6 @@ protected:
         ASSERT_EQ(device->PTPUpdateObjectsInfo(), ORQ_OK);
         camera->ClearOperations();
         logStart = linktest::LogSize();
-        folder = orq::platform::TempFolder();
-        if (folder.empty() || folder.back() != orq::platform::PathSeparator())
-            folder += orq::platform::PathSeparator();
     }
 
     void TearDown() override {
@@ -96,37 +97,27 @@ protected:
         usb.reset();
     }
 
-    // Runs a shoot chain's steps as the main loop would, honouring their delays.
+    // Runs a shoot chain's steps as the main loop would, honouring their delays. A chain that
+    // never ends answers no result code.
     OrqResult Shoot() {
-        std::unique_ptr<orq::ContProc> proc =
-            device->Shoot([this](OrqFileInfo file) { device->OnShootCompleted(file); });
-        OrqResult result = ORQ_OK;
-        for (auto end = std::chrono::steady_clock::now() + 10s;
-             std::chrono::steady_clock::now() < end;) {
+        auto proc = device->Shoot([this](OrqFileInfo file) { device->OnShootCompleted(file); });
+        auto result = static_cast<OrqResult>(-1);
+        const auto end = std::chrono::steady_clock::now() + 10s;
+        for (bool again = true; again && std::chrono::steady_clock::now() < end;) {
             std::chrono::milliseconds delay(0);
-            bool again = false;
+            again = false;
             proc->step(proc.get(), &delay, &result, &again);
-            if (!again) return result;
             std::this_thread::sleep_for(delay);
         }
-        ADD_FAILURE() << "the chain never ended";
         return result;
     }
     std::vector<std::string> Log() const { return linktest::MessagesSince(logStart); }
     // The main log since the start, continuation lines included.
-    std::string RawLog() const {
-        const std::string all = ReadAll(orq::MainLogPath());
-        return logStart < all.size() ? all.substr(logStart) : std::string();
-    }
+    std::string RawLog() const { return ReadAll(orq::MainLogPath()).substr(logStart); }
     size_t Ops(uint32_t subCommand) const {
         return camera->CountOperations(orq::PTP_OC_Vendor, subCommand);
     }
-    std::u16string Target(const char* name) const {
-        return folder + orq::platform::FromUtf8(std::string("capture_") + name);
-    }
 
-    orqsim::CameraOptions options;
-    std::u16string folder;
     std::shared_ptr<orqsim::VirtualCamera> camera;
     linktest::QuietNotify notify;
     orq::SDKConfig config;

@@ -1,0 +1,186 @@
+// One DeviceLL on a virtual camera: the normal shot found by comparing listings, the remote shot
+// buffered in host memory under negative ids, downloads, removals, video and memory statistics.
+#include <cstdio>
+
+#include "tests/capture/capture_support.h"
+
+namespace capturetest {
+namespace {
+
+TEST_F(CaptureTest, CardIsListedUntilTheNewFileAppearsAtMostFiveTimes) {
+    camera->SetShotFileDelay(2);
+    ASSERT_EQ(Shoot(), ORQ_OK);
+    ASSERT_EQ(device->shots.size(), 1u);
+    const OrqFileInfo shot = device->shots[0];
+    EXPECT_EQ(shot.id, static_cast<int32_t>(camera->Files().back().handle));
+    auto log = Log();
+    EXPECT_TRUE(InOrder(
+        log, {"Shoot started on camera", "Shoot transaction", "Shoot: new file not found. Retry: 1",
+              "Shoot: new file not found. Retry: 2", "Shoot Completed:"}));
+    EXPECT_NE(RawLog().find("    name: " + Narrow(shot.name)), std::string::npos);
+    EXPECT_EQ(Ops(orq::ORQM_Shoot), 1u);
+    EXPECT_FALSE(device->previewSuspended);
+
+    camera->SetShotProducesFile(false);
+    logStart = linktest::LogSize();
+    EXPECT_EQ(Shoot(), ORQ_ERROR);
+    EXPECT_EQ(device->shots.size(), 1u);
+    log = Log();
+    EXPECT_TRUE(InOrder(log, {"Shoot: new file not found. Retry: 4", "Shoot: new file not found"}));
+    EXPECT_EQ(Count(log, "PTPUpdateObjectsInfo"), 1 + 5);
+    // A failed shot leaves the preview suspended: the session ends anyway.
+    EXPECT_TRUE(device->previewSuspended);
+}
+
+TEST_F(CaptureTest, StaleShootFinishedDoesNotEndTheWait) {
+    // Left over from before and seen by some other wait; taken for the end of this shot, it
+    // would have the card listed before the camera wrote the file.
+    camera->RaiseEvents(orq::SHOOT_FINISHED);
+    ASSERT_EQ(device->PTPLoadEvents(), ORQ_OK);
+    ASSERT_TRUE(device->CameraEvent(orq::CAMERA_EVENT_SHOOT_FINISHED));
+    ASSERT_EQ(Shoot(), ORQ_OK);
+    EXPECT_EQ(Count(Log(), "Shoot: new file not found. Retry: 1"), 0);
+}
+
+TEST_F(CaptureTest, RemotePicturesAreBufferedUnderFallingIdsUntilRemoved) {
+    device->SetDirectTransfer(0);
+    const auto picture = Pattern(10000, 3);
+    camera->SetRemotePicture(picture);
+    // A failed transfer drops what came and uses no id.
+    Fault fault = Fault::Operation(Fault::ResponseCode, orq::PTP_OC_Vendor,
+                                   orq::ORQM_RemoteCaptureGetData, 0x2019);
+    fault.skip = 1;
+    camera->InjectFault(fault);
+    EXPECT_EQ(Shoot(), ORQ_ERROR);
+    EXPECT_EQ(Count(Log(), "PTP_ORQM_RemoteCaptureGetData failed"), 1);
+    ASSERT_EQ(device->PTPReset(), ORQ_OK);
+
+    // The first chunk arrives empty with "more" set; the camera's next chunks follow.
+    orqsim::Bytes reply = linktest::Container(2, orq::PTP_OC_Vendor);
+    orqsim::Bytes response = linktest::Container(3, 0x2001, linktest::Words({0, 1, 0}));
+    reply.insert(reply.end(), response.begin(), response.end());
+    camera->InjectFault(linktest::Raw(orq::PTP_OC_Vendor, orq::ORQM_RemoteCaptureGetData, reply));
+    logStart = linktest::LogSize();
+    ASSERT_EQ(Shoot(), ORQ_OK);
+    ASSERT_EQ(device->shots.size(), 1u);
+    EXPECT_EQ(device->shots[0].id, -100);
+    EXPECT_EQ(Narrow(device->shots[0].name), "direct_100.jpg");
+    EXPECT_EQ(device->shots[0].size, 6000u);
+    EXPECT_TRUE(InOrder(
+        Log(), {"Shoot started on camera (remote version)", "Shoot transaction (remote version)",
+                "Remote capture ready", "RemoteCaptureGetData: 0 1 0", "total chunks: 1",
+                "RemoteCaptureGetData: 4000 1 10000", "total chunks: 2",
+                "RemoteCaptureGetData: 8000 0 10000", "total chunks: 3",
+                "Total DirectTransfer buffered files: 1", "Direct Shoot Completed:"}));
+
+    // A buffered file downloads as often as asked, its chunks in arrival order.
+    const auto target = TempPath("capture_direct.jpg");
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_EQ(device->PTPDownloadFile(-100, target), ORQ_OK);
+        EXPECT_EQ(ReadAll(target), std::string(picture.begin() + 4000, picture.end()));
+    }
+    EXPECT_EQ(Count(Log(), "DirectTransfer download file completed:"), 2);
+
+    ASSERT_EQ(device->PTPRemoveFile(-100), ORQ_OK);
+    EXPECT_EQ(device->BufferedFiles(), 0u);
+    EXPECT_EQ(device->PTPRemoveFile(-100), ORQ_ERROR);
+    EXPECT_EQ(Count(Log(), "PTPRemoveFile: DirectTransfer FileId not found!"), 1);
+    EXPECT_EQ(device->PTPDownloadFile(-100, target), ORQ_ERROR);
+    EXPECT_EQ(Count(Log(), "PTPDownloadFile: DirectTransfer FileId not found!"), 1);
+    EXPECT_EQ(device->downloads.size(), 2u);
+    // Ids are never reused.
+    ASSERT_EQ(Shoot(), ORQ_OK);
+    EXPECT_EQ(device->shots.back().id, -101);
+}
+
+TEST_F(CaptureTest, CardFileIsWrittenByteForByteAndReported) {
+    const auto bytes = Pattern(3 * 1024 * 1024 + 17);
+    const auto handle = static_cast<int32_t>(camera->AddFile(u"IMG_0005.JPG", bytes));
+    const auto target = TempPath("capture_card.jpg");
+    ASSERT_EQ(device->PTPDownloadFile(handle, target), ORQ_OK);
+    EXPECT_EQ(ReadAll(target), std::string(bytes.begin(), bytes.end()));
+    EXPECT_NE(RawLog().find("    path: " + orq::platform::ToUtf8(target)), std::string::npos);
+    EXPECT_EQ(Ops(orq::CHDK_GetMemory), 0u);  // no snapshot was asked for
+    std::remove(orq::platform::ToUtf8(target).c_str());
+
+    // An unknown file fails with no report; a target that cannot be written still counts.
+    EXPECT_EQ(device->PTPDownloadFile(9999, TempPath("capture_missing.jpg")), ORQ_ERROR);
+    const auto nowhere = TempPath("capture_none") + orq::platform::PathSeparator() + u"x.jpg";
+    EXPECT_EQ(device->PTPDownloadFile(handle, nowhere), ORQ_OK);
+    EXPECT_EQ(device->downloads,
+              (std::vector<std::pair<int, std::u16string>>{{handle, target}, {handle, nowhere}}));
+    EXPECT_EQ(Count(Log(), "Download file completed:"), 2);
+}
+
+TEST_F(CaptureTest, VideoRefusesShotsAndItsStopReportsTheNewMovie) {
+    camera->InjectFault(
+        Fault::Operation(Fault::ResponseCode, orq::PTP_OC_Vendor, orq::ORQM_StartVideo, 0x2019));
+    EXPECT_EQ(device->PTPStartVideo(), ORQ_ERROR);
+    EXPECT_EQ(Count(Log(), "PTP_ORQM_StartVideo failed"), 1);
+    EXPECT_FALSE(device->IsVideoRecording());
+    // The camera acted on the command before refusing it; a reset puts it back to rest.
+    ASSERT_EQ(device->PTPReset(), ORQ_OK);
+
+    camera->AddFile(u"MVI_0001.MOV", Pattern(500));  // not the new movie
+    ASSERT_EQ(device->PTPStartVideo(), ORQ_OK);
+    // Shots queued before the recording began meet it in either chain.
+    EXPECT_EQ(Shoot(), ORQ_ERROR);
+    device->SetDirectTransfer(0);
+    EXPECT_EQ(Shoot(), ORQ_ERROR);
+    device->SetDirectTransfer(1);
+    EXPECT_EQ(Count(Log(), "Shooting not supported: video recording started"), 2);
+    EXPECT_EQ(Ops(orq::ORQM_Shoot) + Ops(orq::ORQM_RemoteCaptureStart), 0u);
+
+    OrqFileInfo movie{};
+    ASSERT_EQ(device->PTPStopVideo(&movie), ORQ_OK);
+    EXPECT_FALSE(device->IsVideoRecording());
+    const auto newest = camera->Files().back();
+    EXPECT_EQ(movie.id, static_cast<int32_t>(newest.handle));
+    EXPECT_EQ(movie.size, newest.bytes->size());
+    EXPECT_EQ(Shoot(), ORQ_OK);
+
+    // A refused stop leaves the recording on and the movie untouched.
+    ASSERT_EQ(device->PTPStartVideo(), ORQ_OK);
+    camera->InjectFault(
+        Fault::Operation(Fault::ResponseCode, orq::PTP_OC_Vendor, orq::ORQM_StopVideo, 0x2019));
+    movie.id = 77;
+    EXPECT_EQ(device->PTPStopVideo(&movie), ORQ_ERROR);
+    EXPECT_EQ(movie.id, 77);
+    EXPECT_TRUE(device->IsVideoRecording());
+}
+
+TEST_F(CaptureTest, SnapshotsFollowTheFlowWhenAskedForAndNeverFailIt) {
+    device->memLogging = true;
+    camera->SetShotFileDelay(1);
+    ASSERT_EQ(Shoot(), ORQ_OK);
+    const int32_t id = device->shots.at(0).id;
+    ASSERT_EQ(device->PTPDownloadFile(id, TempPath("capture_shot.jpg")), ORQ_OK);
+    ASSERT_EQ(device->PTPRemoveFile(id), ORQ_OK);
+    // Finished, two listings, the download, the removal; the last is the model's record address
+    // and the record's size.
+    EXPECT_EQ(Ops(orq::CHDK_GetMemory), 5u);
+    EXPECT_EQ(Count(Log(), "0x10300 memory: after PTP_OC_DeleteObject"), 1);
+    EXPECT_EQ(camera->Operations().back().params,
+              (std::vector<uint32_t>{orq::CHDK_GetMemory, 0x10300, 36}));
+    // A removed file stays listed until the next listing; removed again, the camera refuses.
+    OrqFileInfo file{};
+    EXPECT_TRUE(device->FindFile(id, file));
+    EXPECT_EQ(device->PTPRemoveFile(id), ORQ_ERROR);
+
+    // A short answer costs nothing but zeros, a refused one only its line.
+    logStart = linktest::LogSize();
+    camera->InjectFault(linktest::Raw(orq::PTP_OC_Vendor, orq::CHDK_GetMemory,
+                                      linktest::DataThenOk(linktest::Words({1, 2}))));
+    device->PTPMemoryStatistics("short");
+    EXPECT_NE(RawLog().find("    start address:   2\n"), std::string::npos);
+    EXPECT_NE(RawLog().find("    total size:      0\n"), std::string::npos);
+    Fault refused =
+        Fault::Operation(Fault::ResponseCode, orq::PTP_OC_Vendor, orq::CHDK_GetMemory, 0x2019);
+    refused.times = 2;
+    camera->InjectFault(refused);
+    ASSERT_EQ(Shoot(), ORQ_OK);
+    EXPECT_EQ(Count(Log(), "PTP_CHDK_GetMemory failed"), 2);
+}
+
+}  // namespace
+}  // namespace capturetest
