@@ -1,8 +1,10 @@
-// Live preview from a virtual camera: video settings, the memory read, the two frame buffers and
-// the frame handed out and given back.
+// Live preview: the camera's picture turned into a BMP image, held against hand-worked pixels and
+// the literal conversion; and from a virtual camera the video settings, the memory read, the two
+// frame buffers and the frame handed out and given back.
 #include <cstring>
 #include <random>
 
+#include "Kernel/PreviewFrame.h"
 #include "tests/controls/controls_support.h"
 #include "tests/controls/preview_reference.h"
 
@@ -11,17 +13,70 @@ namespace {
 
 using linktest::Count;
 using linktest::InOrder;
+using orq::preview::ComputeGeometry;
+using orq::preview::FrameGeometry;
 using orqsim::Bytes;
-
-std::array<uint32_t, 22> Settings(uint32_t width, uint32_t height, uint32_t height5 = 0) {
-    return {1, width, height, 0, 0, height5};
-}
 
 Bytes RandomBytes(size_t size, unsigned seed) {
     std::mt19937 random(seed);
     Bytes bytes(size);
     for (auto& b : bytes) b = static_cast<uint8_t>(random());
     return bytes;
+}
+
+// The whole image, header included, over a buffer prefilled as Reference's is.
+Bytes Convert(const Bytes& source, uint32_t width, uint32_t height) {
+    FrameGeometry g;
+    EXPECT_TRUE(ComputeGeometry(width, height, g)) << width << "x" << height;
+    std::vector<int32_t> map;
+    orq::preview::BuildColumnMap(g, map);
+    Bytes image(g.Allocation(), 0xAB);
+    orq::preview::ConvertPixels(source.data(), source.size(), g, map.data(),
+                                image.data() + orq::preview::kBmpHeaderSize);
+    orq::preview::WriteBmpHeader(image.data(), g);
+    return image;
+}
+
+TEST(PreviewImage, PixelsAreFixedPointJfifWithClampingBottomRowFirst) {
+    // Three rows of one group (u, y0, v, y1, y2, y3); three rows give four output columns.
+    const std::vector<uint8_t> source = {127, 255, 127, 0, 128, 16, 0x80, 0,   0x80,
+                                         255, 128, 235, 0, 0,   0,  77,   200, 255};
+    const std::vector<uint8_t> expected = {
+        0,   0,   0,   77,  77,  77,  200, 200, 200, 255, 255, 255,  // source row 2
+        0,   136, 0,   28,  255, 76,  0,   255, 0,   8,   255, 56,   // row 1
+        255, 121, 255, 225, 0,   178, 255, 0,   255, 241, 0,   194,  // row 0
+    };
+    const auto image = Convert(source, 4, 3);
+    EXPECT_EQ(std::vector<uint8_t>(image.begin() + 54, image.end()), expected);
+}
+
+TEST(PreviewImage, MatchesLiteralConversionOnOddSizesAndShortBlocks) {
+    // Scaled down and up, widths no multiple of 4, padded rows; then blocks that stop short (an
+    // odd width asks for less than whole groups; less than a group; nothing). Exact-size
+    // sources let a sanitizer catch a read past the block.
+    const struct {
+        int width, height;
+        long size;  // -1: whole groups
+    } cases[] = {{320, 240, -1}, {360, 240, -1}, {5, 100, -1},       {7, 5, -1},
+                 {1, 1, -1},     {322, 241, -1}, {322, 241, 116403},  // 322 * 241 * 6 / 4
+                 {322, 241, 5},  {322, 241, 0}};
+    for (const auto& c : cases) {
+        const long whole = long((c.width - 1) / 4 + 1) * 6 * c.height;
+        const Bytes source = RandomBytes(size_t(c.size < 0 ? whole : c.size), c.width);
+        EXPECT_EQ(Convert(source, c.width, c.height), Reference(source, c.width, c.height))
+            << c.width << "x" << c.height << ", " << source.size() << " bytes";
+    }
+}
+
+TEST(PreviewImage, RefusedSizes) {
+    FrameGeometry g;
+    for (auto [w, h] : std::vector<std::pair<uint32_t, uint32_t>>{
+             {0, 240}, {320, 0}, {0xFFFFFFFFu, 240}, {320, 0x80000000u}, {16385, 16}}) {
+        EXPECT_FALSE(ComputeGeometry(w, h, g)) << w << "x" << h;
+    }
+    // The largest accepted size stays below what an int can hand to the application.
+    ASSERT_TRUE(ComputeGeometry(16384, 16384, g));
+    EXPECT_LT(g.Allocation(), uint64_t(INT32_MAX));
 }
 
 class Preview : public ControlsTest {
@@ -36,60 +91,56 @@ protected:
         frame.data = static_cast<uint8_t*>(data);
         return result;
     }
-    void Free(const Frame& frame) {
-        auto found = device->released->find(frame.data);
-        ASSERT_NE(found, device->released->end());
-        auto release = std::move(found->second);
-        device->released->erase(found);
-        release(frame.data);
-    }
-    // New settings, read at the next frame, and a picture larger than any request.
-    Bytes LiveView(const std::array<uint32_t, 22>& settings, unsigned seed) {
-        camera->SetVideoSettings(settings);
-        device->AgeVideoSettings();
-        Bytes view = RandomBytes(1 << 20, seed);
-        camera->SetLiveView(view);
-        return view;
-    }
+    // Gives the frame back as the memory manager would; throws for a frame never handed out.
+    void Free(const Frame& frame) { device->released->at(frame.data)(frame.data); }
 };
 
 TEST_F(Preview, FrameIsTheCameraPictureAsABmpImage) {
-    // 360 x 240 comes out 320 x 240; a height of 180 means the height is in word 5.
-    for (const auto& settings : {Settings(360, 240), Settings(360, 180, 240)}) {
-        Bytes view = LiveView(settings, settings[2]);
-        camera->ClearOperations();
-        ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
-        EXPECT_EQ(Params(orq::CHDK_GetMemory), (std::vector<int32_t>{0}));
-        EXPECT_EQ(camera->Operations().back().params.at(2), 360u * 240 * 6 / 4);
-        view.resize(360u * 240 * 6 / 4);  // what was asked for
-        const auto expected = Reference(view, 360, 240, 0);
-        Frame frame;
-        ASSERT_EQ(Get(frame), ORQ_OK);
-        ASSERT_EQ(frame.size, int(expected.size()));
-        EXPECT_EQ(0, std::memcmp(frame.data, expected.data(), expected.size())) << settings[2];
-        Free(frame);
-    }
-    EXPECT_EQ(device->Notes(), (Strings{"preview", "preview"}));
-    EXPECT_EQ(Count(Log(), "VideoSettings: 360 240 0 0 0 1"), 1);
+    // 362 x 240 comes out 320 x 240; a height of 180 means the height is in word 5. An odd width
+    // asks for less than whole groups (the division comes last). A block that stops short
+    // converts what came (and the fresh buffer is zeroed).
+    camera->SetVideoSettings({1, 362, 180, 0, 0, 240});
+    const Bytes part = RandomBytes(1000, 3);
+    camera->InjectFault(
+        linktest::Raw(orq::PTP_OC_Vendor, orq::CHDK_GetMemory, linktest::DataThenOk(part)));
+    ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
+    EXPECT_EQ(Params(orq::CHDK_GetMemory), (std::vector<int32_t>{0}));
+    EXPECT_EQ(camera->Operations().back().params.at(2), 130320u);
+    const auto expected = Reference(part, 362, 240, 0);
+    Frame frame;
+    ASSERT_EQ(Get(frame), ORQ_OK);
+    ASSERT_EQ(frame.size, int(expected.size()));
+    EXPECT_EQ(0, std::memcmp(frame.data, expected.data(), expected.size()));
+    EXPECT_EQ(device->notes, Strings{"preview"});
+    EXPECT_EQ(Count(Log(), "VideoSettings: 362 180 0 240 0 1"), 1);
+
+    // Settings are read at most every two seconds; a new size resizes the frame.
+    camera->SetVideoSettings({1, 720, 480});
+    ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
+    EXPECT_EQ(Ops(orq::CHDK_GetVideoSettings), 1u);
+    device->AgeVideoSettings();
+    ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
+    EXPECT_EQ(Ops(orq::CHDK_GetVideoSettings), 2u);
+    Free(frame);
+    ASSERT_EQ(Get(frame), ORQ_OK);
+    EXPECT_EQ(frame.size, 640 * 480 * 3 + 54);
 }
 
-TEST_F(Preview, FrameIsHandedOutOnceAndNeverWrittenWhileHeld) {
+TEST_F(Preview, FrameIsHandedOutOnceNeverWrittenWhileHeldAndOutlivesTheCamera) {
     Frame first, second;
     EXPECT_EQ(Get(first), ORQ_NOT_READY);
-    LiveView(Settings(320, 240), 1);
     ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
     ASSERT_EQ(Get(first), ORQ_OK);
     EXPECT_EQ(Get(second), ORQ_ERROR);
     Free(first);
     ASSERT_EQ(Get(second), ORQ_OK);  // no newer frame: the same one again
     EXPECT_EQ(second.data, first.data);
-    const auto log = Log();
-    EXPECT_EQ(Count(log, "GetPreviewFrame: result not ready"), 1);
-    EXPECT_EQ(Count(log, "GetPreviewFrame: Previous preview frame does not released"), 1);
+    EXPECT_TRUE(InOrder(Log(), {"GetPreviewFrame: result not ready",
+                                "GetPreviewFrame: Previous preview frame does not released"}));
 
     // Newer frames go to the other buffer while one is held.
     const Bytes copy(second.data, second.data + second.size);
-    LiveView(Settings(320, 240), 2);
+    camera->SetLiveView(RandomBytes(1 << 20, 2));
     ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
     ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
     EXPECT_EQ(0, std::memcmp(second.data, copy.data(), copy.size()));
@@ -97,30 +148,13 @@ TEST_F(Preview, FrameIsHandedOutOnceAndNeverWrittenWhileHeld) {
     ASSERT_EQ(Get(first), ORQ_OK);
     EXPECT_NE(first.data, second.data);
     EXPECT_NE(0, std::memcmp(first.data, copy.data(), copy.size()));
-    ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
-    EXPECT_EQ(device->Ready(), 0);  // the next one goes where the first was
-    Free(first);
-}
 
-TEST_F(Preview, SettingsAreReadAtMostEveryTwoSecondsAndLoggedOnChange) {
-    camera->SetVideoSettings(Settings(320, 240));
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
-    EXPECT_EQ(Ops(orq::CHDK_GetVideoSettings), 1u);
-
-    // A new size shows once the settings are read again, and the frame resizes.
-    camera->SetVideoSettings(Settings(720, 480));
-    ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
-    device->AgeVideoSettings();
-    ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
-    device->AgeVideoSettings();
-    ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);  // read, but unchanged: no line
-    EXPECT_EQ(Ops(orq::CHDK_GetVideoSettings), 3u);
-    Frame frame;
-    ASSERT_EQ(Get(frame), ORQ_OK);
-    EXPECT_EQ(frame.size, 640 * 480 * 3 + 54);
-    const auto log = Log();
-    EXPECT_EQ(Count(log, "VideoSettings: 320 240 0 0 0 1"), 1);
-    EXPECT_EQ(Count(log, "VideoSettings: 720 480 0 0 0 1"), 1);
+    // Still readable once the camera object has gone, and given back without touching it.
+    const Bytes held(first.data, first.data + first.size);
+    auto released = device->released;
+    device.reset();
+    EXPECT_EQ(0, std::memcmp(first.data, held.data(), held.size()));
+    released->at(first.data)(first.data);
 }
 
 TEST_F(Preview, BadSizesAndFailedReadsKeepTheLastFrame) {
@@ -129,66 +163,25 @@ TEST_F(Preview, BadSizesAndFailedReadsKeepTheLastFrame) {
     ASSERT_EQ(Get(frame), ORQ_OK);
     const Bytes copy(frame.data, frame.data + frame.size);
     Free(frame);
-    device->ClearNotes();
-    camera->ClearOperations();
-    const auto settings = [&](std::array<uint32_t, 22> words) {
-        return [this, words] { camera->SetVideoSettings(words); };
-    };
-    const std::pair<std::function<void()>, Strings> cases[] = {
-        {settings(Settings(320, 180, 0)), {"PTPGetPreviewFrame: bad frame size 320 x 0"}},
-        {settings(Settings(0xFFFFFFFFu, 240)), {"PTPGetPreviewFrame: bad frame size -1 x 240"}},
-        {[this] {  // a settings block that stops short
-             camera->InjectFault(linktest::Raw(orq::PTP_OC_Vendor, orq::CHDK_GetVideoSettings,
-                                               linktest::DataThenOk(linktest::Words({1, 320}))));
-         },
-         {"PTPGetPreviewFrame: bad frame size 320 x 0"}},
-        {[this] { InjectFailure(orq::CHDK_GetVideoSettings); },
-         {"PTP_CHDK_GetVideoSettings failed", "GetVideoSettings failed"}},
-        {[this] {
-             camera->SetVideoSettings(Settings(320, 240));
-             InjectFailure(orq::CHDK_GetMemory);
-         },
-         {"PTP_CHDK_GetMemory failed"}},
-    };
-    for (const auto& [setUp, lines] : cases) {
-        setUp();
+    Mark();
+    // A settings block that stops short, failed reads of the settings and of the picture.
+    camera->InjectFault(linktest::Raw(orq::PTP_OC_Vendor, orq::CHDK_GetVideoSettings,
+                                      linktest::DataThenOk(linktest::Words({1, 320}))));
+    for (uint32_t fail :
+         {0u, uint32_t(orq::CHDK_GetVideoSettings), uint32_t(orq::CHDK_GetMemory)}) {
+        if (fail) InjectFailure(fail);
         device->AgeVideoSettings();
-        logStart = linktest::LogSize();
-        EXPECT_EQ(device->UpdatePreviewFrame(), ORQ_ERROR) << lines[0];
-        Strings wanted = lines;
-        wanted.push_back("PTPGetPreviewFrame failed");
-        EXPECT_TRUE(InOrder(Log(), wanted));
+        EXPECT_EQ(device->UpdatePreviewFrame(), ORQ_ERROR) << fail;
     }
+    EXPECT_TRUE(InOrder(Log(), {"PTPGetPreviewFrame: bad frame size 320 x 0",
+                                "PTPGetPreviewFrame failed", "PTP_CHDK_GetVideoSettings failed",
+                                "GetVideoSettings failed", "PTPGetPreviewFrame failed",
+                                "PTP_CHDK_GetMemory failed", "PTPGetPreviewFrame failed"}));
     EXPECT_EQ(Ops(orq::CHDK_GetMemory), 1u);  // only once the size was good
-    EXPECT_TRUE(device->Notes().empty());
+    EXPECT_TRUE(device->notes.empty());
     ASSERT_EQ(Get(frame), ORQ_OK);
     ASSERT_EQ(size_t(frame.size), copy.size());
     EXPECT_EQ(0, std::memcmp(frame.data, copy.data(), copy.size()));
-}
-
-TEST_F(Preview, ShortPictureBlockConvertsWhatCame) {
-    camera->SetVideoSettings(Settings(320, 240));
-    const Bytes part = RandomBytes(1000, 3);
-    camera->InjectFault(
-        linktest::Raw(orq::PTP_OC_Vendor, orq::CHDK_GetMemory, linktest::DataThenOk(part)));
-    ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
-    Frame frame;
-    ASSERT_EQ(Get(frame), ORQ_OK);
-    const auto expected = Reference(part, 320, 240, 0);
-    EXPECT_EQ(0, std::memcmp(frame.data, expected.data(), expected.size()));
-}
-
-TEST_F(Preview, HeldFrameOutlivesTheCamera) {
-    LiveView(Settings(320, 240), 4);
-    ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
-    Frame frame;
-    ASSERT_EQ(Get(frame), ORQ_OK);
-    const Bytes copy(frame.data, frame.data + frame.size);
-    auto released = device->released;
-    device.reset();
-    // Still readable, and giving it back afterwards touches nothing of the camera object.
-    EXPECT_EQ(0, std::memcmp(frame.data, copy.data(), copy.size()));
-    for (auto& [pointer, release] : *released) release(pointer);
 }
 
 }  // namespace
