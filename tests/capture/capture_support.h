@@ -98,10 +98,10 @@ protected:
     }
 
     // Runs a shoot chain's steps as the main loop would, honouring their delays. A chain that
-    // never ends answers no result code.
+    // never ends answers ORQ_SECOND_PROCESS, which no chain gives.
     OrqResult Shoot() {
         auto proc = device->Shoot([this](OrqFileInfo file) { device->OnShootCompleted(file); });
-        auto result = static_cast<OrqResult>(-1);
+        OrqResult result = ORQ_SECOND_PROCESS;
         const auto end = std::chrono::steady_clock::now() + 10s;
         for (bool again = true; again && std::chrono::steady_clock::now() < end;) {
             std::chrono::milliseconds delay(0);
