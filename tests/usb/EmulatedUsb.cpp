@@ -24,65 +24,7 @@ namespace {
 using orqsim::TransferResult;
 using Holder = EmulatedDeviceOptions::Holder;
 
-constexpr uint16_t kVendorId = 0x1209;  // the open test vendor id; the host looks at none
-constexpr uint16_t kProductId = 0x0001;
 constexpr uint16_t kPacketSize = 512;  // high speed bulk
-
-void Put16(std::vector<uint8_t>& out, uint16_t value) {
-    out.push_back(static_cast<uint8_t>(value & 0xFF));
-    out.push_back(static_cast<uint8_t>(value >> 8));
-}
-
-std::vector<uint8_t> Descriptors(const EmulatedDeviceOptions& options) {
-    std::vector<uint8_t> device = {18, 1, 0x00, 0x02};
-    if (options.hub) {
-        device.insert(device.end(), {9, 0, 1});
-    } else {
-        device.insert(device.end(), {0, 0, 0});
-    }
-    device.push_back(64);
-    Put16(device, kVendorId);
-    Put16(device, options.hub ? 0x0002 : kProductId);
-    Put16(device, 0x0100);
-    device.insert(device.end(), {0, 2, 0, 1});  // a product string only
-
-    std::vector<uint8_t> endpoints;
-    auto endpoint = [&](uint8_t address, uint8_t type, uint16_t size, uint8_t interval) {
-        endpoints.insert(endpoints.end(), {7, 5, address, type});
-        Put16(endpoints, size);
-        endpoints.push_back(interval);
-    };
-    uint8_t interfaceClass = options.interfaceClass, subClass = 1, protocol = 1;
-    if (options.hub) {
-        interfaceClass = 9;
-        subClass = protocol = 0;
-        endpoint(0x81, 3, 4, 12);
-    } else {
-        if (interfaceClass != 6) subClass = protocol = 0;
-        endpoint(0x81, 2, kPacketSize, 0);
-        if (options.bulkOut) endpoint(0x02, 2, kPacketSize, 0);
-        if (options.interruptIn) endpoint(0x83, 3, 8, 9);
-    }
-    std::vector<uint8_t> interface = {
-        9,        4,        0, 0, static_cast<uint8_t>(endpoints.size() / 7), interfaceClass,
-        subClass, protocol, 0};
-    std::vector<uint8_t> config = {9, 2};
-    Put16(config, static_cast<uint16_t>(9 + interface.size() + endpoints.size()));
-    config.insert(config.end(), {1, 1, 0, 0xC0, 50});
-
-    std::vector<uint8_t> all = device;
-    all.insert(all.end(), config.begin(), config.end());
-    all.insert(all.end(), interface.begin(), interface.end());
-    all.insert(all.end(), endpoints.begin(), endpoints.end());
-    return all;
-}
-
-std::vector<uint8_t> StringDescriptor(const std::u16string& text) {
-    size_t units = std::min<size_t>(text.size(), 126);  // bLength is one byte
-    std::vector<uint8_t> out = {static_cast<uint8_t>(2 + 2 * units), 3};
-    for (size_t i = 0; i < units; ++i) Put16(out, static_cast<uint16_t>(text[i]));
-    return out;
-}
 
 // Guards every emulated device. One lock for all, as a static, so that ThreadSanitizer sees it
 // order what the test thread sets up before umockdev's worker thread first looks: the hand-over
@@ -92,21 +34,49 @@ std::mutex& EmulationLock() {
     return lock;
 }
 
-// The descriptors block of sysfs ("descriptors" attribute) for a device with these options.
-std::string DescriptorsHex(const EmulatedDeviceOptions& options) {
+// Device and configuration descriptors of a camera as sysfs holds them, in hex: the open test
+// vendor id (the host looks at none), a product string only, bulk pipes of 512 bytes and the
+// event pipe the host never uses.
+std::string CameraDescriptors(const EmulatedDeviceOptions& options) {
+    const uint8_t stillImage = options.interfaceClass == 6, pipes = options.bulkOut ? 3 : 2;
+    std::vector<uint8_t> bytes;
+    const auto add = [&bytes](std::initializer_list<uint8_t> part) {
+        bytes.insert(bytes.end(), part);
+    };
+    add({18, 1, 0, 2, 0, 0, 0, 64, 0x09, 0x12, 1, 0, 0, 1, 0, 2, 0, 1});          // device
+    add({9, 2, uint8_t(18 + 7 * pipes), 0, 1, 1, 0, 0xC0, 50});                   // configuration
+    add({9, 4, 0, 0, pipes, options.interfaceClass, stillImage, stillImage, 0});  // interface
+    add({7, 5, 0x81, 2, 0, 2, 0});                                                // bulk-in
+    if (options.bulkOut) add({7, 5, 0x02, 2, 0, 2, 0});
+    add({7, 5, 0x83, 3, 8, 0, 9});  // interrupt-in
     std::string hex;
     char digits[3];
-    for (uint8_t byte : Descriptors(options)) {
+    for (uint8_t byte : bytes) {
         std::snprintf(digits, sizeof digits, "%02x", byte);
         hex += digits;
     }
     return hex;
 }
 
+// Puts a high-speed device of bus 1 into umockdev's sysfs and /dev.
+void AddDevice(UMockdevTestbed* testbed, const std::string& sysPath, unsigned address,
+               const std::string& descriptors) {
+    char text[1024];
+    std::snprintf(
+        text, sizeof text,
+        "P: %s\nN: bus/usb/001/%03u\nE: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: DRIVER=usb\n"
+        "E: BUSNUM=001\nE: DEVNUM=%03u\nE: DEVNAME=/dev/bus/usb/001/%03u\nA: busnum=1\\n\n"
+        "A: devnum=%u\\n\nA: bConfigurationValue=1\\n\nA: speed=480\\n\nH: descriptors=%s\n",
+        sysPath.c_str(), address, address, address, address, descriptors.c_str());
+    if (!umockdev_testbed_add_from_string(testbed, text, nullptr)) {
+        throw std::runtime_error("umockdev could not add " + sysPath);
+    }
+}
+
 }  // namespace
 
 // One emulated device: the usbfs side of its /dev node. Everything but construction runs on
-// umockdev's worker thread, except Unplug and SetHolder from the test; EmulationLock guards it.
+// umockdev's worker thread, except Unplug from the test; EmulationLock guards it.
 struct EmulatedUsbBus::Device {
     struct Urb {
         UMockdevIoctlData* data;  // the submitted urb, its buffer resolved to a local copy
@@ -114,30 +84,23 @@ struct EmulatedUsbBus::Device {
         int status = 0;
     };
 
-    std::u16string path;
     std::string sysPath;
     std::string devNode;
     std::shared_ptr<orqsim::VirtualEndpoint> endpoint;
-    EmulatedDeviceOptions options;
     UMockdevIoctlBase* handler = nullptr;
 
     Holder holder = Holder::None;
     bool removed = false;
-    EmulatedDeviceStats stats;
+    int bulkSubmits = 0;
     std::deque<Urb> pending;   // submitted, not finished
     std::deque<Urb> finished;  // to be reaped, in this order
     std::vector<uint8_t> scratch;
 
     ~Device() {
-        DropUrbs();
-        if (handler) g_object_unref(handler);
-    }
-
-    void DropUrbs() {
         for (auto* list : {&pending, &finished}) {
             for (Urb& urb : *list) g_object_unref(urb.data);
-            list->clear();
         }
+        if (handler) g_object_unref(handler);
     }
 
     static usbdevfs_urb* Raw(const Urb& urb) {
@@ -153,7 +116,6 @@ struct EmulatedUsbBus::Device {
     static void OnConnected(UMockdevIoctlBase*, UMockdevIoctlClient*, gpointer self) {
         std::lock_guard<std::mutex> guard(EmulationLock());
         auto* device = static_cast<Device*>(self);
-        ++device->stats.opens;
         if (device->endpoint) device->endpoint->Reset();
     }
 
@@ -170,43 +132,16 @@ struct EmulatedUsbBus::Device {
                 g_object_unref(caps);
                 return Complete(client, 0);
             }
-            case USBDEVFS_CLAIMINTERFACE:
-                // A bound driver, or another program's claim, keeps the interface busy.
+            case USBDEVFS_DISCONNECT_CLAIM:
+                // libusb asks to spare other usbfs programs' claims: theirs keeps the interface
+                // busy, a kernel driver is taken off.
                 if (removed) return Complete(client, ENODEV);
-                if (holder != Holder::None) return Complete(client, EBUSY);
-                ++stats.claims;
-                return Complete(client, 0);
-            case USBDEVFS_DISCONNECT_CLAIM: {
-                if (removed) return Complete(client, ENODEV);
-                UMockdevIoctlData* data =
-                    umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_disconnect_claim), nullptr);
-                auto* request = reinterpret_cast<usbdevfs_disconnect_claim*>(data->data);
-                bool spareUsbfs = (request->flags & USBDEVFS_DISCONNECT_CLAIM_EXCEPT_DRIVER) &&
-                                  std::strcmp(request->driver, "usbfs") == 0;
-                g_object_unref(data);
-                if (holder == Holder::OtherProgram && spareUsbfs) return Complete(client, EBUSY);
-                if (holder != Holder::None) ++stats.detaches;
+                if (holder == Holder::OtherProgram) return Complete(client, EBUSY);
                 holder = Holder::None;
-                ++stats.claims;
                 return Complete(client, 0);
-            }
-            case USBDEVFS_GETDRIVER: {
-                if (holder == Holder::None) return Complete(client, ENODATA);
-                UMockdevIoctlData* data =
-                    umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_getdriver), nullptr);
-                auto* request = reinterpret_cast<usbdevfs_getdriver*>(data->data);
-                std::snprintf(request->driver, sizeof request->driver, "%s",
-                              holder == Holder::OtherProgram ? "usbfs" : "still-image-test");
-                g_object_unref(data);
-                return Complete(client, 0);
-            }
             case USBDEVFS_RELEASEINTERFACE:
                 // The host closes the device (umockdev does not tell when the node is closed).
-                ++stats.releases;
                 if (endpoint) endpoint->Abort();
-                return Complete(client, removed ? ENODEV : 0);
-            case USBDEVFS_CLEAR_HALT:
-            case USBDEVFS_RESETEP:
                 return Complete(client, removed ? ENODEV : 0);
             case USBDEVFS_SUBMITURB:
                 return Submit(client, arg);
@@ -216,7 +151,8 @@ struct EmulatedUsbBus::Device {
             case USBDEVFS_REAPURBNDELAY:
                 return Reap(client, arg);
             default:
-                // Reattaching a kernel driver and the like: not supported by this device.
+                // Plain claims (libusb claims by detaching), reattaching a kernel driver and
+                // the like: not supported by this device.
                 return Complete(client, ENOTTY);
         }
     }
@@ -236,7 +172,7 @@ struct EmulatedUsbBus::Device {
                                             static_cast<gsize>(urb->buffer_length), nullptr);
             g_object_unref(buffer);  // the urb keeps it
         }
-        if (urb->type == USBDEVFS_URB_TYPE_BULK) ++stats.bulkSubmits;
+        if (urb->type == USBDEVFS_URB_TYPE_BULK) ++bulkSubmits;
         pending.push_back(Urb{data, 0, 0});
         Complete(client, 0);
     }
@@ -330,7 +266,12 @@ struct EmulatedUsbBus::Device {
         uint16_t value = static_cast<uint16_t>(buffer[2] | (buffer[3] << 8));
         uint16_t length = static_cast<uint16_t>(buffer[6] | (buffer[7] << 8));
         if (buffer[0] != 0x80 || buffer[1] != 6 || value != 0x0302) return true;
-        std::vector<uint8_t> reply = StringDescriptor(endpoint ? endpoint->ProductString() : u"");
+        const std::u16string text = endpoint ? endpoint->ProductString() : u"";
+        const size_t units = std::min<size_t>(text.size(), 126);  // bLength is one byte
+        std::vector<uint8_t> reply = {static_cast<uint8_t>(2 + 2 * units), 3};
+        for (size_t i = 0; i < units; ++i) {
+            reply.insert(reply.end(), {uint8_t(text[i] & 0xFF), uint8_t(text[i] >> 8)});
+        }
         size_t count =
             std::min<size_t>({reply.size(), length, static_cast<size_t>(raw->buffer_length - 8)});
         std::memcpy(buffer + 8, reply.data(), count);
@@ -346,17 +287,10 @@ EmulatedUsbBus::EmulatedUsbBus() {
     prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     testbed = umockdev_testbed_new();
     if (!testbed) throw std::runtime_error("umockdev_testbed_new failed");
-    EmulatedDeviceOptions hub;
-    hub.hub = true;
-    std::string text =
-        "P: /devices/usb1\nN: bus/usb/001/001\nE: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\n"
-        "E: DRIVER=usb\nE: BUSNUM=001\nE: DEVNUM=001\nE: DEVNAME=/dev/bus/usb/001/001\n"
-        "A: busnum=1\\n\nA: devnum=1\\n\nA: bConfigurationValue=1\\n\nA: speed=480\\n\n"
-        "H: descriptors=" +
-        DescriptorsHex(hub) + "\n";
-    if (!umockdev_testbed_add_from_string(testbed, text.c_str(), nullptr)) {
-        throw std::runtime_error("umockdev could not add the root hub");
-    }
+    // The root hub: a hub with its interrupt pipe.
+    AddDevice(testbed, "/devices/usb1", 1,
+              "12010002090001400912020000010002000109021900010100c0320904000001090000000705810304"
+              "000c");
 }
 
 EmulatedUsbBus::~EmulatedUsbBus() {
@@ -372,21 +306,19 @@ EmulatedUsbBus::~EmulatedUsbBus() {
 std::u16string EmulatedUsbBus::Plug(std::shared_ptr<orqsim::VirtualEndpoint> endpoint,
                                     EmulatedDeviceOptions options) {
     unsigned address = nextAddress++;
-    unsigned port = address - 1;
     char text[64];
     std::unique_lock<std::mutex> guard(EmulationLock());
     auto made = std::make_unique<Device>();
     Device* device = made.get();
     std::snprintf(text, sizeof text, "usb:001:%03u", address);
-    device->path = std::u16string(text, text + std::strlen(text));
-    std::snprintf(text, sizeof text, "/sys/devices/usb1/1-%u", port);
-    device->sysPath = text;
+    const std::u16string path(text, text + std::strlen(text));
+    std::snprintf(text, sizeof text, "/devices/usb1/1-%u", address - 1);
+    device->sysPath = std::string("/sys") + text;
     std::snprintf(text, sizeof text, "/dev/bus/usb/001/%03u", address);
     device->devNode = text;
     device->endpoint = std::move(endpoint);
-    device->options = options;
     device->holder = options.holder;
-    devices.emplace(device->path, std::move(made));
+    devices.emplace(path, std::move(made));
     guard.unlock();
 
     // The handler goes on before the device appears, so that no open can miss it.
@@ -397,20 +329,8 @@ std::u16string EmulatedUsbBus::Plug(std::shared_ptr<orqsim::VirtualEndpoint> end
                                        nullptr)) {
         throw std::runtime_error("umockdev could not attach to " + device->devNode);
     }
-
-    char numbers[160];
-    std::snprintf(numbers, sizeof numbers,
-                  "E: BUSNUM=001\nE: DEVNUM=%03u\nE: DEVNAME=%s\nA: busnum=1\\n\nA: devnum=%u\\n\n",
-                  address, device->devNode.c_str(), address);
-    std::string description = "P: " + device->sysPath.substr(4) +
-                              "\nN: " + device->devNode.substr(5) +
-                              "\nE: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\nE: DRIVER=usb\n" +
-                              numbers + "A: bConfigurationValue=1\\n\nA: speed=480\\n\n" +
-                              "H: descriptors=" + DescriptorsHex(options) + "\n";
-    if (!umockdev_testbed_add_from_string(testbed, description.c_str(), nullptr)) {
-        throw std::runtime_error("umockdev could not add " + device->sysPath);
-    }
-    return device->path;
+    AddDevice(testbed, device->sysPath.substr(4), address, CameraDescriptors(options));
+    return path;
 }
 
 void EmulatedUsbBus::Unplug(const std::u16string& path) {
@@ -433,14 +353,9 @@ void EmulatedUsbBus::Unplug(const std::u16string& path) {
     umockdev_testbed_remove_device(testbed, device.sysPath.c_str());
 }
 
-void EmulatedUsbBus::SetHolder(const std::u16string& path, EmulatedDeviceOptions::Holder holder) {
+int EmulatedUsbBus::BulkSubmits(const std::u16string& path) const {
     std::lock_guard<std::mutex> guard(EmulationLock());
-    devices.at(path)->holder = holder;
-}
-
-EmulatedDeviceStats EmulatedUsbBus::Stats(const std::u16string& path) const {
-    std::lock_guard<std::mutex> guard(EmulationLock());
-    return devices.at(path)->stats;
+    return devices.at(path)->bulkSubmits;
 }
 
 }  // namespace orqtest

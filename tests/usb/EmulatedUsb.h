@@ -25,18 +25,7 @@ struct EmulatedDeviceOptions {
     };
     uint8_t interfaceClass = 6;  // still image; 0xFF makes a vendor device with the same pipes
     bool bulkOut = true;
-    bool interruptIn = true;  // the camera's event pipe, never used by the host
-    bool hub = false;         // a hub: no bulk pipes at all
     Holder holder = Holder::None;
-};
-
-// What one emulated device has seen of the host.
-struct EmulatedDeviceStats {
-    int opens = 0;     // the device node opened (libusb_open)
-    int claims = 0;    // successful claims of the interface
-    int releases = 0;  // the interface given back
-    int detaches = 0;  // kernel drivers taken off
-    int bulkSubmits = 0;
 };
 
 class EmulatedUsbBus {
@@ -52,10 +41,8 @@ public:
                         EmulatedDeviceOptions options = {});
     // Pulls the device out: transfers in flight fail as on a cable pull, libusb sees it leave.
     void Unplug(const std::u16string& path);
-    // Changes who holds the device's interface (e.g. the other program lets go).
-    void SetHolder(const std::u16string& path, EmulatedDeviceOptions::Holder holder);
-
-    EmulatedDeviceStats Stats(const std::u16string& path) const;
+    // Bulk transfers the host has handed the device.
+    int BulkSubmits(const std::u16string& path) const;
 
     struct Device;
 

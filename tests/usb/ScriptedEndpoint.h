@@ -1,6 +1,6 @@
 // A device side for transport tests: bulk-in replies are queued by the test (whole packets or
-// any pieces, empty ones included), or in loopback every bulk-out transfer comes back as a
-// reply. Faults: stalls on either pipe and short writes.
+// any pieces, empty ones included), and in loopback every bulk-out transfer comes back as a
+// reply (otherwise what goes out is dropped). Faults: stalls on either pipe and short writes.
 #pragma once
 
 #include <chrono>
@@ -24,16 +24,11 @@ public:
                               bool loopback = false)
         : product(std::move(product)), loopback(loopback) {}
 
-    // A reply piece for bulk-in; a read takes at most one piece, or part of it.
-    void QueueIn(Bytes piece) {
+    // A reply piece for bulk-in (a read takes at most one piece, or part of it), or a failure
+    // (Error: stall) that the next read meets once the pieces before it are taken.
+    void QueueIn(Bytes piece, Status status = orqsim::TransferResult::Ok) {
         std::lock_guard<std::mutex> guard(lock);
-        in.push_back(Item{std::move(piece), orqsim::TransferResult::Ok});
-        arrived.notify_all();
-    }
-    // A failure (Error: stall) that the next read meets once the pieces before it are taken.
-    void QueueInFailure(Status status) {
-        std::lock_guard<std::mutex> guard(lock);
-        in.push_back(Item{{}, status});
+        in.push_back(Item{std::move(piece), status});
         arrived.notify_all();
     }
     // Bulk-out: Ok takes at most outLimit bytes; Error stalls.
@@ -43,24 +38,15 @@ public:
         outLimit = limit;
     }
 
-    // What bulk-out delivered (not kept in loopback).
-    std::vector<Bytes> Written() const {
-        std::lock_guard<std::mutex> guard(lock);
-        return written;
-    }
-
     std::u16string ProductString() const override { return product; }
 
     orqsim::TransferResult BulkOut(const uint8_t* data, size_t size, unsigned) override {
         std::lock_guard<std::mutex> guard(lock);
-        if (aborted) return {orqsim::TransferResult::Disconnected, 0};
         if (outStatus != orqsim::TransferResult::Ok) return {outStatus, 0};
         size_t count = std::min(size, outLimit);
         if (loopback) {
             in.push_back(Item{Bytes(data, data + count), orqsim::TransferResult::Ok});
             arrived.notify_all();
-        } else {
-            written.emplace_back(data, data + count);
         }
         return {orqsim::TransferResult::Ok, count};
     }
@@ -68,12 +54,10 @@ public:
     orqsim::TransferResult BulkIn(uint8_t* data, size_t size, unsigned timeoutMs) override {
         std::unique_lock<std::mutex> guard(lock);
         arrived.wait_for(guard, std::chrono::milliseconds(timeoutMs),
-                         [this] { return aborted || !in.empty(); });
-        if (aborted) return {orqsim::TransferResult::Disconnected, 0};
+                         [this] { return !in.empty(); });
         if (in.empty()) return {orqsim::TransferResult::Timeout, 0};
         Item& item = in.front();
-        if (item.status != orqsim::TransferResult::Ok) {
-            Status status = item.status;
+        if (const Status status = item.status; status != orqsim::TransferResult::Ok) {
             in.pop_front();
             return {status, 0};
         }
@@ -84,15 +68,9 @@ public:
         return {orqsim::TransferResult::Ok, count};
     }
 
-    void Abort() override {
-        std::lock_guard<std::mutex> guard(lock);
-        aborted = true;
-        arrived.notify_all();
-    }
-    void Reset() override {
-        std::lock_guard<std::mutex> guard(lock);
-        aborted = false;
-    }
+    // A read waits at most its timeout, and the queue may outlive a close: nothing to cut short.
+    void Abort() override {}
+    void Reset() override {}
 
 private:
     struct Item {
@@ -103,13 +81,11 @@ private:
 
     const std::u16string product;
     const bool loopback;
-    mutable std::mutex lock;
+    std::mutex lock;
     std::condition_variable arrived;
     std::deque<Item> in;
-    std::vector<Bytes> written;
     Status outStatus = orqsim::TransferResult::Ok;
     size_t outLimit = SIZE_MAX;
-    bool aborted = false;
 };
 
 }  // namespace orqtest

@@ -26,46 +26,33 @@ class ChangeRecorder : public orq::IUsbLib_Notify {
 public:
     void OnDeviceChange() override {
         if (onChange) onChange();
-        {
-            std::lock_guard<std::mutex> guard(lock);
-            ++calls;
-            lastThread = std::this_thread::get_id();
-        }
+        std::lock_guard<std::mutex> guard(lock);
+        lastThread = std::this_thread::get_id();
+        ++calls;
         changed.notify_all();
     }
 
-    int Calls() const {
-        std::lock_guard<std::mutex> guard(lock);
-        return calls;
-    }
-    std::thread::id LastThread() const {
-        std::lock_guard<std::mutex> guard(lock);
-        return lastThread;
-    }
-    // Waits until `until` holds after a call, or the time is up.
-    bool WaitFor(const std::function<bool()>& until,
-                 std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    int Calls() const { return calls; }
+    std::thread::id LastThread() const { return lastThread; }
+    // Waits up to ten seconds until `until` holds after a call.
+    bool WaitFor(const std::function<bool()>& until) {
         std::unique_lock<std::mutex> guard(lock);
-        return changed.wait_for(guard, limit, [&] {
+        return changed.wait_for(guard, std::chrono::seconds(10), [&] {
             guard.unlock();
             bool done = until();
             guard.lock();
             return done;
         });
     }
-    bool WaitForCalls(int count, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-        std::unique_lock<std::mutex> guard(lock);
-        return changed.wait_for(guard, limit, [&] { return calls >= count; });
-    }
 
     // Runs inside OnDeviceChange, on the backend's thread; set before the backend exists.
     std::function<void()> onChange;
 
 private:
-    mutable std::mutex lock;
+    std::mutex lock;
     std::condition_variable changed;
-    int calls = 0;
-    std::thread::id lastThread;
+    std::atomic<int> calls{0};
+    std::atomic<std::thread::id> lastThread;
 };
 
 // The main log from a mark on: every line is on disk before the logging call returns.

@@ -35,10 +35,10 @@ protected:
     }
     void TearDown() override { usb.reset(); }
 
-    // A camera whose pipes `endpoint` serves from then on.
+    // A camera whose pipes `endpoint` serves from then on, echoing what is written.
     std::u16string Plug(std::u16string product = u"Orq Scripted Camera",
                         EmulatedDeviceOptions options = {}) {
-        endpoint = std::make_shared<ScriptedEndpoint>(std::move(product));
+        endpoint = std::make_shared<ScriptedEndpoint>(std::move(product), true);
         return bus.Plug(endpoint, options);
     }
     bool Read(UsbDevice* device, Bytes& into) {
@@ -54,69 +54,43 @@ protected:
     std::shared_ptr<ScriptedEndpoint> endpoint;
 };
 
-TEST_F(UsbBackendTest, ListsStillImageDevicesWithBothBulkPipesOnly) {
-    EmulatedDeviceOptions vendor, inOnly, hub, noInterrupt;
+TEST_F(UsbBackendTest, ListsAndOpensFreeStillImageCamerasWithBothBulkPipesOnly) {
+    const std::u16string product = u"Orq Camera SX160 \u00e9\u4e2d";
+    EmulatedDeviceOptions vendor, inOnly, held, bound;
     vendor.interfaceClass = 0xFF;
     inOnly.bulkOut = false;
-    hub.hub = true;
-    noInterrupt.interruptIn = false;
-    std::u16string camera = Plug();
-    bus.Plug(std::make_shared<ScriptedEndpoint>(), vendor);
-    bus.Plug(std::make_shared<ScriptedEndpoint>(), inOnly);
-    bus.Plug(nullptr, hub);
-    std::u16string other = Plug(u"Second", noInterrupt);
-    StartBackend();
-    EXPECT_EQ(usb->GetAllConnectedDevicePaths(), (Paths{camera, other}));
-    EXPECT_EQ(camera, u"usb:001:002");
-}
-
-TEST_F(UsbBackendTest, OpenClaimsTheInterfaceAndReadsTheProductString) {
-    const std::u16string product = u"Orq Camera SX160 \u00e9\u4e2d";
-    std::u16string path = Plug(product);
-    StartBackend();
-    UsbDevice* device = usb->OpenDevice(path);
-    ASSERT_NE(device, nullptr);
-    EXPECT_EQ(usb->GetDeviceName(device), product);
-    EXPECT_EQ(bus.Stats(path).claims, 1);
-    usb->CloseDevice(device);
-    usb->CloseDevice(device);  // the second does nothing
-    EXPECT_EQ(usb->GetDeviceName(device), product) << "the name outlives the handle";
-    EXPECT_EQ(bus.Stats(path).releases, 1);
-
-    // Opened again, as after a failed start-up.
-    device = usb->OpenDevice(path);
-    ASSERT_NE(device, nullptr);
-    usb->CloseDevice(device);
-}
-
-TEST_F(UsbBackendTest, OpenRefusesWhatIsNoFreeCameraAndSetsAKernelDriverAside) {
-    EmulatedDeviceOptions vendor, held, bound;
-    vendor.interfaceClass = 0xFF;
     held.holder = Holder::OtherProgram;
     bound.holder = Holder::KernelDriver;
-    std::u16string vendorPath = bus.Plug(std::make_shared<ScriptedEndpoint>(), vendor);
+    std::u16string path = Plug(product);
+    std::u16string vendorPath = bus.Plug(nullptr, vendor);
+    std::u16string inOnlyPath = bus.Plug(nullptr, inOnly);
     std::u16string heldPath = Plug(u"Held", held);
     std::u16string boundPath = Plug(u"Bound", bound);
     StartBackend();
-    LogWatch log;
-    EXPECT_EQ(usb->OpenDevice(u"usb:001:077"), nullptr);
-    EXPECT_EQ(usb->OpenDevice(u"not a path"), nullptr);
-    EXPECT_EQ(usb->OpenDevice(vendorPath), nullptr);
-    EXPECT_EQ(usb->OpenDevice(heldPath), nullptr);
-    EXPECT_TRUE(log.Has("Can't open device file. -4"));
-    EXPECT_TRUE(log.Has("QueryDeviceEndpoints failed"));
-    EXPECT_TRUE(log.Has("Device usb:001:003 is busy: another program holds it"));
-    EXPECT_EQ(bus.Stats(vendorPath).opens, 0);
-    EXPECT_EQ(bus.Stats(heldPath).claims, 0);
+    EXPECT_EQ(usb->GetAllConnectedDevicePaths(), (Paths{path, heldPath, boundPath}));
+    EXPECT_EQ(path, u"usb:001:002");
 
-    // Once the other program lets go, it opens; a bound kernel driver is detached.
-    bus.SetHolder(heldPath, Holder::None);
-    for (const auto& path : {heldPath, boundPath}) {
-        UsbDevice* device = usb->OpenDevice(path);
+    LogWatch log;
+    UsbDevice* device = usb->OpenDevice(path);
+    ASSERT_NE(device, nullptr);
+    EXPECT_EQ(usb->GetDeviceName(device), product);
+    usb->CloseDevice(device);
+    usb->CloseDevice(device);  // the second does nothing
+    EXPECT_EQ(usb->GetDeviceName(device), product) << "the name outlives the handle";
+    // Opened again, as after a failed start-up; a bound kernel driver is set aside (libusb's
+    // detaching claim is the only one the emulation grants).
+    for (const auto& again : {path, boundPath}) {
+        device = usb->OpenDevice(again);
         ASSERT_NE(device, nullptr);
         usb->CloseDevice(device);
     }
-    EXPECT_EQ(bus.Stats(boundPath).detaches, 1);
+
+    for (const auto& refused : {std::u16string(u"usb:001:077"), vendorPath, inOnlyPath, heldPath}) {
+        EXPECT_EQ(usb->OpenDevice(refused), nullptr);
+    }
+    EXPECT_TRUE(log.Has("Can't open device file. -4"));
+    EXPECT_TRUE(log.Has("QueryDeviceEndpoints failed"));
+    EXPECT_TRUE(log.Has("Device usb:001:005 is busy: another program holds it"));
 }
 
 class UsbTransferTest : public UsbBackendTest {
@@ -148,39 +122,33 @@ protected:
     UsbDevice* device = nullptr;
 };
 
-TEST_F(UsbTransferTest, WritesGoOutWholeAndReadsLeaveTheRestOfAPacketForTheNext) {
-    Bytes command = Pattern(12, 1), big = Pattern(3 * 512 + 100, 2);
+TEST_F(UsbTransferTest, WritesGoOutWholeAndReadsTakePacketsAsTheyCome) {
+    // Each write comes back as one reply: a container read as its length word, then the rest.
+    Bytes command = Pattern(32, 1), length(4), rest(28);
     EXPECT_TRUE(Write(device, command));
-    EXPECT_TRUE(Write(device, big));
-    EXPECT_EQ(endpoint->Written(), (std::vector<Bytes>{command, big}));
-
-    // A container read as its length word, then the rest; a header of 12, then a payload
-    // that spans packets and ends in a short one; two replies queued back to back.
-    Bytes response = Pattern(32, 3), data = Pattern(2 * 512 + 300, 4);
-    endpoint->QueueIn(response);
-    endpoint->QueueIn(Bytes(data.begin(), data.begin() + 512));
-    endpoint->QueueIn(Bytes(data.begin() + 512, data.begin() + 1024));
-    endpoint->QueueIn(Bytes(data.begin() + 1024, data.end()));
-    endpoint->QueueIn(response);
-    Bytes length(4), rest(28), header(12), payload(data.size() - 12), whole(32);
     ASSERT_TRUE(Read(device, length));
     ASSERT_TRUE(Read(device, rest));
     length.insert(length.end(), rest.begin(), rest.end());
-    EXPECT_EQ(length, response);
+    EXPECT_EQ(length, command);
+
+    // A header of 12, then a payload that spans packets and ends in a short one; a reply
+    // queued right behind it.
+    Bytes data = Pattern(2 * 512 + 300, 4), header(12), payload(data.size() - 12), whole(32);
+    EXPECT_TRUE(Write(device, data));
+    endpoint->QueueIn(command);
     ASSERT_TRUE(Read(device, header));
     ASSERT_TRUE(Read(device, payload));
     header.insert(header.end(), payload.begin(), payload.end());
     EXPECT_EQ(header, data);
     ASSERT_TRUE(Read(device, whole));
-    EXPECT_EQ(whole, response);
+    EXPECT_EQ(whole, command);
 
-    const int submits = bus.Stats(path).bulkSubmits;
+    const int submits = bus.BulkSubmits(path);
     EXPECT_TRUE(usb->UsbReadExactly(UsbBuffer{nullptr, 0}, device));
-    EXPECT_EQ(bus.Stats(path).bulkSubmits, submits) << "a read of nothing touches nothing";
-}
+    EXPECT_EQ(bus.BulkSubmits(path), submits) << "a read of nothing touches nothing";
 
-TEST_F(UsbTransferTest, ShortAndEmptyPacketsAreReadOnUntilTheBufferIsFull) {
-    Bytes data = Pattern(4 * 1024 * 1024 + 1000, 5);  // more than one transfer's worth
+    // Short and empty packets are read on until the buffer is full.
+    data = Pattern(4 * 1024 * 1024 + 1000, 5);  // more than one transfer's worth
     size_t at = 0;
     for (size_t piece : {700, 0, 512, 0, 0, 1}) {
         endpoint->QueueIn(Bytes(data.begin() + at, data.begin() + at + piece));
@@ -197,13 +165,11 @@ TEST_F(UsbTransferTest, FailuresAreLoggedWithLibusbNumbers) {
     // A read that runs out of time keeps what arrived before.
     Bytes first = Pattern(512, 8), buffer(1024, 0);
     endpoint->QueueIn(first);
-    auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(Read(device, buffer));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, 4900ms);
     EXPECT_TRUE(std::equal(first.begin(), first.end(), buffer.begin()));
     EXPECT_TRUE(log.Has("UsbRead failed -7"));
 
-    endpoint->QueueInFailure(orqsim::TransferResult::Error);
+    endpoint->QueueIn({}, orqsim::TransferResult::Error);
     EXPECT_FALSE(Read(device, buffer));
     EXPECT_TRUE(log.Has("UsbRead failed -9"));
     EXPECT_TRUE(log.Has("UsbReadExactly failed"));
@@ -215,7 +181,7 @@ TEST_F(UsbTransferTest, FailuresAreLoggedWithLibusbNumbers) {
     EXPECT_TRUE(log.Has("Write failed -9"));
 }
 
-TEST_F(UsbTransferTest, CloseFromAnotherThreadFailsABlockedReadAtOnce) {
+TEST_F(UsbTransferTest, CloseFromAnotherThreadOrACablePullFailsABlockedReadAtOnce) {
     LogWatch log;
     auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(BlockedReadInterruptedBy([&] { usb->CloseDevice(device); }));
@@ -223,24 +189,19 @@ TEST_F(UsbTransferTest, CloseFromAnotherThreadFailsABlockedReadAtOnce) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
     EXPECT_TRUE(log.Has("UsbRead failed -4"));
     // Later transfers fail without touching the device.
-    const int submits = bus.Stats(path).bulkSubmits;
+    const int submits = bus.BulkSubmits(path);
     EXPECT_FALSE(Write(device, Pattern(12, 9)));
     EXPECT_TRUE(log.Has("Write failed -4"));
-    EXPECT_EQ(bus.Stats(path).bulkSubmits, submits);
-}
+    EXPECT_EQ(bus.BulkSubmits(path), submits);
 
-TEST_F(UsbTransferTest, CablePullFailsABlockedReadAndTheDeviceLeavesTheList) {
-    LogWatch log;
+    device = usb->OpenDevice(path);
+    ASSERT_NE(device, nullptr);
     EXPECT_FALSE(BlockedReadInterruptedBy([&] { bus.Unplug(path); }));
-    EXPECT_TRUE(log.Has("UsbRead failed -4"));
     EXPECT_TRUE(notify.WaitFor([&] { return usb->GetAllConnectedDevicePaths().empty(); }));
 }
 
 TEST_F(UsbBackendTest, DevicesTransferAtTheSameTimeWithoutSharedState) {
-    std::vector<std::u16string> paths;
-    for (int i = 0; i < 2; ++i) {
-        paths.push_back(bus.Plug(std::make_shared<ScriptedEndpoint>(u"Loop", true)));
-    }
+    const std::u16string paths[] = {Plug(u"Loop"), Plug(u"Loop")};
     StartBackend();
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
@@ -280,31 +241,18 @@ TEST_F(UsbBackendTest, HotplugReachesTheReceiverOnTheBackendsOwnThread) {
     EXPECT_TRUE(log.Has("GetAllConnectedDevicePaths: Device not found 0"));
 
     expectCamera = true;
-    std::u16string path = bus.Plug(std::make_shared<ScriptedEndpoint>(u"Late", true));
+    Plug(u"Late");
     ASSERT_TRUE(notify.WaitFor([&] { return openedInside.load(); }));
     EXPECT_NE(notify.LastThread(), std::this_thread::get_id());
-    expectCamera = false;
-
-    // Any device counts, a hub too; the set of cameras stays as it is.
-    int calls = notify.Calls();
-    EmulatedDeviceOptions hub;
-    hub.hub = true;
-    bus.Plug(nullptr, hub);
-    ASSERT_TRUE(notify.WaitForCalls(calls + 1));
-    EXPECT_EQ(usb->GetAllConnectedDevicePaths(), Paths{path});
-    bus.Unplug(path);
-    EXPECT_TRUE(notify.WaitFor([&] { return usb->GetAllConnectedDevicePaths().empty(); }));
 }
 
 TEST_F(UsbBackendTest, PeriodicEnumerationStandsInForHotplug) {
     StartBackend(false);
-    int calls = notify.Calls();
-    std::u16string path = bus.Plug(std::make_shared<ScriptedEndpoint>());
-    ASSERT_TRUE(notify.WaitForCalls(calls + 1, 5s));
+    std::u16string path = Plug();
+    ASSERT_TRUE(notify.WaitFor([&] { return notify.Calls() >= 1; }));
     EXPECT_EQ(usb->GetAllConnectedDevicePaths(), Paths{path});
-    calls = notify.Calls();
     bus.Unplug(path);
-    ASSERT_TRUE(notify.WaitForCalls(calls + 1, 5s));
+    ASSERT_TRUE(notify.WaitFor([&] { return notify.Calls() >= 2; }));
     EXPECT_TRUE(usb->GetAllConnectedDevicePaths().empty());
 }
 
@@ -316,14 +264,14 @@ TEST_F(UsbBackendTest, DestructionWaitsForARunningNotificationAndEndsThemAll) {
         finished = true;
     };
     StartBackend();
-    bus.Plug(std::make_shared<ScriptedEndpoint>());
+    Plug();
     for (int i = 0; i < 2000 && !inside; ++i) std::this_thread::sleep_for(5ms);
     ASSERT_TRUE(inside);
     usb.reset();
     EXPECT_TRUE(finished);
 
     int calls = notify.Calls();
-    bus.Plug(std::make_shared<ScriptedEndpoint>());
+    Plug();
     std::this_thread::sleep_for(300ms);
     EXPECT_EQ(notify.Calls(), calls);
 }
