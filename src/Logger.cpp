@@ -1,5 +1,6 @@
 #include "Logger.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdarg>
 #include <cstddef>
@@ -10,6 +11,7 @@
 #include <deque>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 namespace orq {
 
@@ -36,16 +38,15 @@ const char* LevelTag(int32_t level) {
     }
 }
 
-void Output(Logger& logger, uint32_t log, const std::string& text) {
+// text holds size bytes and room for one more behind them.
+void Output(Logger& logger, uint32_t log, char* text, size_t size) {
     std::lock_guard<std::mutex> guard(logger.lock);
-    platform::DebuggerOutput(text.c_str());
+    text[size] = '\0';
+    platform::DebuggerOutput(text);
     platform::DebuggerOutput("\n");
-    if (logger.echo) std::printf("%s\n", text.c_str());
-    FILE* file = platform::OpenFile(log == LOG_API ? logger.apiPath : logger.mainPath, "ab");
-    if (!file) return;
-    std::fwrite(text.data(), 1, text.size(), file);
-    std::fputc('\n', file);
-    std::fclose(file);
+    if (logger.echo) std::printf("%s\n", text);
+    text[size] = '\n';
+    platform::AppendToFile(log == LOG_API ? logger.apiPath : logger.mainPath, text, size + 1);
 }
 
 Logger& TheLogger() {
@@ -58,31 +59,47 @@ Logger& TheLogger() {
         TrimLogFile(made->mainPath);
         TrimLogFile(made->apiPath);
         // Marks where a new process begins.
+        char empty[1];
         for (int i = 0; i < 3; ++i) {
-            Output(*made, LOG_MAIN, "");
-            Output(*made, LOG_API, "");
+            Output(*made, LOG_MAIN, empty, 0);
+            Output(*made, LOG_API, empty, 0);
         }
         return made;
     }();
     return *logger;
 }
 
+// The message as a C buffer would hold it: at most kMessageBuffer - 1 bytes, the rest cut.
+struct Message {
+    char text[kMessageBuffer];
+    size_t size = 0;
+
+    void Append(const char* data, size_t length) {
+        length = std::min(length, kMessageBuffer - 1 - size);
+        std::memcpy(text + size, data, length);
+        size += length;
+    }
+    // Room left for snprintf, terminator included.
+    size_t Room() const { return kMessageBuffer - size; }
+    // After snprintf at the end: a piece stops at its first NUL, as a C string would.
+    void Took() { size += std::strlen(text + size); }
+};
+
 // printf with one extension: "%S" formats a char16_t string. Every other conversion is handed
-// to vsnprintf one at a time, so the format behaves the same on every platform.
-std::string Format(const char* format, va_list args) {
-    std::string out;
+// to snprintf one at a time, so the format behaves the same on every platform.
+void Format(Message& out, const char* format, va_list args) {
     const char* p = format;
     while (*p) {
         if (*p != '%') {
             const char* next = std::strchr(p, '%');
             size_t length = next ? static_cast<size_t>(next - p) : std::strlen(p);
-            out.append(p, length);
+            out.Append(p, length);
             p += length;
             continue;
         }
         const char* start = p++;
         if (*p == '%') {
-            out += '%';
+            out.Append("%", 1);
             ++p;
             continue;
         }
@@ -101,32 +118,44 @@ std::string Format(const char* format, va_list args) {
             }
             while (*p >= '0' && *p <= '9') ++p;
         }
-        std::string lengthMod;
-        while (*p && std::strchr("hljztL", *p)) lengthMod += *p++;
+        const char* lengthStart = p;
+        while (*p && std::strchr("hljztL", *p)) ++p;
+        const std::string_view lengthMod(lengthStart, static_cast<size_t>(p - lengthStart));
         char conversion = *p;
         if (!conversion) break;
         ++p;
-        std::string spec(start, p);
+        // The conversion alone, NUL-terminated; a longer one than any real format is kept whole.
+        char shortSpec[64];
+        std::string longSpec;
+        const size_t specLength = static_cast<size_t>(p - start);
+        char* spec = shortSpec;
+        if (specLength >= sizeof shortSpec) {
+            longSpec.assign(start, specLength);
+            spec = &longSpec[0];
+        } else {
+            std::memcpy(shortSpec, start, specLength);
+            shortSpec[specLength] = '\0';
+        }
         int width = starWidth ? va_arg(args, int) : 0;
         int precision = starPrecision ? va_arg(args, int) : 0;
-        char piece[kMessageBuffer];
         auto emit = [&](auto value) {
+            char* at = out.text + out.size;
             if (starWidth && starPrecision) {
-                std::snprintf(piece, sizeof piece, spec.c_str(), width, precision, value);
+                std::snprintf(at, out.Room(), spec, width, precision, value);
             } else if (starWidth) {
-                std::snprintf(piece, sizeof piece, spec.c_str(), width, value);
+                std::snprintf(at, out.Room(), spec, width, value);
             } else if (starPrecision) {
-                std::snprintf(piece, sizeof piece, spec.c_str(), precision, value);
+                std::snprintf(at, out.Room(), spec, precision, value);
             } else {
-                std::snprintf(piece, sizeof piece, spec.c_str(), value);
+                std::snprintf(at, out.Room(), spec, value);
             }
-            out += piece;
+            out.Took();
         };
         switch (conversion) {
             case 'S': {
                 const char16_t* wide = va_arg(args, const char16_t*);
                 std::string narrow = wide ? platform::ToUtf8(wide) : "(null)";
-                spec.back() = 's';
+                spec[specLength - 1] = 's';
                 emit(narrow.c_str());
                 break;
             }
@@ -172,12 +201,43 @@ std::string Format(const char* format, va_list args) {
                 emit(va_arg(args, void*));
                 break;
             default:
-                out.append(spec);
+                out.Append(start, specLength);
                 break;
         }
     }
-    return out;
 }
+
+// The finished lines: on the stack, unless a message of many short lines outgrows it.
+class LineBuffer {
+public:
+    void Append(const char* data, size_t length) {
+        if (heap_.empty() && size_ + length + 1 <= sizeof stack_) {
+            std::memcpy(stack_ + size_, data, length);
+            size_ += length;
+            return;
+        }
+        if (heap_.empty()) heap_.assign(stack_, size_);
+        heap_.append(data, length);
+        size_ = heap_.size();
+    }
+    void Pad(size_t count) {
+        char spaces[kMessageColumn];
+        std::memset(spaces, ' ', sizeof spaces);
+        Append(spaces, std::min(count, sizeof spaces));
+    }
+    // The text with room for one byte behind it.
+    char* Data() {
+        if (heap_.empty()) return stack_;
+        heap_.push_back('\0');
+        return &heap_[0];
+    }
+    size_t Size() const { return size_; }
+
+private:
+    char stack_[8192];
+    size_t size_ = 0;
+    std::string heap_;
+};
 
 }  // namespace
 
@@ -240,13 +300,11 @@ std::u16string ApiLogPath() {
 void LogWrite(uint32_t log, int32_t level, const char* sourceFile, uint32_t line, uint64_t threadId,
               const char* format, ...) {
     Logger& logger = TheLogger();
+    Message message;
     va_list args;
     va_start(args, format);
-    std::string message = Format(format ? format : "", args);
+    Format(message, format ? format : "", args);
     va_end(args);
-    if (message.size() > kMessageBuffer - 1) message.resize(kMessageBuffer - 1);
-    // Text after an embedded NUL would not have survived a C buffer either.
-    message.resize(std::strlen(message.c_str()));
 
     auto now = std::chrono::system_clock::now();
     std::time_t seconds = std::chrono::system_clock::to_time_t(now);
@@ -260,31 +318,54 @@ void LogWrite(uint32_t log, int32_t level, const char* sourceFile, uint32_t line
     localtime_r(&seconds, &local);
 #endif
     char stamp[64];
-    std::snprintf(stamp, sizeof stamp, "%s %02d-%02d %02d:%02d:%02d.%03d", LevelTag(level),
-                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                  millis);
+    int stampLength = std::snprintf(stamp, sizeof stamp, "%s %02d-%02d %02d:%02d:%02d.%03d",
+                                    LevelTag(level), local.tm_mon + 1, local.tm_mday, local.tm_hour,
+                                    local.tm_min, local.tm_sec, millis);
+    stampLength = std::max(0, std::min(stampLength, static_cast<int>(sizeof stamp) - 1));
 
-    std::string text;
-    size_t begin = 0;
+    // The source position: base name without folders or extension, line, thread.
+    const char* name = sourceFile ? sourceFile : "";
+    const char* lastDot = nullptr;
+    for (const char* c = name; *c; ++c) {
+        if (*c == '/' || *c == '\\') {
+            name = c + 1;
+            lastDot = nullptr;
+        } else if (*c == '.') {
+            lastDot = c;
+        }
+    }
+    const size_t nameLength =
+        lastDot && lastDot > name ? static_cast<size_t>(lastDot - name) : std::strlen(name);
+    char position[64];
+    int positionLength = std::snprintf(position, sizeof position, ":%u [%llu]", line,
+                                       static_cast<unsigned long long>(threadId));
+    positionLength = std::max(0, std::min(positionLength, static_cast<int>(sizeof position) - 1));
+
+    LineBuffer text;
+    const char* begin = message.text;
+    const char* const end = message.text + message.size;
     bool first = true;
     while (true) {
-        size_t end = message.find('\n', begin);
-        std::string part = message.substr(begin, end == std::string::npos ? end : end - begin);
-        if (!part.empty() && part.back() == '\r') part.pop_back();
-        if (!first) text += '\n';
-        text += stamp;
-        text += " | ";
-        text += part;
+        const char* stop =
+            static_cast<const char*>(std::memchr(begin, '\n', static_cast<size_t>(end - begin)));
+        const char* partEnd = stop ? stop : end;
+        size_t part = static_cast<size_t>(partEnd - begin);
+        if (part > 0 && begin[part - 1] == '\r') --part;
+        if (!first) text.Append("\n", 1);
+        text.Append(stamp, static_cast<size_t>(stampLength));
+        text.Append(" | ", 3);
+        text.Append(begin, part);
         if (first) {
-            if (part.size() < kMessageColumn) text.append(kMessageColumn - part.size(), ' ');
-            text += " | " + SourceName(sourceFile) + ":" + std::to_string(line) + " [" +
-                    std::to_string(threadId) + "]";
+            if (part < kMessageColumn) text.Pad(kMessageColumn - part);
+            text.Append(" | ", 3);
+            text.Append(name, nameLength);
+            text.Append(position, static_cast<size_t>(positionLength));
             first = false;
         }
-        if (end == std::string::npos) break;
-        begin = end + 1;
+        if (!stop) break;
+        begin = stop + 1;
     }
-    Output(logger, log, text);
+    Output(logger, log, text.Data(), text.Size());
 }
 
 }  // namespace orq

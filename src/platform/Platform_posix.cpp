@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
@@ -75,8 +76,18 @@ std::u16string TempFolder() {
     return FromUtf8(EnvOr("TMPDIR", "/tmp"));
 }
 
+namespace {
+thread_local uint64_t cachedThreadId = 0;
+}  // namespace
+
 uint64_t CurrentThreadId() {
-    return static_cast<uint64_t>(syscall(SYS_gettid));
+    // Asked once per thread; a forked child's one thread asks again (see the handler below).
+    if (cachedThreadId == 0) {
+        static const int forkHandler = pthread_atfork(nullptr, nullptr, [] { cachedThreadId = 0; });
+        (void)forkHandler;
+        cachedThreadId = static_cast<uint64_t>(syscall(SYS_gettid));
+    }
+    return cachedThreadId;
 }
 
 void DebuggerOutput(const char* text) {
@@ -86,6 +97,24 @@ void DebuggerOutput(const char* text) {
         ssize_t ignored = write(STDERR_FILENO, text, std::strlen(text));
         (void)ignored;
     }
+}
+
+bool AppendToFile(const std::u16string& path, const char* data, size_t size) {
+    int fd = open(ToUtf8(path).c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0) return false;
+    bool ok = true;
+    while (size > 0) {
+        ssize_t wrote = write(fd, data, size);
+        if (wrote < 0 && errno == EINTR) continue;
+        if (wrote <= 0) {
+            ok = false;
+            break;
+        }
+        data += wrote;
+        size -= static_cast<size_t>(wrote);
+    }
+    close(fd);
+    return ok;
 }
 
 FILE* OpenFile(const std::u16string& path, const char* mode) {

@@ -86,6 +86,26 @@ void DebuggerOutput(const char* text) {
     if (text) OutputDebugStringA(text);
 }
 
+bool AppendToFile(const std::u16string& path, const char* data, size_t size) {
+    HANDLE file = CreateFileW(Wide(path), FILE_APPEND_DATA,
+                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                              OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return false;
+    bool ok = true;
+    while (size > 0) {
+        DWORD chunk = size > 0x40000000 ? 0x40000000 : static_cast<DWORD>(size);
+        DWORD wrote = 0;
+        if (!WriteFile(file, data, chunk, &wrote, nullptr) || wrote == 0) {
+            ok = false;
+            break;
+        }
+        data += wrote;
+        size -= wrote;
+    }
+    CloseHandle(file);
+    return ok;
+}
+
 FILE* OpenFile(const std::u16string& path, const char* mode) {
     if (!mode) return nullptr;
     std::wstring wideMode(mode, mode + std::char_traits<char>::length(mode));
