@@ -98,8 +98,8 @@ void BuildColumnMap(const FrameGeometry& geometry, std::vector<int32_t>& map) {
     }
 }
 
-void ConvertPixels(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
-                   const int32_t* map, uint8_t* pixels) {
+void ConvertPixelsPlain(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
+                        const int32_t* map, uint8_t* pixels) {
     const uint64_t rowBytes = geometry.groupsPerRow * 6;
     const uint64_t stride = static_cast<uint64_t>(geometry.outWidth) * 3;
     for (int32_t y = 0; y < geometry.height; ++y) {

@@ -35,9 +35,18 @@ bool ComputeGeometry(uint32_t width, uint32_t height, FrameGeometry& geometry);
 void BuildColumnMap(const FrameGeometry& geometry, std::vector<int32_t>& map);
 
 // Converts the rows that source holds (a short block leaves the remaining rows as they were)
-// into pixels, the first byte after the header; rows run bottom-up as in a BMP file.
+// into pixels, the first byte after the header; rows run bottom-up as in a BMP file. Every path
+// gives the same bytes; ConvertPixels takes the fastest this processor runs.
+enum class PixelPath { Plain, Ssse3, Avx2 };
+PixelPath FastestPixelPath();
 void ConvertPixels(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
                    const int32_t* map, uint8_t* pixels);
+// A path this processor lacks falls back to the fastest one it has below it.
+void ConvertPixels(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
+                   const int32_t* map, uint8_t* pixels, PixelPath path);
+// The loop one pixel at a time, for processors without the vector paths.
+void ConvertPixelsPlain(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
+                        const int32_t* map, uint8_t* pixels);
 
 void WriteBmpHeader(uint8_t* image, const FrameGeometry& geometry);
 

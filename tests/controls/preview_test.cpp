@@ -25,14 +25,15 @@ Bytes RandomBytes(size_t size, unsigned seed) {
 }
 
 // The whole image, header included, over a buffer prefilled as Reference's is.
-Bytes Convert(const Bytes& source, uint32_t width, uint32_t height) {
+Bytes Convert(const Bytes& source, uint32_t width, uint32_t height,
+              orq::preview::PixelPath path = orq::preview::FastestPixelPath()) {
     FrameGeometry g;
     EXPECT_TRUE(ComputeGeometry(width, height, g)) << width << "x" << height;
     std::vector<int32_t> map;
     orq::preview::BuildColumnMap(g, map);
     Bytes image(g.Allocation(), 0xAB);
     orq::preview::ConvertPixels(source.data(), source.size(), g, map.data(),
-                                image.data() + orq::preview::kBmpHeaderSize);
+                                image.data() + orq::preview::kBmpHeaderSize, path);
     orq::preview::WriteBmpHeader(image.data(), g);
     return image;
 }
@@ -50,21 +51,29 @@ TEST(PreviewImage, PixelsAreFixedPointJfifWithClampingBottomRowFirst) {
     EXPECT_EQ(std::vector<uint8_t>(image.begin() + 54, image.end()), expected);
 }
 
-TEST(PreviewImage, MatchesLiteralConversionOnOddSizesAndShortBlocks) {
-    // Scaled down and up, widths no multiple of 4, padded rows; then blocks that stop short (an
-    // odd width asks for less than whole groups; less than a group; nothing). Exact-size
-    // sources let a sanitizer catch a read past the block.
+TEST(PreviewImage, MatchesLiteralConversionOnEveryPathSizeAndShortBlock) {
+    // Live-view sizes scaled down, kept and scaled up (output columns left alone), widths no
+    // multiple of 4, padded rows; then blocks that stop short (an odd width asks for less than
+    // whole groups; mid-row, so a vector step would read past the end; less than a group;
+    // nothing). Exact-size sources let a sanitizer catch a read past the block.
     const struct {
         int width, height;
         long size;  // -1: whole groups
-    } cases[] = {{320, 240, -1}, {360, 240, -1}, {5, 100, -1},       {7, 5, -1},
-                 {1, 1, -1},     {322, 241, -1}, {322, 241, 116403},  // 322 * 241 * 6 / 4
-                 {322, 241, 5},  {322, 241, 0}};
-    for (const auto& c : cases) {
-        const long whole = long((c.width - 1) / 4 + 1) * 6 * c.height;
-        const Bytes source = RandomBytes(size_t(c.size < 0 ? whole : c.size), c.width);
-        EXPECT_EQ(Convert(source, c.width, c.height), Reference(source, c.width, c.height))
-            << c.width << "x" << c.height << ", " << source.size() << " bytes";
+    } cases[] = {{320, 240, -1},   {360, 240, -1},     {720, 240, -1}, {704, 528, -1},
+                 {720, 480, -1},   {1920, 1080, -1},   {300, 240, -1}, {5, 100, -1},
+                 {7, 5, -1},       {1, 1, -1},         {322, 241, -1}, {322, 241, 116403},
+                 {360, 240, 5430}, {720, 240, 129658}, {322, 241, 5},  {322, 241, 0}};
+    using orq::preview::PixelPath;
+    for (PixelPath path : {PixelPath::Plain, PixelPath::Ssse3, PixelPath::Avx2}) {
+        if (path > orq::preview::FastestPixelPath()) continue;
+        for (const auto& c : cases) {
+            const long whole = long((c.width - 1) / 4 + 1) * 6 * c.height;
+            const Bytes source = RandomBytes(size_t(c.size < 0 ? whole : c.size), c.width);
+            EXPECT_EQ(Convert(source, c.width, c.height, path),
+                      Reference(source, c.width, c.height))
+                << "path " << int(path) << ", " << c.width << "x" << c.height << ", "
+                << source.size() << " bytes";
+        }
     }
 }
 

@@ -1,0 +1,314 @@
+// Live-view conversion on x86-64 vector units. Each output channel is the pixel's luma plus an
+// offset its group of four shares, clamped: (4096 * y + 2048 + c) >> 12 is y + ((2048 + c) >> 12)
+// because 4096 * y has no bits below the shift. So a row is converted whole into a scratch row
+// (one pixel per source column, in order) with saturating byte adds, and the columns the map
+// keeps are then copied out in runs of neighbours. The bytes are those of the plain loop.
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <vector>
+
+#include "Kernel/PreviewFrame.h"
+
+#if (defined(__x86_64__) || defined(__i386__)) && defined(__GNUC__)
+#define ORQ_X86_VECTORS 1
+#include <immintrin.h>
+#endif
+
+namespace orq::preview {
+
+#ifdef ORQ_X86_VECTORS
+namespace {
+
+constexpr int kLumaAt[4] = {1, 3, 4, 5};
+// Scratch is read up to this far past its last pixel by the run copies.
+constexpr size_t kScratchSlack = 32;
+
+uint8_t Clamp(int32_t value) {
+    return static_cast<uint8_t>(value < 0 ? 0 : (value > 255 ? 255 : value));
+}
+
+// One group's four pixels, as the plain loop converts them.
+void GroupPlain(const uint8_t* group, uint8_t* out) {
+    const int32_t u = static_cast<int8_t>(group[0]);
+    const int32_t v = static_cast<int8_t>(group[2]);
+    const int32_t blue = (2048 + 7258 * u) >> 12;
+    const int32_t green = (2048 - 1411 * u - 2925 * v) >> 12;
+    const int32_t red = (2048 + 5743 * v) >> 12;
+    for (int k = 0; k < 4; ++k, out += 3) {
+        const int32_t y = group[kLumaAt[k]];
+        out[0] = Clamp(y + blue);
+        out[1] = Clamp(y + green);
+        out[2] = Clamp(y + red);
+    }
+}
+
+// Byte shuffles for four groups (24 source bytes, 16 pixels, 48 output bytes). Output register r
+// holds output bytes 16r .. 16r + 15 and reads a window of 16 source bytes starting at 6r.
+struct Masks {
+    alignas(16) int8_t luma[3][16];
+    alignas(16) int8_t offset[3][16];   // into {blue 0..3, green 0..3, red 0..3} by group
+    alignas(16) int8_t chromaLow[16];   // u and v as the high bytes of 16-bit pairs, groups 0..2
+    alignas(16) int8_t chromaHigh[16];  // group 3, from the window at 12
+};
+
+constexpr Masks MakeMasks() {
+    Masks m{};
+    for (int r = 0; r < 3; ++r) {
+        for (int j = 0; j < 16; ++j) {
+            const int byte = 16 * r + j, pixel = byte / 3, channel = byte % 3;
+            const int group = pixel / 4;
+            m.luma[r][j] = static_cast<int8_t>(6 * group + kLumaAt[pixel % 4] - 6 * r);
+            m.offset[r][j] = static_cast<int8_t>(4 * channel + group);
+        }
+    }
+    for (int j = 0; j < 16; ++j) m.chromaLow[j] = m.chromaHigh[j] = -128;
+    for (int g = 0; g < 3; ++g) {
+        m.chromaLow[4 * g + 1] = static_cast<int8_t>(6 * g);
+        m.chromaLow[4 * g + 3] = static_cast<int8_t>(6 * g + 2);
+    }
+    m.chromaHigh[13] = 6;
+    m.chromaHigh[15] = 8;
+    return m;
+}
+constexpr Masks kMasks = MakeMasks();
+
+// 16-bit pairs (u, v) for _mm_madd_epi16.
+constexpr int32_t Pair(int16_t low, int16_t high) {
+    return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint16_t>(low)) |
+                                static_cast<uint32_t>(static_cast<uint16_t>(high)) << 16);
+}
+constexpr int32_t kBlue = Pair(7258, 0), kGreen = Pair(-1411, -2925), kRed = Pair(0, 5743);
+
+__attribute__((target("ssse3"))) inline __m128i Load128(const void* at) {
+    return _mm_loadu_si128(static_cast<const __m128i*>(at));
+}
+
+// A channel's offset for each group: (2048 + u * low + v * high) >> 12.
+__attribute__((target("ssse3"))) inline __m128i Term(__m128i chroma, int32_t pair) {
+    return _mm_srai_epi32(
+        _mm_add_epi32(_mm_madd_epi16(chroma, _mm_set1_epi32(pair)), _mm_set1_epi32(2048)), 12);
+}
+
+__attribute__((target("avx2"))) inline __m256i Term(__m256i chroma, int32_t pair) {
+    return _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(chroma, _mm256_set1_epi32(pair)),
+                                              _mm256_set1_epi32(2048)),
+                             12);
+}
+
+// Four groups at src into 48 bytes at dst; reads 28 source bytes.
+__attribute__((target("ssse3"))) inline void Chunk16(const uint8_t* src, uint8_t* dst) {
+    const __m128i window[3] = {Load128(src), Load128(src + 6), Load128(src + 12)};
+    const __m128i chroma =
+        _mm_srai_epi16(_mm_or_si128(_mm_shuffle_epi8(window[0], Load128(kMasks.chromaLow)),
+                                    _mm_shuffle_epi8(window[2], Load128(kMasks.chromaHigh))),
+                       8);
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i blueGreen = _mm_packs_epi32(Term(chroma, kBlue), Term(chroma, kGreen));
+    const __m128i red = Term(chroma, kRed);
+    const __m128i redRed = _mm_packs_epi32(red, red);
+    const __m128i up =
+        _mm_packus_epi16(_mm_max_epi16(blueGreen, zero), _mm_max_epi16(redRed, zero));
+    const __m128i down = _mm_packus_epi16(_mm_max_epi16(_mm_sub_epi16(zero, blueGreen), zero),
+                                          _mm_max_epi16(_mm_sub_epi16(zero, redRed), zero));
+    for (int r = 0; r < 3; ++r) {
+        const __m128i at = Load128(kMasks.offset[r]);
+        const __m128i luma = _mm_shuffle_epi8(window[r], Load128(kMasks.luma[r]));
+        const __m128i out = _mm_subs_epu8(_mm_adds_epu8(luma, _mm_shuffle_epi8(up, at)),
+                                          _mm_shuffle_epi8(down, at));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 16 * r), out);
+    }
+}
+
+__attribute__((target("avx2"))) inline __m256i Both(const int8_t* mask) {
+    return _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(mask)));
+}
+
+// Eight groups at src into 96 bytes at dst, four groups in each 128-bit lane; reads 52 bytes.
+__attribute__((target("avx2"))) inline void Chunk32(const uint8_t* src, uint8_t* dst) {
+    __m256i window[3];
+    for (int r = 0; r < 3; ++r) {
+        window[r] = _mm256_inserti128_si256(_mm256_castsi128_si256(Load128(src + 6 * r)),
+                                            Load128(src + 24 + 6 * r), 1);
+    }
+    const __m256i chroma =
+        _mm256_srai_epi16(_mm256_or_si256(_mm256_shuffle_epi8(window[0], Both(kMasks.chromaLow)),
+                                          _mm256_shuffle_epi8(window[2], Both(kMasks.chromaHigh))),
+                          8);
+    const __m256i zero = _mm256_setzero_si256();
+    const __m256i blueGreen = _mm256_packs_epi32(Term(chroma, kBlue), Term(chroma, kGreen));
+    const __m256i red = Term(chroma, kRed);
+    const __m256i redRed = _mm256_packs_epi32(red, red);
+    const __m256i up =
+        _mm256_packus_epi16(_mm256_max_epi16(blueGreen, zero), _mm256_max_epi16(redRed, zero));
+    const __m256i down =
+        _mm256_packus_epi16(_mm256_max_epi16(_mm256_sub_epi16(zero, blueGreen), zero),
+                            _mm256_max_epi16(_mm256_sub_epi16(zero, redRed), zero));
+    __m256i out[3];
+    for (int r = 0; r < 3; ++r) {
+        const __m256i at = Both(kMasks.offset[r]);
+        const __m256i luma = _mm256_shuffle_epi8(window[r], Both(kMasks.luma[r]));
+        out[r] = _mm256_subs_epu8(_mm256_adds_epu8(luma, _mm256_shuffle_epi8(up, at)),
+                                  _mm256_shuffle_epi8(down, at));
+    }
+    // Lanes hold the first four groups' thirds and the last four's: put them back in order.
+    auto* to = reinterpret_cast<__m256i*>(dst);
+    _mm256_storeu_si256(to, _mm256_permute2x128_si256(out[0], out[1], 0x20));
+    _mm256_storeu_si256(to + 1, _mm256_permute2x128_si256(out[2], out[0], 0x30));
+    _mm256_storeu_si256(to + 2, _mm256_permute2x128_si256(out[1], out[2], 0x31));
+}
+
+// Converts a row's first `groups` groups into scratch; `available` bytes may be read from row.
+using RowConverter = void (*)(const uint8_t* row, uint64_t available, uint64_t groups,
+                              uint8_t* scratch);
+
+__attribute__((target("ssse3"))) void RowSsse3(const uint8_t* row, uint64_t available,
+                                               uint64_t groups, uint8_t* scratch) {
+    uint64_t g = 0;
+    for (; g + 4 <= groups && 6 * g + 28 <= available; g += 4)
+        Chunk16(row + 6 * g, scratch + 12 * g);
+    for (; g < groups; ++g) GroupPlain(row + 6 * g, scratch + 12 * g);
+}
+
+__attribute__((target("avx2"))) void RowAvx2(const uint8_t* row, uint64_t available,
+                                             uint64_t groups, uint8_t* scratch) {
+    uint64_t g = 0;
+    for (; g + 8 <= groups && 6 * g + 52 <= available; g += 8)
+        Chunk32(row + 6 * g, scratch + 12 * g);
+    for (; g + 4 <= groups && 6 * g + 28 <= available; g += 4)
+        Chunk16(row + 6 * g, scratch + 12 * g);
+    for (; g < groups; ++g) GroupPlain(row + 6 * g, scratch + 12 * g);
+}
+
+// Neighbouring kept columns that land on neighbouring output columns, as byte ranges.
+struct Run {
+    uint32_t from = 0;   // in scratch
+    uint32_t to = 0;     // in the output row
+    uint32_t bytes = 0;  // 3 per column
+    uint32_t firstColumn = 0;
+    // The run may be copied in whole 16-byte blocks: what it writes past its end, the runs after
+    // it rewrite before anything else does.
+    bool blocks = false;
+};
+
+std::vector<Run> MakeRuns(const FrameGeometry& geometry, const int32_t* map) {
+    std::vector<Run> runs;
+    const uint32_t columns = static_cast<uint32_t>(geometry.groupsPerRow * 4);
+    for (uint32_t i = 0; i < columns; ++i) {
+        if (map[i] < 0) continue;
+        const uint32_t to = static_cast<uint32_t>(map[i]);
+        if (!runs.empty()) {
+            Run& last = runs.back();
+            if (last.firstColumn + last.bytes / 3 == i && last.to + last.bytes == to) {
+                last.bytes += 3;
+                continue;
+            }
+        }
+        Run run;
+        run.from = 3 * i;
+        run.to = to;
+        run.bytes = 3;
+        run.firstColumn = i;
+        runs.push_back(run);
+    }
+    // Backwards: where the chain of runs that follow one another in the output ends.
+    uint64_t chainEnd = 0;
+    for (size_t k = runs.size(); k-- > 0;) {
+        Run& run = runs[k];
+        const uint64_t end = uint64_t(run.to) + run.bytes;
+        if (k + 1 == runs.size() || runs[k + 1].to != end) chainEnd = end;
+        run.blocks = run.bytes < 128 && uint64_t(run.to) + ((run.bytes + 15) & ~15u) <= chainEnd;
+    }
+    return runs;
+}
+
+__attribute__((target("ssse3"))) void CopyBlocks(uint8_t* to, const uint8_t* from, uint32_t bytes) {
+    for (uint32_t k = 0; k < bytes; k += 16) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + k), Load128(from + k));
+    }
+}
+
+void ConvertVector(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
+                   const int32_t* map, uint8_t* pixels, RowConverter convertRow) {
+    std::vector<Run> runs;
+    std::vector<uint8_t> scratch;
+    try {
+        runs = MakeRuns(geometry, map);
+        scratch.resize(static_cast<size_t>(geometry.groupsPerRow * 12) + kScratchSlack);
+    } catch (const std::bad_alloc&) {
+        ConvertPixelsPlain(source, sourceSize, geometry, map, pixels);
+        return;
+    }
+    const uint64_t rowBytes = geometry.groupsPerRow * 6;
+    const uint64_t stride = static_cast<uint64_t>(geometry.outWidth) * 3;
+    for (int32_t y = 0; y < geometry.height; ++y) {
+        const uint64_t rowStart = static_cast<uint64_t>(y) * rowBytes;
+        if (!source || rowStart >= sourceSize) break;
+        const uint64_t available = sourceSize - rowStart;
+        const uint64_t groups = std::min(geometry.groupsPerRow, available / 6);
+        convertRow(source + rowStart, available, groups, scratch.data());
+        uint8_t* out =
+            pixels + static_cast<uint64_t>(geometry.height - 1 - y) * stride + geometry.pad;
+        if (groups == geometry.groupsPerRow) {
+            for (const Run& run : runs) {
+                if (run.blocks) {
+                    CopyBlocks(out + run.to, scratch.data() + run.from, run.bytes);
+                } else {
+                    std::memcpy(out + run.to, scratch.data() + run.from, run.bytes);
+                }
+            }
+            continue;
+        }
+        // A block that stops short: only the columns of whole groups, each byte exactly.
+        const uint64_t present = groups * 4;
+        for (const Run& run : runs) {
+            if (run.firstColumn >= present) break;
+            const uint64_t columns = std::min<uint64_t>(run.bytes / 3, present - run.firstColumn);
+            std::memcpy(out + run.to, scratch.data() + run.from, static_cast<size_t>(columns * 3));
+        }
+    }
+}
+
+}  // namespace
+
+PixelPath FastestPixelPath() {
+    static const PixelPath fastest = [] {
+        __builtin_cpu_init();
+        if (__builtin_cpu_supports("avx2")) return PixelPath::Avx2;
+        if (__builtin_cpu_supports("ssse3")) return PixelPath::Ssse3;
+        return PixelPath::Plain;
+    }();
+    return fastest;
+}
+
+void ConvertPixels(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
+                   const int32_t* map, uint8_t* pixels, PixelPath path) {
+    path = std::min(path, FastestPixelPath());
+    if (path == PixelPath::Avx2) {
+        ConvertVector(source, sourceSize, geometry, map, pixels, RowAvx2);
+    } else if (path == PixelPath::Ssse3) {
+        ConvertVector(source, sourceSize, geometry, map, pixels, RowSsse3);
+    } else {
+        ConvertPixelsPlain(source, sourceSize, geometry, map, pixels);
+    }
+}
+
+#else
+
+PixelPath FastestPixelPath() {
+    return PixelPath::Plain;
+}
+
+void ConvertPixels(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
+                   const int32_t* map, uint8_t* pixels, PixelPath) {
+    ConvertPixelsPlain(source, sourceSize, geometry, map, pixels);
+}
+
+#endif
+
+void ConvertPixels(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
+                   const int32_t* map, uint8_t* pixels) {
+    ConvertPixels(source, sourceSize, geometry, map, pixels, FastestPixelPath());
+}
+
+}  // namespace orq::preview
