@@ -99,6 +99,13 @@ ORQ_API OrqResult OrqSimSetLatency(OrqSimCamera camera, uint32_t perTransferMicr
  * sub-command (0 or -1: any). -1 for an unknown camera. */
 ORQ_API int32_t OrqSimCountOperations(OrqSimCamera camera, uint16_t opcode, int32_t subCommand);
 ORQ_API OrqResult OrqSimClearOperations(OrqSimCamera camera);
+/* When the camera received each Shoot command (accepted or refused) since attach or the last
+ * OrqSimClearOperations, oldest first, as nanoseconds of one monotonic clock that every camera
+ * of the process shares, so that the spread of a synchronised shot can be read from the
+ * cameras' side. The camera keeps the latest 4096. Fills at most `capacity` values (`nanoseconds`
+ * may be null) and returns how many the camera holds, which may be more; -1 for an unknown
+ * camera. */
+ORQ_API int32_t OrqSimGetShootTimes(OrqSimCamera camera, int64_t* nanoseconds, int32_t capacity);
 
 #ifdef __cplusplus
 }

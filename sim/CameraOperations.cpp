@@ -2,6 +2,7 @@
 // the vendor sub-commands of the on-camera module, with a lens that takes time to move.
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 #include "models/CameraConfig.h"
 #include "sim/VirtualCamera.h"
@@ -75,10 +76,19 @@ bool EndsWithIgnoringCase(const std::u16string& name, const char* extension) {
 // Content that looks like a JPEG to anyone who checks the markers.
 Bytes JpegLike(size_t size, uint32_t seed) {
     Bytes bytes(std::max<size_t>(size, 4));
+    // A pseudo-random block from the seed, then copies of what is there in doubling blocks: a
+    // shot of megabytes costs a few copies, not a generator step per byte.
+    constexpr size_t kBlock = 4096;
     uint32_t x = seed * 2654435761u + 1;
-    for (size_t i = 0; i < bytes.size(); ++i) {
+    const size_t head = std::min(bytes.size(), kBlock);
+    for (size_t i = 0; i < head; ++i) {
         x = x * 1664525u + 1013904223u;
         bytes[i] = static_cast<uint8_t>(x >> 24);
+    }
+    for (size_t filled = head; filled < bytes.size();) {
+        const size_t n = std::min(filled, bytes.size() - filled);
+        std::memcpy(bytes.data() + filled, bytes.data(), n);
+        filled += n;
     }
     bytes[0] = 0xFF;
     bytes[1] = 0xD8;
@@ -420,6 +430,8 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
             return answer.Data(std::move(text));
         }
         case 147:  // Shoot
+            if (shootTimes.size() >= kShootTimesKept) shootTimes.erase(shootTimes.begin());
+            shootTimes.push_back(now);
             if (cameraMode != 1 || recording || shotPending) return answer.Fail(RC_DeviceBusy);
             shotPending = true;
             shotDue = now + std::chrono::milliseconds(options.shootMs);

@@ -1,4 +1,5 @@
 // The OrqSim exports of orqsdk_sim: the application's hand on the virtual cameras.
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -256,6 +257,21 @@ ORQ_API int32_t OrqSimCountOperations(OrqSimCamera camera, uint16_t opcode, int3
     int32_t count = -1;
     With(camera, [&](orqsim::VirtualCamera& c) {
         count = static_cast<int32_t>(c.CountOperations(opcode, subCommand > 0 ? subCommand : -1));
+        return true;
+    });
+    return count;
+}
+
+ORQ_API int32_t OrqSimGetShootTimes(OrqSimCamera camera, int64_t* nanoseconds, int32_t capacity) {
+    int32_t count = -1;
+    With(camera, [&](orqsim::VirtualCamera& c) {
+        const auto times = c.ShootTimes();
+        count = static_cast<int32_t>(times.size());
+        for (int32_t i = 0; nanoseconds && i < capacity && i < count; ++i) {
+            nanoseconds[i] = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                 times[static_cast<size_t>(i)].time_since_epoch())
+                                 .count();
+        }
         return true;
     });
     return count;

@@ -116,14 +116,9 @@ std::chrono::nanoseconds VirtualCamera::Latency(size_t bytes) const {
 }
 
 void VirtualCamera::Wait(std::chrono::nanoseconds wait) {
-    if (wait.count() <= 0) return;
-    // Sleeping alone overshoots short waits by tens of microseconds: spin the last stretch.
-    auto until = Clock::now() + wait;
-    if (wait > std::chrono::microseconds(200)) {
-        std::this_thread::sleep_until(until - std::chrono::microseconds(100));
-    }
-    while (Clock::now() < until) {
-    }
+    // Sleeps: a spin would take the core from the library's own threads and skew what is
+    // measured through the camera. The system's timer slack may add tens of microseconds.
+    if (wait.count() > 0) std::this_thread::sleep_for(wait);
 }
 
 TransferResult VirtualCamera::DisconnectNow(std::unique_lock<std::mutex>& guard) {
@@ -495,6 +490,12 @@ std::vector<OperationRecord> VirtualCamera::Operations() const {
 void VirtualCamera::ClearOperations() {
     std::lock_guard<std::mutex> guard(lock);
     record.clear();
+    shootTimes.clear();
+}
+
+std::vector<std::chrono::steady_clock::time_point> VirtualCamera::ShootTimes() const {
+    std::lock_guard<std::mutex> guard(lock);
+    return shootTimes;
 }
 
 size_t VirtualCamera::CountOperations(uint16_t code, int64_t subCommand) const {

@@ -187,6 +187,10 @@ public:
     void ClearFaults();
     std::vector<OperationRecord> Operations() const;
     void ClearOperations();
+    // When each Shoot command arrived (the latest kShootTimesKept), oldest first; cleared with
+    // the operations.
+    static constexpr size_t kShootTimesKept = 4096;
+    std::vector<std::chrono::steady_clock::time_point> ShootTimes() const;
     // How many operations of that code (and sub-command, -1: any) were received.
     size_t CountOperations(uint16_t code, int64_t subCommand = -1) const;
     // The benchmark turns the record off: it keeps every operation otherwise.
@@ -316,6 +320,7 @@ private:
     // Shots.
     bool shotPending = false;
     Clock::time_point shotDue;
+    std::vector<Clock::time_point> shootTimes;
     int shotFileDelay = 0;
     bool shotProducesFile = true;
     uint32_t nextFileNumber = 100;
