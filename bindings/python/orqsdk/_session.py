@@ -144,6 +144,19 @@ class Session:
     def __repr__(self) -> str:
         return f"<Session {self.camera.model} {'closed' if self.closed else 'open'}>"
 
+    def _check(self, result: int, call: str, detail: Optional[str] = None) -> None:
+        """Raises for a non-OK result; a camera gone from the bus raises :class:`Disconnected`,
+        as the SDK answers such a camera with whichever failure ended its work."""
+        if result in (Result.ERROR, Result.DEVICE_NOT_READY) and self._gone():
+            result = Result.DISCONNECTED
+        check(result, call, detail)
+
+    def _gone(self) -> bool:
+        state = ctypes.c_int(0)
+        with self._call() as handle:
+            self._lib.OrqGetCameraConnectionState(handle, ctypes.byref(state))
+        return state.value != 0
+
     # --- events --------------------------------------------------------------------------------
 
     def subscribe(self, event: str, callback: Callable[..., None]) -> Subscription:
@@ -166,14 +179,20 @@ class Session:
         with self._call() as handle:
             key = dispatch.add(handler)
             pointer = getattr(self._lib, function_name)(handle, getattr(dispatch, thunk_name), key)
-            if not pointer:
+            if pointer:
+                subscription = Subscription(
+                    event, dispatch, key, lambda: self._release_subscription(subscription, pointer)
+                )
+                with self._lock:
+                    late = self._closing
+                    if not late:
+                        self._subscriptions.add(subscription)
+                if late:  # the session closed meanwhile and has already let go of the others
+                    subscription.close()
+            else:
                 dispatch.remove(key)
-                raise error_for(Result.DEVICE_NOT_READY, f"{function_name}: the camera is gone")
-            subscription = Subscription(
-                event, dispatch, key, lambda: self._release_subscription(subscription, pointer)
-            )
-            with self._lock:
-                self._subscriptions.add(subscription)
+        if not pointer:
+            self._check(Result.DEVICE_NOT_READY, function_name)
         return subscription
 
     def _release_subscription(self, subscription: Subscription, pointer: int) -> None:
@@ -215,10 +234,15 @@ class Session:
             if value is not _NO_MATCH:
                 waiter.finish(value)
 
+        def on_camera(camera: "Camera", connected: bool) -> None:
+            if camera.id == self.camera.id and not connected:
+                waiter.fail(error_for(Result.DISCONNECTED, "the camera was unplugged"))
+
         with self._lock:
             self._waiters.add(waiter)
         try:
-            with self.subscribe(event, on_event), self.subscribe("camera_error", waiter.fail):
+            with self.subscribe(event, on_event), self.subscribe("camera_error", waiter.fail), \
+                    self._sdk.subscribe("camera_list_changed", on_camera):
                 start()
                 if not waiter.done.wait(timeout):
                     raise TimeoutError(f"{what} did not complete within {timeout} s")
@@ -236,7 +260,7 @@ class Session:
         """The camera's name, path, serial number and module version."""
         record = CameraInfoRecord()
         with self._call() as handle:
-            check(self._lib.OrqGetCameraInfo(handle, ctypes.byref(record)), "OrqGetCameraInfo")
+            self._check(self._lib.OrqGetCameraInfo(handle, ctypes.byref(record)), "OrqGetCameraInfo")
         return CameraInfo._from_record(record)
 
     @property
@@ -244,17 +268,17 @@ class Session:
         """False once the camera has gone from the bus."""
         state = ctypes.c_int(1)
         with self._call() as handle:
-            check(self._lib.OrqGetCameraConnectionState(handle, ctypes.byref(state)), "OrqGetCameraConnectionState")
+            self._check(self._lib.OrqGetCameraConnectionState(handle, ctypes.byref(state)), "OrqGetCameraConnectionState")
         return state.value == 0
 
     def _simple(self, name: str, *args: int) -> None:
         with self._call() as handle:
-            check(getattr(self._lib, name)(handle, *args), name)
+            self._check(getattr(self._lib, name)(handle, *args), name)
 
     def _read_int(self, name: str) -> int:
         value = ctypes.c_int()
         with self._call() as handle:
-            check(getattr(self._lib, name)(handle, ctypes.byref(value)), name)
+            self._check(getattr(self._lib, name)(handle, ctypes.byref(value)), name)
         return value.value
 
     def update_aeaf(self) -> None:
@@ -293,7 +317,7 @@ class Session:
         """The files on the card, as the SDK last listed them."""
         pointer, count = ctypes.c_void_p(), ctypes.c_int()
         with self._call() as handle:
-            check(self._lib.OrqGetFileList(handle, ctypes.byref(pointer), ctypes.byref(count)), "OrqGetFileList")
+            self._check(self._lib.OrqGetFileList(handle, ctypes.byref(pointer), ctypes.byref(count)), "OrqGetFileList")
         try:
             records = ctypes.cast(pointer, ctypes.POINTER(FileInfoRecord))
             return [FileInfo._from_record(records[i]) for i in range(count.value)]
@@ -415,7 +439,7 @@ class Session:
         """Stops recording; returns the movie's file on the card."""
         record = FileInfoRecord()
         with self._call() as handle:
-            check(self._lib.OrqStopVideo(handle, ctypes.byref(record)), "OrqStopVideo")
+            self._check(self._lib.OrqStopVideo(handle, ctypes.byref(record)), "OrqStopVideo")
         return FileInfo._from_record(record)
 
     # --- live view -----------------------------------------------------------------------------
@@ -433,7 +457,7 @@ class Session:
         """The newest live-view frame; raises :class:`NotReady` before the first."""
         pointer, size = ctypes.c_void_p(), ctypes.c_int()
         with self._call() as handle:
-            check(self._lib.OrqGetPreviewFrame(handle, ctypes.byref(pointer), ctypes.byref(size)), "OrqGetPreviewFrame")
+            self._check(self._lib.OrqGetPreviewFrame(handle, ctypes.byref(pointer), ctypes.byref(size)), "OrqGetPreviewFrame")
         try:
             return Frame.from_sdk(pointer.value or 0, size.value)
         finally:

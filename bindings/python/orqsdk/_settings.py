@@ -84,21 +84,21 @@ class Settings(MutableMapping[str, str]):
         prop = self.id_of(key)
         value = ctypes.c_int()
         with self._session._call() as handle:
-            check(self._lib.OrqGetPropertyData(handle, prop, ctypes.byref(value)), "OrqGetPropertyData", self.name_of(prop))
+            self._session._check(self._lib.OrqGetPropertyData(handle, prop, ctypes.byref(value)), "OrqGetPropertyData", self.name_of(prop))
         return value.value
 
     def set_raw(self, key: Key, value: int) -> None:
         """Sets the property to a number; the SDK refuses values not on offer."""
         prop = self.id_of(key)
         with self._session._call() as handle:
-            check(self._lib.OrqSetPropertyData(handle, prop, int(value)), "OrqSetPropertyData", f"{self.name_of(prop)} = {value}")
+            self._session._check(self._lib.OrqSetPropertyData(handle, prop, int(value)), "OrqSetPropertyData", f"{self.name_of(prop)} = {value}")
 
     def describe(self, key: Key) -> Description:
         """The values on offer now and whether the property is read-only."""
         prop = self.id_of(key)
         pointer = ctypes.c_void_p()
         with self._session._call() as handle:
-            check(self._lib.OrqGetPropertyDesc(handle, prop, ctypes.byref(pointer)), "OrqGetPropertyDesc", self.name_of(prop))
+            self._session._check(self._lib.OrqGetPropertyDesc(handle, prop, ctypes.byref(pointer)), "OrqGetPropertyDesc", self.name_of(prop))
         try:
             record = ctypes.cast(pointer, ctypes.POINTER(PropertyDescRecord)).contents
             raw = tuple(int(record.values[i]) for i in range(record.count))
@@ -134,7 +134,7 @@ class Settings(MutableMapping[str, str]):
         """Ids of the properties on offer now."""
         pointer, count = ctypes.c_void_p(), ctypes.c_int()
         with self._session._call() as handle:
-            check(self._lib.OrqGetPropertyList(handle, ctypes.byref(pointer), ctypes.byref(count)), "OrqGetPropertyList")
+            self._session._check(self._lib.OrqGetPropertyList(handle, ctypes.byref(pointer), ctypes.byref(count)), "OrqGetPropertyList")
         try:
             values = ctypes.cast(pointer, ctypes.POINTER(ctypes.c_int32))
             return [int(values[i]) for i in range(count.value)]

@@ -1,0 +1,76 @@
+"""Sessions, handles and the release of what the SDK hands out."""
+
+import resource
+import pytest
+
+import orqsdk
+from orqsdk import sim
+
+
+def test_session_open_close_and_use_after_close(sdk, camera, sdk_log):
+    listed = sdk.camera("SX160")
+    assert (listed.model, listed.path) == ("SX160", camera.path)
+    assert listed.serial
+    session = listed.open()
+    with pytest.raises(orqsdk.SessionBusy) as busy:
+        listed.open()
+    assert busy.value.name == "ORQ_SESSION_BUSY"
+    subscription = session.subscribe("preview", lambda: None)
+    session.close()
+    session.close()
+    assert not subscription.active
+    for use in (lambda: session.settings["ISO Speed"], session.shoot, session.files):
+        with pytest.raises(orqsdk.ClosedError):
+            use()
+    # The SDK saw the session end: the camera opens again.
+    with listed.open() as again:
+        assert again.settings["Shooting Mode"] == "Auto"
+    sdk.close()
+    sdk.close()
+    # Everything handed out went back exactly once, before the SDK stopped.
+    assert "OrqFree: unknown pointer" not in sdk_log()
+    assert "active free func" not in sdk_log()
+
+
+def test_sdk_close_with_sessions_open(sdk_log):
+    sim.remove_all()
+    sim.VirtualCamera("SX160")
+    sdk = sim.SDK()
+    session = sdk.camera().open()
+    session.subscribe("shoot_completed", lambda file: None)
+    session.settings.describe("ISO Speed")
+    sdk.close()
+    assert session.closed
+    with pytest.raises(orqsdk.ClosedError):
+        session.settings["ISO Speed"]
+    with pytest.raises(orqsdk.ClosedError):
+        sdk.cameras()
+    session.close()
+    assert "OrqFree: unknown pointer" not in sdk_log()
+    assert "active free func" not in sdk_log()
+    # A second SDK in the same process starts after the first stopped.
+    with sim.SDK() as second:
+        with second.camera().open() as reopened:
+            assert reopened.settings["Shooting Mode"] == "Auto"
+    sim.remove_all()
+
+
+def _resident_kib():
+    with open("/proc/self/statm") as statm:
+        return int(statm.read().split()[1]) * resource.getpagesize() // 1024
+
+
+def test_open_close_cycles_keep_memory_flat(sdk, camera):
+    listed = sdk.camera()
+
+    def cycle(times):
+        for _ in range(times):
+            with listed.open() as session:
+                session.settings["ISO Speed"]
+                session.files()
+                session.subscribe("camera_error", lambda error: None)
+
+    cycle(200)
+    before = _resident_kib()
+    cycle(1000)
+    assert _resident_kib() - before < 1024
