@@ -40,7 +40,9 @@ def test_live_view_frames(session):
     assert frame.data[:2] == b"BM" and len(frame.data) == 320 * 240 * 3 + 54
     assert len(frame.rgb()) == 320 * 240 * 3
     numpy = pytest.importorskip("numpy")
-    assert frame.to_numpy().shape == (240, 320, 3) and frame.to_numpy().dtype == numpy.uint8
+    pixels = frame.to_numpy()
+    assert pixels.shape == (240, 320, 3) and pixels.dtype == numpy.uint8
+    assert pixels.tobytes() == frame.rgb()
 
 
 def test_exception_in_callback_does_not_stop_later_callbacks(session, caplog):
