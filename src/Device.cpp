@@ -407,7 +407,7 @@ OrqResult Device::CheckStarted() {
 }
 
 OrqResult Device::CheckSessionOpen() {
-    return sessionOpen ? ORQ_OK : ORQ_ERROR;
+    return sessionOpen->load() ? ORQ_OK : ORQ_ERROR;
 }
 
 OrqResult Device::CheckReady() {

@@ -31,14 +31,15 @@ OrqResult Device::ResetCameraCommand() {
 
 OrqResult Device::DownloadFileCommand(int fileId, bool deleteAfter) {
     if (OrqResult ready = CheckReady()) return ready;
-    std::u16string path = platform::TempFolder();
-    if (path.empty() || path.back() != platform::PathSeparator()) path += platform::PathSeparator();
     OrqFileInfo file{};
     if (!FindFile(fileId, file)) {
         ORQ_LOG(ERR, "Download file: file not found");
         return ORQ_ERROR;
     }
-    for (size_t i = 0; i < 128 && file.name[i]; ++i) path += static_cast<char16_t>(file.name[i]);
+    std::u16string name;
+    for (size_t i = 0; i < 128 && file.name[i]; ++i) name += static_cast<char16_t>(file.name[i]);
+    std::u16string path;
+    if (!DownloadTarget(platform::TempFolder(), name, path)) return ORQ_ERROR;
     Post(std::make_shared<MainLoopMsg_DownloadTo>(fileId, std::move(path), deleteAfter));
     return ORQ_OK;
 }

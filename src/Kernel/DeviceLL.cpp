@@ -11,6 +11,23 @@ uint32_t PtpDataBlock::Word(size_t i) const {
     return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
 }
 
+std::string DeviceLL::EscapeCameraText(const std::string& text) {
+    static const char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7F || c == '\\') {
+            out += "\\x";
+            out += kHex[byte >> 4];
+            out += kHex[byte & 15];
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
 DeviceLL::DeviceLL(UsbLib* usb, const SDKConfig* sdkConfig, std::u16string devicePath)
     : sdkConfig(sdkConfig), usb(usb), devicePath(std::move(devicePath)) {}
 

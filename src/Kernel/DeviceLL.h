@@ -242,6 +242,12 @@ public:
     // The caller takes ownership of the result.
     std::unique_ptr<ContProc> Shoot(std::function<void(OrqFileInfo)> onCompleted);
     OrqResult PTPDownloadFile(int32_t fileId, const std::u16string& path);
+    // The folder joined with the camera's name, refused (false, logged) when the folder is
+    // unknown or the name is not a plain file name of this system.
+    static bool DownloadTarget(std::u16string folder, const std::u16string& name,
+                               std::u16string& path);
+    // Camera text made safe for one log line: control bytes become \xNN.
+    static std::string EscapeCameraText(const std::string& text);
     OrqResult PTPRemoveFile(int32_t fileId);
     std::unique_ptr<ContProc> CreateZoomProc(int32_t position);
     OrqResult UpdateZoom();
@@ -318,7 +324,7 @@ protected:
     OrqResult DirectShootBegin();
     OrqResult DirectShootAwaitPicture(bool& done, OrqFileInfo& file);
     OrqResult DirectShootReceive(OrqFileInfo& file);
-    // Writes a block sequence to a file; false only when an exception came out of the write.
+    // Writes a block sequence to a file, whole or not at all; false when any step failed.
     bool WriteDownloadedFile(const std::u16string& path,
                              const std::vector<std::pair<const uint8_t*, uint64_t>>& parts);
 

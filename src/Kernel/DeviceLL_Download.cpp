@@ -2,6 +2,7 @@
 // negative id is a picture held in memory after a remote shot.
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,20 +25,40 @@ std::string NarrowPath(const std::u16string& path) {
 
 }  // namespace
 
+bool DeviceLL::DownloadTarget(std::u16string folder, const std::u16string& name,
+                              std::u16string& path) {
+    // Without the system's folder the name alone would land at the root of the drive.
+    if (folder.empty()) {
+        ORQ_LOG(ERR, "Download file: temporary folder not available");
+        return false;
+    }
+    bool plain = !name.empty() && name != u"." && name != u".." &&
+                 platform::ToUtf8(name).size() <= 255 && !platform::ReservedFileName(name);
+    for (char16_t c : name) {
+        if (c < 0x20 || c == 0x7F || c == u'/' || c == u'\\' || c == u':') plain = false;
+    }
+    if (!plain) {
+        ORQ_LOG(ERR, "Download file: file name refused: %s",
+                EscapeCameraText(platform::ToUtf8(name)).c_str());
+        return false;
+    }
+    if (folder.back() != platform::PathSeparator()) folder += platform::PathSeparator();
+    path = folder + name;
+    return true;
+}
+
 bool DeviceLL::WriteDownloadedFile(const std::u16string& path,
                                    const std::vector<std::pair<const uint8_t*, uint64_t>>& parts) {
     try {
-        // A target that cannot be created or written is not reported: the download counts as
-        // done, as it always has.
-        FILE* out = platform::OpenFile(path, "wb");
-        if (!out) return true;
+        std::unique_ptr<platform::OutputFile> out = platform::OutputFile::Create(path);
+        if (!out) return false;
         for (const auto& part : parts) {
-            if (part.first && part.second > 0) {
-                std::fwrite(part.first, 1, static_cast<size_t>(part.second), out);
+            if (part.first && part.second > 0 &&
+                !out->Write(part.first, static_cast<size_t>(part.second))) {
+                return false;
             }
         }
-        std::fclose(out);
-        return true;
+        return out->Commit();
     } catch (const std::exception&) {
         return false;
     }

@@ -34,6 +34,25 @@ bool AppendToFile(const std::u16string& path, const char* data, size_t size);
 // fopen with a 16-bit path; null on failure.
 FILE* OpenFile(const std::u16string& path, const char* mode);
 
+// A file written under a private name beside its target and moved over the target only when
+// whole: no reader sees half a file, two writers to one path never mix, and a link planted at
+// the target is replaced, never followed.
+class OutputFile {
+public:
+    // Removes the partial file unless Commit succeeded.
+    virtual ~OutputFile() = default;
+    // False on any failure (full disk, file size limit).
+    virtual bool Write(const void* data, size_t size) = 0;
+    // Flushes to the disk, closes and moves into place; false if any of these failed.
+    virtual bool Commit() = 0;
+    // Null when the partial file cannot be created (missing or read-only folder).
+    static std::unique_ptr<OutputFile> Create(const std::u16string& target);
+};
+
+// Names this system gives a meaning of its own, which no file may take (device names, names
+// ending in a dot or space on Windows).
+bool ReservedFileName(const std::u16string& name);
+
 // Reads a whole file; false when it cannot be opened or read.
 bool ReadFile(const std::u16string& path, std::string& contents);
 

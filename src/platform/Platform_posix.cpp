@@ -6,12 +6,15 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 #include "platform/Platform.h"
 
@@ -52,7 +55,62 @@ private:
     int fd;
 };
 
+class PosixOutputFile : public OutputFile {
+public:
+    PosixOutputFile(int fd, std::string partial, std::string target)
+        : fd(fd), partial(std::move(partial)), target(std::move(target)) {}
+    ~PosixOutputFile() override {
+        if (fd >= 0) close(fd);
+        if (!committed) unlink(partial.c_str());
+    }
+
+    bool Write(const void* data, size_t size) override {
+        const auto* bytes = static_cast<const uint8_t*>(data);
+        while (size > 0 && fd >= 0) {
+            ssize_t written = write(fd, bytes, size);
+            if (written < 0 && errno == EINTR) continue;
+            if (written <= 0) return false;
+            bytes += written;
+            size -= static_cast<size_t>(written);
+        }
+        return fd >= 0;
+    }
+
+    bool Commit() override {
+        if (fd < 0) return false;
+        bool ok = fsync(fd) == 0;
+        ok = close(fd) == 0 && ok;
+        fd = -1;
+        if (!ok || rename(partial.c_str(), target.c_str()) != 0) return false;
+        committed = true;
+        return true;
+    }
+
+private:
+    int fd;
+    std::string partial;
+    std::string target;
+    bool committed = false;
+};
+
 }  // namespace
+
+std::unique_ptr<OutputFile> OutputFile::Create(const std::u16string& target) {
+    static std::atomic<uint64_t> serial{0};
+    std::string path = ToUtf8(target);
+    size_t cut = path.rfind('/');
+    std::string partial = (cut == std::string::npos ? std::string() : path.substr(0, cut + 1)) +
+                          ".orq-" + std::to_string(getpid()) + "-" + std::to_string(++serial) +
+                          ".part";
+    // A new file only: whatever is planted at that name, a link included, is never opened.
+    int fd = open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (fd < 0) return nullptr;
+    return std::make_unique<PosixOutputFile>(fd, std::move(partial), std::move(path));
+}
+
+bool ReservedFileName(const std::u16string&) {
+    return false;
+}
 
 char16_t PathSeparator() {
     return u'/';

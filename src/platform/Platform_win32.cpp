@@ -8,6 +8,7 @@
 #include <objbase.h>
 #include <shlobj.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <string>
@@ -50,7 +51,85 @@ private:
     HANDLE mutex_;
 };
 
+class Win32OutputFile : public OutputFile {
+public:
+    Win32OutputFile(HANDLE file, std::u16string partial, std::u16string target)
+        : file(file), partial(std::move(partial)), target(std::move(target)) {}
+    ~Win32OutputFile() override {
+        if (file != INVALID_HANDLE_VALUE) CloseHandle(file);
+        if (!committed) DeleteFileW(Wide(partial));
+    }
+
+    bool Write(const void* data, size_t size) override {
+        const auto* bytes = static_cast<const uint8_t*>(data);
+        while (size > 0 && file != INVALID_HANDLE_VALUE) {
+            DWORD piece = static_cast<DWORD>(std::min<size_t>(size, 1u << 30));
+            DWORD written = 0;
+            if (!WriteFile(file, bytes, piece, &written, nullptr) || written == 0) return false;
+            bytes += written;
+            size -= written;
+        }
+        return file != INVALID_HANDLE_VALUE;
+    }
+
+    bool Commit() override {
+        if (file == INVALID_HANDLE_VALUE) return false;
+        bool ok = FlushFileBuffers(file) != 0;
+        ok = CloseHandle(file) != 0 && ok;
+        file = INVALID_HANDLE_VALUE;
+        if (!ok || !MoveFileExW(Wide(partial), Wide(target),
+                                MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
+            return false;
+        }
+        committed = true;
+        return true;
+    }
+
+private:
+    HANDLE file;
+    std::u16string partial;
+    std::u16string target;
+    bool committed = false;
+};
+
+bool IsDeviceName(std::u16string stem) {
+    while (!stem.empty() && stem.back() == u' ') stem.pop_back();
+    for (char16_t& c : stem) {
+        if (c >= u'a' && c <= u'z') c = static_cast<char16_t>(c - u'a' + u'A');
+    }
+    static const char16_t* const kNames[] = {u"CON", u"PRN", u"AUX", u"NUL", u"CONIN$", u"CONOUT$"};
+    for (const char16_t* name : kNames) {
+        if (stem == name) return true;
+    }
+    // COM1 to COM9 and LPT1 to LPT9 (and the superscript digits the system also takes).
+    if (stem.size() == 4 && (stem.compare(0, 3, u"COM") == 0 || stem.compare(0, 3, u"LPT") == 0)) {
+        char16_t digit = stem[3];
+        return (digit >= u'1' && digit <= u'9') || digit == 0xB9 || digit == 0xB2 || digit == 0xB3;
+    }
+    return false;
+}
+
 }  // namespace
+
+std::unique_ptr<OutputFile> OutputFile::Create(const std::u16string& target) {
+    static std::atomic<uint64_t> serial{0};
+    size_t cut = target.find_last_of(u"\\/");
+    std::string suffix = std::to_string(GetCurrentProcessId()) + "-" + std::to_string(++serial);
+    std::u16string partial =
+        (cut == std::u16string::npos ? std::u16string() : target.substr(0, cut + 1)) + u".orq-" +
+        std::u16string(suffix.begin(), suffix.end()) + u".part";
+    // A new file only, and a reparse point met at that name is opened as itself, never followed.
+    HANDLE file = CreateFileW(Wide(partial), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                              FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return nullptr;
+    return std::make_unique<Win32OutputFile>(file, std::move(partial), target);
+}
+
+bool ReservedFileName(const std::u16string& name) {
+    if (name.empty()) return false;
+    if (name.back() == u'.' || name.back() == u' ') return true;
+    return IsDeviceName(name.substr(0, name.find(u'.')));
+}
 
 char16_t PathSeparator() {
     return u'\\';

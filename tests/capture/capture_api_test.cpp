@@ -1,6 +1,13 @@
 // What the C API adds to shots, downloads and video: the commands' own checks on the caller's
 // thread, the main loop's messages and the events. A virtual SX160 behind a started SDK.
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <mutex>
+#ifndef _WIN32
+#include <unistd.h>
+#endif
 
 #include "orqsdk.h"
 #include "tests/capture/capture_support.h"
@@ -105,6 +112,65 @@ TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
     EXPECT_EQ(Locked(downloads)[1], std::make_pair(-100, target));
     ASSERT_EQ(OrqDeleteFile(session, -100), ORQ_OK);
     EXPECT_TRUE(Eventually([&] { return Logged("PTPRemoveFile: DirectTransfer -100") == 1; }));
+}
+
+// The camera names the file; only a plain name may ever become one in the temporary folder.
+TEST_F(CaptureApi, CameraFileNamesStayInsideTheTemporaryFolder) {
+    const std::u16string refused[] = {u"../escape.jpg", u"sub/x.jpg", u"c:x.jpg", u"bell\a.jpg",
+                                      std::u16string(90, u'\u00e9') + u".jpg"};
+    std::vector<int32_t> ids;
+    for (const auto& name : refused)
+        ids.push_back(static_cast<int32_t>(camera->AddFile(name, Pattern(100))));
+    const auto plainBytes = Pattern(300, 5);
+    const auto plain = static_cast<int32_t>(camera->AddFile(u"plain.jpg", plainBytes));
+#ifndef _WIN32
+    // A link planted under the plain name is replaced, never followed.
+    const std::string victim = orq::platform::ToUtf8(TempPath("capture_victim.txt"));
+    const std::string planted = orq::platform::ToUtf8(TempPath("plain.jpg"));
+    std::remove(planted.c_str());
+    { std::ofstream(victim) << "keep"; }
+    ASSERT_EQ(symlink(victim.c_str(), planted.c_str()), 0);
+#endif
+    std::remove(orq::platform::ToUtf8(TempPath("../escape.jpg")).c_str());
+    ShootOne();  // lists the card
+
+    OrqFileInfo* list = nullptr;
+    int count = 0;
+    ASSERT_EQ(OrqGetFileList(session, &list, &count), ORQ_OK);
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i) names.push_back(Narrow(list[i].name));
+    OrqFree(list);
+    for (int32_t id : ids) EXPECT_EQ(OrqDownloadFile(session, id, 1), ORQ_ERROR) << id;
+    // The list shows the names as the camera gave them; the log escapes them.
+    EXPECT_NE(std::find(names.begin(), names.end(), "../escape.jpg"), names.end());
+    EXPECT_EQ(Logged("Download file: file name refused: bell\\x07.jpg"), 1);
+    int refusals = 0;
+    for (const auto& line : linktest::MessagesSince(logStart))
+        refusals += line.rfind("Download file: file name refused: ", 0) == 0;
+    EXPECT_EQ(refusals, static_cast<int>(std::size(refused)));
+    for (int32_t id : ids) EXPECT_TRUE(camera->FileBytes(static_cast<uint32_t>(id)));
+
+    ASSERT_EQ(OrqDownloadFile(session, plain, 0), ORQ_OK);
+    ASSERT_TRUE(Eventually([&] { return !Locked(downloads).empty(); }));
+    EXPECT_EQ(ReadAll(TempPath("plain.jpg")), std::string(plainBytes.begin(), plainBytes.end()));
+    EXPECT_FALSE(std::ifstream(orq::platform::ToUtf8(TempPath("../escape.jpg"))).good());
+#ifndef _WIN32
+    EXPECT_EQ(ReadAll(orq::platform::FromUtf8(victim)), "keep");
+#endif
+}
+
+// A download whose file was not verifiably written never costs the card its copy.
+TEST_F(CaptureApi, FailedWriteKeepsTheCardFile) {
+    const auto handle = static_cast<int32_t>(camera->AddFile(u"IMG_0007.JPG", Pattern(1000)));
+    const std::u16string target =
+        TempPath("capture_api_none") + orq::platform::PathSeparator() + u"x.jpg";
+    std::vector<OrqChar> wide(target.begin(), target.end());
+    wide.push_back(0);
+    ASSERT_EQ(OrqDownloadFileTo(session, handle, wide.data(), 1), ORQ_OK);
+    EXPECT_TRUE(Eventually([&] { return Logged("PTPDownloadFile: write file failed") == 1; }));
+    std::this_thread::sleep_for(100ms);
+    EXPECT_TRUE(camera->FileBytes(static_cast<uint32_t>(handle)));
+    EXPECT_TRUE(Locked(downloads).empty());
 }
 
 }  // namespace

@@ -4,7 +4,18 @@
 
 #include <gtest/gtest.h>
 
+#ifndef _WIN32
+#include <linux/capability.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <csignal>
+#endif
+
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -66,6 +77,51 @@ inline orqsim::Bytes Pattern(size_t size, uint8_t seed = 1) {
     for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(seed + i * 7);
     return bytes;
 }
+
+// For its lifetime a folder refuses writes (read-only, for root as well) or the process may grow
+// no file beyond `limit` bytes, as on a full disk.
+class HostileDisk {
+public:
+    HostileDisk(std::filesystem::path folder, bool readOnly, size_t limit)
+        : folder(std::move(folder)), readOnly(readOnly), limit(limit) {
+#ifndef _WIN32
+        if (readOnly) {
+            chmod(this->folder.c_str(), 0500);
+            // Root passes every permission test: this thread drops that power meanwhile.
+            syscall(SYS_capget, &header, saved);
+            __user_cap_data_struct reduced[2] = {saved[0], saved[1]};
+            reduced[0].effective &= ~(1u << CAP_DAC_OVERRIDE);
+            syscall(SYS_capset, &header, reduced);
+        }
+        if (limit) {
+            std::signal(SIGXFSZ, SIG_IGN);
+            getrlimit(RLIMIT_FSIZE, &previous);
+            rlimit reduced = previous;
+            reduced.rlim_cur = limit;
+            setrlimit(RLIMIT_FSIZE, &reduced);
+        }
+#endif
+    }
+    ~HostileDisk() {
+#ifndef _WIN32
+        if (readOnly) {
+            syscall(SYS_capset, &header, saved);
+            chmod(folder.c_str(), 0700);
+        }
+        if (limit) setrlimit(RLIMIT_FSIZE, &previous);
+#endif
+    }
+
+private:
+    std::filesystem::path folder;
+    bool readOnly;
+    size_t limit;
+#ifndef _WIN32
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct saved[2] = {};
+    rlimit previous{};
+#endif
+};
 
 // A session on a fresh virtual camera with its properties loaded, as after start-up. The camera
 // takes its time over a shot, as a real one does.

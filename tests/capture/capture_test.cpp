@@ -1,6 +1,8 @@
 // One DeviceLL on a virtual camera: the normal shot found by comparing listings, the remote shot
 // buffered in host memory under negative ids, downloads, removals, video and memory statistics.
 #include <cstdio>
+#include <filesystem>
+#include <iterator>
 
 #include "tests/capture/capture_support.h"
 
@@ -103,13 +105,67 @@ TEST_F(CaptureTest, CardFileIsWrittenByteForByteAndReported) {
     EXPECT_EQ(Ops(orq::CHDK_GetMemory), 0u);  // no snapshot was asked for
     std::remove(orq::platform::ToUtf8(target).c_str());
 
-    // An unknown file fails with no report; a target that cannot be written still counts.
+    // An unknown file fails with no report.
     EXPECT_EQ(device->PTPDownloadFile(9999, TempPath("capture_missing.jpg")), ORQ_ERROR);
-    const auto nowhere = TempPath("capture_none") + orq::platform::PathSeparator() + u"x.jpg";
-    EXPECT_EQ(device->PTPDownloadFile(handle, nowhere), ORQ_OK);
-    EXPECT_EQ(device->downloads,
-              (std::vector<std::pair<int, std::u16string>>{{handle, target}, {handle, nowhere}}));
-    EXPECT_EQ(Count(Log(), "Download file completed:"), 2);
+    EXPECT_EQ(device->downloads, (std::vector<std::pair<int, std::u16string>>{{handle, target}}));
+}
+
+// A disk that refuses in each of its ways: no report, and no file, whole or partial, is left.
+TEST_F(CaptureTest, DownloadTheDiskRefusesFailsAndLeavesNothing) {
+    namespace fs = std::filesystem;
+    const fs::path root = orq::platform::ToUtf8(TempPath("capture_hostile"));
+    fs::remove_all(root);
+    fs::create_directories(root / "readonly");
+    fs::create_directories(root / "full");
+    // Above what the log will reach meanwhile, below the file.
+    const size_t limit = linktest::LogSize() + (1 << 20);
+    const auto handle = static_cast<int32_t>(camera->AddFile(u"IMG_0006.JPG", Pattern(limit * 2)));
+#ifdef _WIN32
+    const char* disks[] = {"missing"};
+#else
+    const char* disks[] = {"missing", "readonly", "full"};
+#endif
+    for (const std::string disk : disks) {
+        SCOPED_TRACE(disk);
+        HostileDisk spoiled(root / disk, disk == "readonly", disk == "full" ? limit : 0);
+        EXPECT_EQ(device->PTPDownloadFile(
+                      handle, orq::platform::FromUtf8((root / disk / "x.jpg").string())),
+                  ORQ_ERROR);
+    }
+    EXPECT_EQ(Count(Log(), "PTPDownloadFile: write file failed"),
+              static_cast<int>(std::size(disks)));
+    EXPECT_TRUE(device->downloads.empty());
+    for (const auto& entry : fs::recursive_directory_iterator(root))
+        EXPECT_TRUE(entry.is_directory()) << entry.path();
+}
+
+// Only a plain name under a known folder; which names are reserved is the system's affair.
+TEST(DownloadTarget, IsAPlainNameUnderAKnownFolder) {
+    const std::u16string folder = u"/tmp";
+    const bool windows = orq::platform::PathSeparator() == u'\\';
+    std::u16string path;
+    EXPECT_FALSE(orq::DeviceLL::DownloadTarget(u"", u"IMG_0001.JPG", path));
+    const std::u16string refused[] = {u"",
+                                      u".",
+                                      u"..",
+                                      u"../a.jpg",
+                                      u"a/b.jpg",
+                                      u"a\\b.jpg",
+                                      u"c:a.jpg",
+                                      std::u16string(u"a\0b.jpg", 7),
+                                      u"a\nb.jpg",
+                                      u"a\x7F.jpg",
+                                      std::u16string(84, u'\u4e2d') + u".jpg"};
+    for (const auto& name : refused)
+        EXPECT_FALSE(orq::DeviceLL::DownloadTarget(folder, name, path))
+            << orq::platform::ToUtf8(name);
+    for (const char16_t* name : {u"CON.jpg", u"com1", u"a.jpg.", u"a.jpg "})
+        EXPECT_EQ(orq::DeviceLL::DownloadTarget(folder, name, path), !windows);
+    ASSERT_TRUE(
+        orq::DeviceLL::DownloadTarget(folder, std::u16string(83, u'\u4e2d') + u".jpg", path));
+    ASSERT_TRUE(
+        orq::DeviceLL::DownloadTarget(folder + orq::platform::PathSeparator(), u"a b.jpg", path));
+    EXPECT_EQ(path, folder + orq::platform::PathSeparator() + u"a b.jpg");
 }
 
 TEST_F(CaptureTest, VideoRefusesShotsAndItsStopReportsTheNewMovie) {
