@@ -1,3 +1,4 @@
+#include "Device.h"
 #include "sdk_fixture.h"
 
 using namespace orqtest;
@@ -76,4 +77,11 @@ TEST_F(DeviceLoopTest, UnsupportedModeTurnedAtRunTimeEndsTheLoop) {
     OrqSimSetModeWheel(camera, 0x7FFF);
     ASSERT_TRUE(WaitFor([&] { return recorder.CameraErrors() == 1; }, 14000));
     EXPECT_EQ(recorder.cameraErrors[0], ORQ_ERROR);
+}
+
+TEST(DeviceSession, ReadyOnlyWhileTheSessionFlagIsSet) {
+    orq::Device device(nullptr, nullptr, u"orqsim://none", 1);
+    EXPECT_EQ(device.CheckSessionOpen(), ORQ_ERROR);
+    device.SessionFlag()->store(true);
+    EXPECT_EQ(device.CheckSessionOpen(), ORQ_OK);
 }
