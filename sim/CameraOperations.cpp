@@ -133,7 +133,7 @@ void VirtualCamera::InitialiseFromProfile() {
         focusTable = profile->focusTable;
         // Every case starts on the first legal value, so a fresh camera loads cleanly.
         for (const auto& [id, entry] : profile->properties) {
-            if (id == orq::PROP_SHOOTING_MODE && entry.propCase >= 0) {
+            if (id == ORQ_PROP_SHOOTING_MODE && entry.propCase >= 0) {
                 shootingModeCase = entry.propCase;
             }
             if (entry.kind == orq::PropertyKind::FlashPower) {

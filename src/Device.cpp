@@ -128,7 +128,7 @@ OrqResult Device::StartUp() {
     if ((step = PTPGetCamLog()) != ORQ_OK) return step;
     ORQ_LOG(INF, "Load files list");
     if ((step = PTPUpdateObjectsInfo()) != ORQ_OK) return step;
-    if (config.Has(PROP_MANUAL_FOCUS_MODE)) {
+    if (config.Has(ORQ_PROP_MANUAL_FOCUS_MODE)) {
         ORQ_LOG(INF, "Disable manual focus on start");
         if ((step = PTPManualFocusEnable(false)) != ORQ_OK) return step;
     }
@@ -337,7 +337,7 @@ OrqCameraInfo Device::CameraInfo(uint32_t publicId) const {
 // --- Upward operations ------------------------------------------------------------------------
 
 OrqResult Device::SetPreShootProperty() {
-    return config.Has(PROP_FLASH_POWER) ? WriteProperty(PROP_FLASH_POWER) : ORQ_OK;
+    return config.Has(ORQ_PROP_FLASH_POWER) ? WriteProperty(ORQ_PROP_FLASH_POWER) : ORQ_OK;
 }
 
 void Device::SetPreviewSuspended(bool suspended) {

@@ -26,7 +26,7 @@ OrqResult DeviceLL::LoadFlashPowerProp(const PropertyEntry& entry) {
         return result;
     }
     if (adjustMode == kAdjustAuto) {
-        propertyValues[PROP_FLASH_POWER] = kFlashAuto;
+        propertyValues[ORQ_PROP_FLASH_POWER] = kFlashAuto;
         return ORQ_OK;
     }
     if (adjustMode != kAdjustManual) {
@@ -43,7 +43,7 @@ OrqResult DeviceLL::LoadFlashPowerProp(const PropertyEntry& entry) {
         ORQ_LOG(ERR, "Unknown value of FlashManualOutput property");
         return ORQ_ERROR;
     }
-    propertyValues[PROP_FLASH_POWER] = output + 1;
+    propertyValues[ORQ_PROP_FLASH_POWER] = output + 1;
     return ORQ_OK;
 }
 

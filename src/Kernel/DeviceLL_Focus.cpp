@@ -41,7 +41,7 @@ void DeviceLL::ReportFocus() {
 }
 
 OrqResult DeviceLL::UpdateFocusPos() {
-    if (!config.Has(PROP_MANUAL_FOCUS_MODE)) return ORQ_UNKNOWN_PROPERTY;
+    if (!config.Has(ORQ_PROP_MANUAL_FOCUS_MODE)) return ORQ_UNKNOWN_PROPERTY;
     int32_t position = 0;
     // The wrapper logs "PTP_ORQM_GetFocusParams failed".
     if (PTPGetFocusParams(position) != ORQ_OK) {

@@ -38,10 +38,10 @@ OrqResult DeviceLL::LoadProperties() {
     bool readBattery = false;
     for (const auto& [id, entry] : config.properties) {
         switch (id) {
-            case PROP_BATTERY_LEVEL:
+            case ORQ_PROP_BATTERY_LEVEL:
                 readBattery = true;
                 continue;
-            case PROP_FLASH_POWER: {
+            case ORQ_PROP_FLASH_POWER: {
                 OrqResult result = LoadFlashPowerProp(entry);
                 if (result != ORQ_OK) {
                     ORQ_LOG(ERR, "LoadFlashPowerProp failed");
@@ -49,8 +49,8 @@ OrqResult DeviceLL::LoadProperties() {
                 }
                 continue;
             }
-            case PROP_DIRECT_TRANSFER:
-            case PROP_MANUAL_FOCUS_MODE:
+            case ORQ_PROP_DIRECT_TRANSFER:
+            case ORQ_PROP_MANUAL_FOCUS_MODE:
                 // Known only to the SDK; both start Off.
                 propertyValues[id] = 1;
                 continue;
@@ -65,7 +65,7 @@ OrqResult DeviceLL::LoadProperties() {
         }
         const PropertyValue* known = entry.FromCamera(raw);
         if (!known) {
-            if (id == PROP_SHOOTING_MODE) {
+            if (id == ORQ_PROP_SHOOTING_MODE) {
                 ORQ_LOG(ERR, kUnsupportedMode, raw);
             } else {
                 ORQ_LOG(ERR, "Unknown property value: %d %d", id, raw);
@@ -103,17 +103,17 @@ bool DeviceLL::IsPropertyAvailable(int id) {
     std::lock_guard<std::recursive_mutex> guard(propertyLock);
     // A value not loaded reads as 0 (and is entered so).
     auto current = [this](int key) { return propertyValues[key]; };
-    if (id == PROP_AV && config.HasConstraint(CONSTRAINT_AV_BY_MODE)) {
-        int mode = current(PROP_SHOOTING_MODE);
+    if (id == ORQ_PROP_AV && config.HasConstraint(CONSTRAINT_AV_BY_MODE)) {
+        int mode = current(ORQ_PROP_SHOOTING_MODE);
         if (mode != 2 && mode != 3) return false;
     }
-    if (id == PROP_TV && config.HasConstraint(CONSTRAINT_TV_BY_MODE)) {
-        int mode = current(PROP_SHOOTING_MODE);
+    if (id == ORQ_PROP_TV && config.HasConstraint(CONSTRAINT_TV_BY_MODE)) {
+        int mode = current(ORQ_PROP_SHOOTING_MODE);
         if (mode != 2 && mode != 4) return false;
     }
-    if (id >= PROP_CONTRAST && id <= PROP_SKIN_TONE &&
+    if (id >= ORQ_PROP_CONTRAST && id <= ORQ_PROP_SKIN_TONE &&
         config.HasConstraint(CONSTRAINT_COLOR_ADJUST_BY_MY_COLORS)) {
-        if (current(PROP_MY_COLORS) != 11) return false;
+        if (current(ORQ_PROP_MY_COLORS) != 11) return false;
     }
     return true;
 }
@@ -122,8 +122,9 @@ bool DeviceLL::IsValueAvailable(int id, int value) {
     std::lock_guard<std::recursive_mutex> guard(propertyLock);
     if (!IsPropertyAvailable(id)) return false;
     // Superfine is not offered at the largest image size.
-    if (id == PROP_JPEG_QUALITY && value == 0 && config.HasConstraint(CONSTRAINT_QUALITY_BY_SIZE) &&
-        propertyValues[PROP_IMAGE_SIZE] == 0) {
+    if (id == ORQ_PROP_JPEG_QUALITY && value == 0 &&
+        config.HasConstraint(CONSTRAINT_QUALITY_BY_SIZE) &&
+        propertyValues[ORQ_PROP_IMAGE_SIZE] == 0) {
         return false;
     }
     return true;
@@ -167,15 +168,15 @@ OrqResult DeviceLL::SetPropertyData(int id, int value) {
             return ORQ_PROPERTY_CONSTRAINT;
         }
         // Only the mode is spared a rewrite: the camera may have drifted from any other value.
-        if (id == PROP_SHOOTING_MODE && propertyValues[id] == value) return ORQ_OK;
+        if (id == ORQ_PROP_SHOOTING_MODE && propertyValues[id] == value) return ORQ_OK;
 
         propertyValues[id] = value;
         // Superfine cannot stay at the largest size: the quality steps down with it.
-        if (id == PROP_IMAGE_SIZE && value == 0 &&
+        if (id == ORQ_PROP_IMAGE_SIZE && value == 0 &&
             config.HasConstraint(CONSTRAINT_QUALITY_BY_SIZE) &&
-            propertyValues[PROP_JPEG_QUALITY] == 0) {
-            propertyValues[PROP_JPEG_QUALITY] = 1;
-            dependent.push_back(PROP_JPEG_QUALITY);
+            propertyValues[ORQ_PROP_JPEG_QUALITY] == 0) {
+            propertyValues[ORQ_PROP_JPEG_QUALITY] = 1;
+            dependent.push_back(ORQ_PROP_JPEG_QUALITY);
         }
         for (int other : dependent) {
             result = SendPropertyData(other);
@@ -319,8 +320,8 @@ OrqResult DeviceLL::ReadCameraMode() {
     {
         // Held across the read, so that a set of the mode waits for it.
         std::lock_guard<std::recursive_mutex> guard(propertyLock);
-        auto stored = propertyValues.find(PROP_SHOOTING_MODE);
-        const PropertyEntry* entry = config.Find(PROP_SHOOTING_MODE);
+        auto stored = propertyValues.find(ORQ_PROP_SHOOTING_MODE);
+        const PropertyEntry* entry = config.Find(ORQ_PROP_SHOOTING_MODE);
         if (stored == propertyValues.end() || !entry) return ORQ_OK;
         int raw = 0;
         OrqResult result = PTPReadPropety(entry->propCase, &raw);
@@ -339,12 +340,12 @@ OrqResult DeviceLL::ReadCameraMode() {
             changed = true;
         }
     }
-    if (changed) OnPropertyChanged(PROP_SHOOTING_MODE);
+    if (changed) OnPropertyChanged(ORQ_PROP_SHOOTING_MODE);
     return ORQ_OK;
 }
 
 OrqResult DeviceLL::ReadBatteryLevel(bool first) {
-    if (!config.Has(PROP_BATTERY_LEVEL)) return ORQ_OK;
+    if (!config.Has(ORQ_PROP_BATTERY_LEVEL)) return ORQ_OK;
 
     uint32_t presentWord = 0, fullWord = 0, emptyWord = 0;
     // The wrapper logs the failure line.
@@ -383,15 +384,15 @@ OrqResult DeviceLL::ReadBatteryLevel(bool first) {
     bool changed = false;
     {
         std::lock_guard<std::recursive_mutex> guard(propertyLock);
-        auto stored = propertyValues.find(PROP_BATTERY_LEVEL);
+        auto stored = propertyValues.find(ORQ_PROP_BATTERY_LEVEL);
         if (first || stored == propertyValues.end()) {
-            propertyValues[PROP_BATTERY_LEVEL] = level;
+            propertyValues[ORQ_PROP_BATTERY_LEVEL] = level;
         } else if (stored->second != level) {
             stored->second = level;
             changed = true;
         }
     }
-    if (changed) OnPropertyChanged(PROP_BATTERY_LEVEL);
+    if (changed) OnPropertyChanged(ORQ_PROP_BATTERY_LEVEL);
     return ORQ_OK;
 }
 

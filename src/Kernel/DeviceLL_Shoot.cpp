@@ -61,9 +61,9 @@ ContProcStep RepeatingStep(DeviceLL* device,
 
 std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCompleted) {
     bool direct = false;
-    if (config.Has(PROP_DIRECT_TRANSFER)) {
+    if (config.Has(ORQ_PROP_DIRECT_TRANSFER)) {
         std::lock_guard<std::recursive_mutex> guard(propertyLock);
-        auto found = propertyValues.find(PROP_DIRECT_TRANSFER);
+        auto found = propertyValues.find(ORQ_PROP_DIRECT_TRANSFER);
         direct = found != propertyValues.end() && found->second == 0;
     }
 

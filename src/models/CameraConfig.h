@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "models/PropertyIds.h"
+#include "orqsdk.h"
 
 namespace orq {
 

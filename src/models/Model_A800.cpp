@@ -12,22 +12,22 @@ CameraConfig MakeA800() {
     model.constraints = {0};
     model.videoSupported = false;
     model.properties = {
-        {PROP_SHOOTING_MODE,
+        {ORQ_PROP_SHOOTING_MODE,
          ShootingMode({{0, 32768}, {1, 32772}, {36, 16435}, {9, 16399}, {27, 16402}, {10, 16936},
                        {11, 16417}, {16, 16934}, {17, 16935}, {25, 16407}, {26, 16405},
                        {18, 16406}, {40, 16404}, {19, 16408}, {20, 16390}, {6, 2618}})},
-        {PROP_IMAGE_SIZE, Plain(222, {Sized(0, 0, 3648, 2736), Sized(1, 1, 2816, 2112),
+        {ORQ_PROP_IMAGE_SIZE, Plain(222, {Sized(0, 0, 3648, 2736), Sized(1, 1, 2816, 2112),
                                       Sized(2, 2, 1600, 1200), Sized(4, 4, 640, 480)})},
-        {PROP_JPEG_QUALITY, Plain(57, Same({0, 1, 2}))},
-        {PROP_METERING_MODE, Plain(157, Same({0, 1, 2}))},
-        {PROP_WB_MODE, Plain(272, {{0, 0}, {1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 7}})},
-        {PROP_FLASH_MODE, Plain(143, Same({0, 1, 2}))},
-        {PROP_RED_EYE_MODE, SubProperty(220, 217, RedEyeValues())},
-        {PROP_ISO_SPEED, Plain(149, Same({0}))},  // automatic only
-        {PROP_EXPOSURE_COMPENSATION, SubProperty(107, 211, Compensation(Negatives::Unsigned16))},
-        {PROP_BATTERY_LEVEL, BatteryLevel()},
-        {PROP_FOCUSING_ZONE, FocusingZone({{0, 0}})},
-        {PROP_FLASH_POWER, FlashPower()},
+        {ORQ_PROP_JPEG_QUALITY, Plain(57, Same({0, 1, 2}))},
+        {ORQ_PROP_METERING_MODE, Plain(157, Same({0, 1, 2}))},
+        {ORQ_PROP_WB_MODE, Plain(272, {{0, 0}, {1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 7}})},
+        {ORQ_PROP_FLASH_MODE, Plain(143, Same({0, 1, 2}))},
+        {ORQ_PROP_RED_EYE_MODE, SubProperty(220, 217, RedEyeValues())},
+        {ORQ_PROP_ISO_SPEED, Plain(149, Same({0}))},  // automatic only
+        {ORQ_PROP_EXPOSURE_COMPENSATION, SubProperty(107, 211, Compensation(Negatives::Unsigned16))},
+        {ORQ_PROP_BATTERY_LEVEL, BatteryLevel()},
+        {ORQ_PROP_FOCUSING_ZONE, FocusingZone({{0, 0}})},
+        {ORQ_PROP_FLASH_POWER, FlashPower()},
     };
     return model;
 }

@@ -8,7 +8,6 @@
 #include <string>
 #include <utility>
 
-#include "models/PropertyIds.h"
 #include "orqsdk.h"
 
 namespace orq {

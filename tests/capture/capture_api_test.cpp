@@ -99,7 +99,7 @@ TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
     EXPECT_TRUE(Eventually([&] { return !camera->FileBytes(card.id); }));
 
     // A buffered picture stands in no table: only a download to a given path reaches it.
-    ASSERT_EQ(OrqSetPropertyData(session, orq::PROP_DIRECT_TRANSFER, 0), ORQ_OK);
+    ASSERT_EQ(OrqSetPropertyData(session, ORQ_PROP_DIRECT_TRANSFER, 0), ORQ_OK);
     camera->SetRemotePicture(Pattern(700 * 1024, 11));
     EXPECT_EQ(ShootOne().id, -100);
     EXPECT_EQ(OrqDownloadFile(session, -100, 0), ORQ_ERROR);

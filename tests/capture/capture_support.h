@@ -44,7 +44,7 @@ public:
     void SetPreviewSuspended(bool suspended) override { previewSuspended = suspended; }
     bool IsMemLogging() override { return memLogging; }
 
-    void SetDirectTransfer(int32_t value) { propertyValues[orq::PROP_DIRECT_TRANSFER] = value; }
+    void SetDirectTransfer(int32_t value) { propertyValues[ORQ_PROP_DIRECT_TRANSFER] = value; }
     size_t BufferedFiles() const { return DirectTransferFiles.size(); }
 
     std::vector<OrqFileInfo> shots;

@@ -49,7 +49,7 @@ TEST(ProfileTable, SummaryOfEveryModelInTableOrder) {
         EXPECT_EQ(table[i].maxZoom, expected[i].maxZoom);
         EXPECT_EQ(table[i].constraints, expected[i].constraints);
         EXPECT_EQ(table[i].videoSupported, expected[i].video);
-        EXPECT_EQ(table[i].Find(PROP_SHOOTING_MODE)->values.size(), expected[i].shootingModes);
+        EXPECT_EQ(table[i].Find(ORQ_PROP_SHOOTING_MODE)->values.size(), expected[i].shootingModes);
     }
 }
 
@@ -107,20 +107,21 @@ TEST(ProfileTable, KindsSubCasesAndInvariantsOfEveryEntry) {
     };
     // Entries built by their own kind of writer.
     const std::map<int32_t, PropertyKind> writers = {
-        {PROP_SHOOTING_MODE, PropertyKind::CaptureMode},
-        {PROP_FLASH_POWER, PropertyKind::FlashPower},
-        {PROP_MANUAL_FOCUS_MODE, PropertyKind::ManualFocus}};
+        {ORQ_PROP_SHOOTING_MODE, PropertyKind::CaptureMode},
+        {ORQ_PROP_FLASH_POWER, PropertyKind::FlashPower},
+        {ORQ_PROP_MANUAL_FOCUS_MODE, PropertyKind::ManualFocus}};
     const std::vector<CameraConfig>& table = CameraConfigTable();
     for (size_t m = 0; m < table.size(); ++m) {
         const CameraConfig& model = table[m];
-        EXPECT_EQ(model.Has(PROP_MANUAL_FOCUS_MODE), !model.focusTable.empty());
+        EXPECT_EQ(model.Has(ORQ_PROP_MANUAL_FOCUS_MODE), !model.focusTable.empty());
         for (const auto& [id, entry] : model.properties) {
             SCOPED_TRACE(Narrow(model.name) + " id " + std::to_string(id));
             const int32_t subCase = subCases.count(id) ? subCases.at(id)[m] : 0;
             PropertyKind kind = subCase ? PropertyKind::SubProperty : PropertyKind::Plain;
             if (writers.count(id)) kind = writers.at(id);
             // The A810 writes a third case for red eye.
-            if (model.name == u"A810" && id == PROP_RED_EYE_MODE) kind = PropertyKind::SubProperty2;
+            if (model.name == u"A810" && id == ORQ_PROP_RED_EYE_MODE)
+                kind = PropertyKind::SubProperty2;
             EXPECT_EQ(entry.kind, kind);
             if (!writers.count(id)) {
                 EXPECT_EQ(entry.subCase1, subCase);
@@ -136,7 +137,7 @@ TEST(ProfileTable, KindsSubCasesAndInvariantsOfEveryEntry) {
             }
             // No table reads two ways; G15's white balance is the one value listed twice.
             EXPECT_EQ(cameraValues.size(), entry.values.size());
-            const bool g15Custom = model.name == u"G15" && id == PROP_WB_MODE;
+            const bool g15Custom = model.name == u"G15" && id == ORQ_PROP_WB_MODE;
             EXPECT_EQ(values.size() + (g15Custom ? 1 : 0), entry.values.size());
         }
     }
@@ -166,7 +167,8 @@ TEST(ProfileTable, ImageSizes) {
     for (const auto& [names, sizes] : groups) {
         for (const std::u16string& name : names) {
             Sizes actual;
-            for (const PropertyValue& r : FindCameraConfig(name)->Find(PROP_IMAGE_SIZE)->values) {
+            for (const PropertyValue& r :
+                 FindCameraConfig(name)->Find(ORQ_PROP_IMAGE_SIZE)->values) {
                 actual.push_back({r.value, r.cameraValue, r.width, r.height});
             }
             EXPECT_EQ(actual, sizes) << Narrow(name);
@@ -194,7 +196,7 @@ TEST(TvTables, LengthEndsFormAndDeviationOfEveryModel) {
     };
     for (const Expected& e : expected) {
         SCOPED_TRACE(Narrow(e.model));
-        const PropertyEntry& tv = *FindCameraConfig(e.model)->Find(PROP_TV);
+        const PropertyEntry& tv = *FindCameraConfig(e.model)->Find(ORQ_PROP_TV);
         ASSERT_EQ(tv.values.size(), e.count);
         EXPECT_EQ(tv.values.front().value, e.first.value);
         EXPECT_EQ(tv.values.front().cameraValue, e.first.cameraValue);
@@ -207,11 +209,11 @@ TEST(TvTables, LengthEndsFormAndDeviationOfEveryModel) {
 TEST(Negatives, EachCompensationTableKeepsItsCamerasForm) {
     // Signed on these tables only; everywhere else a negative is written in 16 bits.
     const std::set<std::pair<std::u16string, int32_t>> signedTables = {
-        {u"SX130", PROP_EXPOSURE_COMPENSATION},
-        {u"SX130", PROP_FLASH_COMPENSATION},
-        {u"SX150", PROP_FLASH_COMPENSATION}};
+        {u"SX130", ORQ_PROP_EXPOSURE_COMPENSATION},
+        {u"SX130", ORQ_PROP_FLASH_COMPENSATION},
+        {u"SX150", ORQ_PROP_FLASH_COMPENSATION}};
     for (const CameraConfig& model : CameraConfigTable()) {
-        for (int32_t id : {PROP_EXPOSURE_COMPENSATION, PROP_FLASH_COMPENSATION}) {
+        for (int32_t id : {ORQ_PROP_EXPOSURE_COMPENSATION, ORQ_PROP_FLASH_COMPENSATION}) {
             const PropertyEntry* entry = model.Find(id);
             if (!entry) continue;
             const bool isSigned = signedTables.count({model.name, id}) != 0;
@@ -227,12 +229,12 @@ TEST(ValueTables, SingularSpellings) {
         int32_t id, value, raw;
         const char* what;
     } cases[] = {
-        {u"A495", PROP_RED_EYE_MODE, 0, 1, "inverted on the camera"},
-        {u"SX160", PROP_MY_COLORS, 10, 8, "crossed numbers"},
-        {u"A1400", PROP_JPEG_QUALITY, 3, 10, "a value of one model only"},
-        {u"SX500", PROP_AV, 34, 352, "\"3.4\" on the number of another model's \"3.5\""},
-        {u"SX130", PROP_AV, 34, 347, "\"3.4\" on its own number"},
-        {u"G15", PROP_WB_MODE, 9, 8, "the first of two custom slots"},
+        {u"A495", ORQ_PROP_RED_EYE_MODE, 0, 1, "inverted on the camera"},
+        {u"SX160", ORQ_PROP_MY_COLORS, 10, 8, "crossed numbers"},
+        {u"A1400", ORQ_PROP_JPEG_QUALITY, 3, 10, "a value of one model only"},
+        {u"SX500", ORQ_PROP_AV, 34, 352, "\"3.4\" on the number of another model's \"3.5\""},
+        {u"SX130", ORQ_PROP_AV, 34, 347, "\"3.4\" on its own number"},
+        {u"G15", ORQ_PROP_WB_MODE, 9, 8, "the first of two custom slots"},
     };
     for (const Case& c : cases) {
         int32_t raw = 0;
@@ -240,7 +242,7 @@ TEST(ValueTables, SingularSpellings) {
         EXPECT_EQ(raw, c.raw) << Narrow(c.model) << ": " << c.what;
     }
     // Either of the G15's custom slots reads back as its one value.
-    const PropertyEntry& wb = *FindCameraConfig(u"G15")->Find(PROP_WB_MODE);
+    const PropertyEntry& wb = *FindCameraConfig(u"G15")->Find(ORQ_PROP_WB_MODE);
     EXPECT_EQ(wb.FromCamera(9)->value, 9);
 }
 

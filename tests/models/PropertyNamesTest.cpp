@@ -26,7 +26,7 @@ TEST(PropertyNames, TablesAndLookups) {
         EXPECT_EQ(PropertyValueByName().at({key.first, name}), key.second);
     }
     for (const auto& [id, name] : PropertyNames()) {
-        EXPECT_EQ(IsPropertyWritable(id), id != PROP_BATTERY_LEVEL) << id;
+        EXPECT_EQ(IsPropertyWritable(id), id != ORQ_PROP_BATTERY_LEVEL) << id;
     }
     EXPECT_FALSE(IsPropertyWritable(12));
 
