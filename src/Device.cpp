@@ -216,8 +216,9 @@ template <class Message>
 int32_t Device::Coalesce(int32_t value, const char* line) {
     std::lock_guard<std::mutex> guard(queueLock);
     while (!queue.empty()) {
-        auto* next = dynamic_cast<Message*>(queue.front().get());
-        if (!next || typeid(*queue.front()) != typeid(Message)) break;
+        const MainLoopMsg_Base& front = *queue.front();
+        auto* next = dynamic_cast<const Message*>(&front);
+        if (!next || typeid(front) != typeid(Message)) break;
         value = next->position;
         ORQ_LOG(DEB, line, value);
         queue.pop_front();
