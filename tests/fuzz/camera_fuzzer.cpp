@@ -76,15 +76,15 @@ public:
     void Wait(std::chrono::milliseconds delay) override { orqfuzz::AdvanceVirtualTime(delay); }
 
 private:
-    // TEMPORARY, until the library caps the lengths a camera declares: a data container that
-    // announces more than kDeclaredLengthCap bytes announces that many instead, so that the
-    // known unbounded allocation does not end every run. Remove with the library's cap.
-    static constexpr uint32_t kDeclaredLengthCap = 16u << 20;
-    static void CapDeclaredLength(uint8_t* header) {
+    // TEMPORARY, until the link caps the lengths a camera declares before it allocates: a data
+    // container that declares more than the input still holds declares one byte more than that.
+    // The read fails just the same, without a useless allocation of up to 4 GiB each time.
+    void CapDeclaredLength(uint8_t* header) const {
         const uint32_t length =
             header[0] | header[1] << 8 | header[2] << 16 | uint32_t(header[3]) << 24;
-        if (length <= kDeclaredLengthCap) return;
-        for (int i = 0; i < 4; ++i) header[i] = static_cast<uint8_t>(kDeclaredLengthCap >> (8 * i));
+        const uint64_t most = 12 + uint64_t(size - offset) + 1;
+        if (length <= most) return;
+        for (int i = 0; i < 4; ++i) header[i] = static_cast<uint8_t>(most >> (8 * i));
     }
 
     UsbDevice* Handle() { return reinterpret_cast<UsbDevice*>(this); }
