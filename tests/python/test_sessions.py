@@ -60,17 +60,22 @@ def _resident_kib():
         return int(statm.read().split()[1]) * resource.getpagesize() // 1024
 
 
-def test_open_close_cycles_keep_memory_flat(sdk, camera):
+def test_open_close_cycles_keep_memory_flat(sdk, camera, sdk_log):
+    camera.add_file("PIC_0001.JPG", b"picture")
     listed = sdk.camera()
 
     def cycle(times):
         for _ in range(times):
             with listed.open() as session:
-                session.settings["ISO Speed"]
+                session.settings.describe("Image Size")
                 session.files()
                 session.subscribe("camera_error", lambda error: None)
 
+    with listed.open() as session:
+        session.shoot()  # lists the card
     cycle(200)
     before = _resident_kib()
     cycle(1000)
     assert _resident_kib() - before < 1024
+    sdk.close()
+    assert "active free func" not in sdk_log()
