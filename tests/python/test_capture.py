@@ -15,7 +15,7 @@ def test_shots_to_card_and_host(session, camera, tmp_path):
     assert camera.file_count == on_card + 1 and card in session.files()
     saved = session.download(card, tmp_path)
     assert saved == tmp_path / card.name and saved.stat().st_size == card.size
-    with pytest.raises(OSError):
+    with pytest.raises(FileNotFoundError):
         session.download(card, tmp_path / "missing" / "card.jpg")
 
     host = session.shoot(to_host=True, timeout=10)

@@ -362,8 +362,6 @@ class Session:
         )
         if delete_after:
             self._host_files.discard(file_id)
-        if not Path(written).is_file():
-            raise OSError(f"the camera's file {file_id} was not written to {written}")
         return Path(written)
 
     def _name_of(self, file_id: int) -> str:
