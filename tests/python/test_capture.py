@@ -52,7 +52,7 @@ def test_exception_in_callback_does_not_stop_later_callbacks(session, caplog):
 
     def raising():
         calls["raising"] += 1
-        raise RuntimeError("handler fault")
+        session.shoot(timeout=1)  # refused: its completion would come on this thread
 
     def counting():
         calls["counting"] += 1
@@ -65,5 +65,5 @@ def test_exception_in_callback_does_not_stop_later_callbacks(session, caplog):
         while min(calls.values()) < 3 and time.monotonic() < deadline:
             time.sleep(0.02)
     assert min(calls.values()) >= 3
-    assert "handler fault" in caplog.text
+    assert "inside an SDK callback" in caplog.text
     assert session.next_frame().width == 320

@@ -11,7 +11,7 @@ from pathlib import Path
 from typing import TYPE_CHECKING, Any, Callable, Dict, Iterator, List, Optional, Set, Tuple, Union
 
 from ._errors import ClosedError, OrqError, Result, check, error_for
-from ._events import Subscription
+from ._events import Subscription, in_callback
 from ._lib import CameraInfoRecord, FileInfoRecord, make_text
 from ._preview import Frame
 from ._sdk import CameraInfo, FileInfo
@@ -227,6 +227,9 @@ class Session:
         what: str,
     ) -> Any:
         """Subscribes, runs `start`, and waits for an event that `accept` turns into a value."""
+        if in_callback():
+            # The event waited for would come on this very thread, after the wait.
+            raise RuntimeError(f"waiting for {what} inside an SDK callback would never end")
         waiter = _Waiter()
 
         def on_event(*args: Any) -> None:
@@ -348,6 +351,9 @@ class Session:
         if target.is_dir():
             name = file.name if isinstance(file, FileInfo) else self._name_of(file_id)
             target = target / name
+        # A target the SDK cannot write fails the camera's whole session, so it is refused here.
+        if not target.parent.is_dir():
+            raise FileNotFoundError(f"no folder {target.parent} to download into")
         text = make_text(str(target))
 
         def start() -> None:
