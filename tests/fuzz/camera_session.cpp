@@ -19,7 +19,7 @@ public:
 
     bool IsMemLogging() override { return sdkConfig->MemLogging; }
     OrqResult SetPreShootProperty() override {
-        return config.Has(orq::PROP_FLASH_POWER) ? WriteProperty(orq::PROP_FLASH_POWER) : ORQ_OK;
+        return config.Has(ORQ_PROP_FLASH_POWER) ? WriteProperty(ORQ_PROP_FLASH_POWER) : ORQ_OK;
     }
 
     // Ids a download or a removal may name: the card's files, then the pictures held here.
@@ -42,7 +42,7 @@ public:
         if ((step = CleanMemoryCard()) != ORQ_OK) return step;
         if ((step = PTPGetCamLog()) != ORQ_OK) return step;
         if ((step = PTPUpdateObjectsInfo()) != ORQ_OK) return step;
-        if (config.Has(orq::PROP_MANUAL_FOCUS_MODE)) return PTPManualFocusEnable(false);
+        if (config.Has(ORQ_PROP_MANUAL_FOCUS_MODE)) return PTPManualFocusEnable(false);
         return ORQ_OK;
     }
 

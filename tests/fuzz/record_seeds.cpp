@@ -147,7 +147,7 @@ int main(int argc, char** argv) {
                                        kRemove,  0,      kCamLog,   kUpdateAeAf};
     // To the host: Direct Transfer on, two shots held in memory, one downloaded and removed.
     auto host = [&](const char* code) {
-        return SetProperty(model(code), orq::PROP_DIRECT_TRANSFER, 0) +
+        return SetProperty(model(code), ORQ_PROP_DIRECT_TRANSFER, 0) +
                std::vector<uint8_t>{kShoot, kShoot, kDownload, 3, kRemove, 3, kFocus, 20};
     };
     const std::vector<uint8_t> video = {kVideoStart, kPoll, kVideoStop, kDownload, 2};
@@ -155,7 +155,7 @@ int main(int argc, char** argv) {
     const std::vector<uint8_t> unplug = {kUnplug, kPoll};
 
     bool ok = Record(folder, "SX160", "card", 0,
-                     card + SetProperty(model("SX160"), orq::PROP_IMAGE_SIZE, 0) + unplug);
+                     card + SetProperty(model("SX160"), ORQ_PROP_IMAGE_SIZE, 0) + unplug);
     ok &= Record(folder, "SX160", "host-memlog", 1, host("SX160") + unplug);
     ok &= Record(folder, "G15", "card", 0, card + unplug);
     ok &= Record(folder, "A810", "card", 2, card + unplug);
