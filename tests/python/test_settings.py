@@ -1,6 +1,8 @@
 """Settings by name and value name, and the refusals."""
 
+import re
 import time
+from pathlib import Path
 
 import pytest
 
@@ -20,7 +22,7 @@ def test_settings_by_name(session, camera):
     session.settings["ISO Speed"] = "ISO 400"
     assert session.settings["ISO Speed"] == "ISO 400"
     assert _camera_case(camera, ISO_CASE, 400) == 400
-    session.settings[7] = 200
+    session.settings[orqsdk.Property.ISO_SPEED] = 200
     assert _camera_case(camera, ISO_CASE, 200) == 200
     iso = session.settings.describe("ISO Speed")
     assert "ISO 1600" in iso.values and not iso.read_only
@@ -55,3 +57,15 @@ def test_value_hidden_by_another_setting_is_refused(session):
     for value in ("Superfine", 0):
         with pytest.raises(orqsdk.PropertyConstraint):
             session.settings["JPEG Quality"] = value
+
+
+def test_tables_match_the_c_header():
+    header = (Path(__file__).resolve().parents[2] / "include").glob("orqsdk*.h")
+    text = "\n".join(path.read_text() for path in header)
+
+    def enum_in_header(name, prefix):
+        body = re.search(r"typedef enum %s \{(.*?)\}" % name, text, re.S).group(1)
+        return {key: int(value) for key, value in re.findall(prefix + r"(\w+) = (\d+)", body)}
+
+    assert enum_in_header("OrqResult", "ORQ_") == {r.name: r.value for r in orqsdk.Result}
+    assert enum_in_header("OrqPropertyId", "ORQ_PROP_") == {p.name: p.value for p in orqsdk.Property}

@@ -35,7 +35,7 @@ from ._lib import Library, LibraryNotFound, load_sdk
 from ._preview import Frame
 from ._sdk import SDK, Camera, CameraInfo, FileInfo
 from ._session import Session
-from ._settings import Description, Settings
+from ._settings import Description, Property, Settings
 
 __all__ = [
     "SDK",
@@ -44,6 +44,7 @@ __all__ = [
     "Session",
     "Settings",
     "Description",
+    "Property",
     "FileInfo",
     "Frame",
     "Subscription",

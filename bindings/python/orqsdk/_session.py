@@ -15,7 +15,7 @@ from ._events import Subscription, in_callback
 from ._lib import CameraInfoRecord, FileInfoRecord, make_text
 from ._preview import Frame
 from ._sdk import CameraInfo, FileInfo
-from ._settings import Settings
+from ._settings import Property, Settings
 
 if TYPE_CHECKING:
     from ._sdk import SDK, Camera
@@ -303,18 +303,18 @@ class Session:
         """
         previous: Optional[int] = None
         if to_host:
-            previous = self.settings.raw("Direct Transfer")
+            previous = self.settings.raw(Property.DIRECT_TRANSFER)
             if previous != 0:
-                self.settings.set_raw("Direct Transfer", 0)
-        elif "Direct Transfer" in self.settings and self.settings.raw("Direct Transfer") == 0:
+                self.settings.set_raw(Property.DIRECT_TRANSFER, 0)
+        elif Property.DIRECT_TRANSFER in self.settings and self.settings.raw(Property.DIRECT_TRANSFER) == 0:
             previous = 0
-            self.settings.set_raw("Direct Transfer", 1)
+            self.settings.set_raw(Property.DIRECT_TRANSFER, 1)
         try:
             return self._wait("shoot_completed", lambda file: file, lambda: self._simple("OrqShoot"), timeout, "the shot")
         finally:
             if previous is not None and not self.closed:
                 with contextlib.suppress(OrqError):
-                    self.settings.set_raw("Direct Transfer", previous)
+                    self.settings.set_raw(Property.DIRECT_TRANSFER, previous)
 
     def files(self) -> List[FileInfo]:
         """The files on the card, as the SDK last listed them."""

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import ctypes
+import enum
 import threading
 from dataclasses import dataclass
 from typing import TYPE_CHECKING, Dict, Iterator, List, MutableMapping, Optional, Tuple, Union
@@ -14,6 +15,38 @@ if TYPE_CHECKING:
     from ._session import Session
 
 Key = Union[str, int]
+
+
+class Property(enum.IntEnum):
+    """Property ids, the same on every model (the C header's ``ORQ_PROP_...``); a model offers a
+    subset. Usable as settings keys: ``session.settings[Property.ISO_SPEED]``."""
+
+    SHOOTING_MODE = 0
+    IMAGE_SIZE = 1
+    JPEG_QUALITY = 2
+    METERING_MODE = 3
+    WB_MODE = 4
+    FLASH_MODE = 5
+    RED_EYE_MODE = 6
+    ISO_SPEED = 7
+    AV = 8
+    TV = 9
+    EXPOSURE_COMPENSATION = 10
+    FLASH_COMPENSATION = 11
+    BATTERY_LEVEL = 13
+    FOCUSING_ZONE = 14
+    MY_COLORS = 15
+    CONTRAST = 16
+    SHARPNESS = 17
+    SATURATION = 18
+    RED = 19
+    GREEN = 20
+    BLUE = 21
+    SKIN_TONE = 22
+    FLASH_POWER = 23
+    DIRECT_TRANSFER = 24
+    MANUAL_FOCUS_MODE = 25
+
 
 # Property ids are small; the names are fixed in the library, so they are read once.
 _ID_LIMIT = 64
@@ -70,7 +103,7 @@ class Settings(MutableMapping[str, str]):
     def id_of(self, key: Key) -> int:
         """The property id of a name or id; raises :class:`UnknownProperty` for an unknown name."""
         if isinstance(key, int):
-            return key
+            return int(key)
         for prop, name in property_names(self._lib).items():
             if name == key:
                 return prop
