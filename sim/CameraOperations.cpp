@@ -150,6 +150,18 @@ void VirtualCamera::InitialiseFromProfile() {
             }
             if (entry.kind == orq::PropertyKind::SubProperty2) propCases[entry.subCase2] = raw;
         }
+        // The largest size comes first, and the finest quality is not allowed with it.
+        const orq::PropertyEntry* size = profile->Find(orq::PROP_IMAGE_SIZE);
+        const orq::PropertyEntry* quality = profile->Find(orq::PROP_JPEG_QUALITY);
+        if (profile->HasConstraint(orq::CONSTRAINT_QUALITY_BY_SIZE) && size && quality &&
+            !size->values.empty() && size->values.front().value == 0 && quality->propCase >= 0) {
+            for (const orq::PropertyValue& value : quality->values) {
+                if (value.value != 0) {
+                    propCases[quality->propCase] = value.cameraValue;
+                    break;
+                }
+            }
+        }
     }
     if (options.folders) {
         uint32_t dcim = AddObjectLocked(u"DCIM", nullptr, true, 0, 0);

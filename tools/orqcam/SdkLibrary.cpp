@@ -71,7 +71,44 @@ bool SdkLibrary::Load(bool simulated, std::string& error) {
     bind(CameraListChangedSubscribe, "OrqCameraListChangedSubscribe");
     bind(PropertyChangedSubscribe, "OrqPropertyChangedSubscribe");
     bind(CameraErrorSubscribe, "OrqCameraErrorSubscribe");
-    if (simulated) bind(SimAttachCamera, "OrqSimAttachCamera");
+    bind(GetSDKVersion, "OrqGetSDKVersion");
+    bind(CameraInitializationErrorSubscribe, "OrqCameraInitializationErrorSubscribe");
+    bind(GetCameraConnectionState, "OrqGetCameraConnectionState");
+    bind(ResetCamera, "OrqResetCamera");
+    bind(UpdateAEAF, "OrqUpdateAEAF");
+    bind(Shoot, "OrqShoot");
+    bind(ShootCompletedSubscribe, "OrqShootCompletedSubscribe");
+    bind(GetFileList, "OrqGetFileList");
+    bind(DownloadFile, "OrqDownloadFile");
+    bind(DownloadFileTo, "OrqDownloadFileTo");
+    bind(DeleteFile, "OrqDeleteFile");
+    bind(DownloadCompletedSubscribe, "OrqDownloadCompletedSubscribe");
+    bind(IsVideoSupported, "OrqIsVideoSupported");
+    bind(StartVideo, "OrqStartVideo");
+    bind(StopVideo, "OrqStopVideo");
+    bind(PropertyListChangedSubscribe, "OrqPropertyListChangedSubscribe");
+    bind(GetMaximumZoom, "OrqGetMaximumZoom");
+    bind(GetZoom, "OrqGetZoom");
+    bind(SetZoom, "OrqSetZoom");
+    bind(ZoomChangedSubscribe, "OrqZoomChangedSubscribe");
+    bind(ZoomCompletedSubscribe, "OrqZoomCompletedSubscribe");
+    bind(GetFocus, "OrqGetFocus");
+    bind(SetFocus, "OrqSetFocus");
+    bind(FocusShift, "OrqFocusShift");
+    bind(FocusChangedSubscribe, "OrqFocusChangedSubscribe");
+    bind(GetPreviewFrame, "OrqGetPreviewFrame");
+    bind(SetPreviewState, "OrqSetPreviewState");
+    bind(GetPreviewState, "OrqGetPreviewState");
+    bind(NewPreviewFrameSubscribe, "OrqNewPreviewFrameSubscribe");
+    if (simulated) {
+        bind(SimAttachCamera, "OrqSimAttachCamera");
+        bind(SimDetachCamera, "OrqSimDetachCamera");
+        bind(SimRemoveCamera, "OrqSimRemoveCamera");
+        bind(SimGetPropCase, "OrqSimGetPropCase");
+        bind(SimGetFileCount, "OrqSimGetFileCount");
+        bind(SimCountOperations, "OrqSimCountOperations");
+        bind(SimAddFile, "OrqSimAddFile");
+    }
     if (!complete) error = file + " lacks exports of this SDK version";
     return complete;
 }

@@ -26,7 +26,43 @@ struct SdkLibrary {
     decltype(&OrqCameraListChangedSubscribe) CameraListChangedSubscribe = nullptr;
     decltype(&OrqPropertyChangedSubscribe) PropertyChangedSubscribe = nullptr;
     decltype(&OrqCameraErrorSubscribe) CameraErrorSubscribe = nullptr;
-    decltype(&OrqSimAttachCamera) SimAttachCamera = nullptr;  // simulator build only
+    decltype(&OrqGetSDKVersion) GetSDKVersion = nullptr;
+    decltype(&OrqCameraInitializationErrorSubscribe) CameraInitializationErrorSubscribe = nullptr;
+    decltype(&OrqGetCameraConnectionState) GetCameraConnectionState = nullptr;
+    decltype(&OrqResetCamera) ResetCamera = nullptr;
+    decltype(&OrqUpdateAEAF) UpdateAEAF = nullptr;
+    decltype(&OrqShoot) Shoot = nullptr;
+    decltype(&OrqShootCompletedSubscribe) ShootCompletedSubscribe = nullptr;
+    decltype(&OrqGetFileList) GetFileList = nullptr;
+    decltype(&OrqDownloadFile) DownloadFile = nullptr;
+    decltype(&OrqDownloadFileTo) DownloadFileTo = nullptr;
+    decltype(&OrqDeleteFile) DeleteFile = nullptr;
+    decltype(&OrqDownloadCompletedSubscribe) DownloadCompletedSubscribe = nullptr;
+    decltype(&OrqIsVideoSupported) IsVideoSupported = nullptr;
+    decltype(&OrqStartVideo) StartVideo = nullptr;
+    decltype(&OrqStopVideo) StopVideo = nullptr;
+    decltype(&OrqPropertyListChangedSubscribe) PropertyListChangedSubscribe = nullptr;
+    decltype(&OrqGetMaximumZoom) GetMaximumZoom = nullptr;
+    decltype(&OrqGetZoom) GetZoom = nullptr;
+    decltype(&OrqSetZoom) SetZoom = nullptr;
+    decltype(&OrqZoomChangedSubscribe) ZoomChangedSubscribe = nullptr;
+    decltype(&OrqZoomCompletedSubscribe) ZoomCompletedSubscribe = nullptr;
+    decltype(&OrqGetFocus) GetFocus = nullptr;
+    decltype(&OrqSetFocus) SetFocus = nullptr;
+    decltype(&OrqFocusShift) FocusShift = nullptr;
+    decltype(&OrqFocusChangedSubscribe) FocusChangedSubscribe = nullptr;
+    decltype(&OrqGetPreviewFrame) GetPreviewFrame = nullptr;
+    decltype(&OrqSetPreviewState) SetPreviewState = nullptr;
+    decltype(&OrqGetPreviewState) GetPreviewState = nullptr;
+    decltype(&OrqNewPreviewFrameSubscribe) NewPreviewFrameSubscribe = nullptr;
+    // Simulator build only.
+    decltype(&OrqSimAttachCamera) SimAttachCamera = nullptr;
+    decltype(&OrqSimDetachCamera) SimDetachCamera = nullptr;
+    decltype(&OrqSimRemoveCamera) SimRemoveCamera = nullptr;
+    decltype(&OrqSimGetPropCase) SimGetPropCase = nullptr;
+    decltype(&OrqSimGetFileCount) SimGetFileCount = nullptr;
+    decltype(&OrqSimCountOperations) SimCountOperations = nullptr;
+    decltype(&OrqSimAddFile) SimAddFile = nullptr;
 
 private:
     void* handle = nullptr;

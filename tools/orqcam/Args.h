@@ -1,0 +1,41 @@
+// The command line: global options, the verb and its own options, and the help texts.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace orqcam {
+
+struct Options {
+    std::vector<std::string> models;  // --virtual, canonical spelling, one camera each
+    int camera = 0;
+    bool cameraGiven = false;
+    bool all = false;  // every camera
+    bool json = false;
+    bool quiet = false;
+    int timeoutMs = 10000;
+    std::string verb;
+    std::vector<std::string> args;
+    // Options of single verbs.
+    std::string toHost;        // shoot --to-host DIR
+    std::string dir;           // download --dir DIR
+    std::string out;           // preview --out DIR
+    bool deleteAfter = false;  // download --delete
+    bool allFiles = false;     // download --all
+    int frames = 10;           // preview --frames N
+    bool version = false;
+};
+
+enum class Parsed { Run, Done, Usage };
+
+// Fills options; Done when --help was answered, Usage after saying what is wrong.
+Parsed ParseArguments(const std::vector<std::string>& arguments, Options& options);
+
+// The models a virtual camera can be, and the canonical spelling of one given in any case.
+const std::vector<std::string>& KnownModels();
+bool CanonicalModel(const std::string& text, std::string& model);
+
+// A whole decimal number in int range, nothing else.
+bool ParseInteger(const std::string& text, int& value);
+
+}  // namespace orqcam

@@ -1,0 +1,186 @@
+#include "Output.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdint>
+
+namespace orqcam {
+
+Io io;
+
+const char* ResultName(int result) {
+    switch (result) {
+        case ORQ_OK:
+            return "ORQ_OK";
+        case ORQ_ERROR:
+            return "ORQ_ERROR";
+        case ORQ_SESSION_BUSY:
+            return "ORQ_SESSION_BUSY";
+        case ORQ_DEVICE_NOT_READY:
+            return "ORQ_DEVICE_NOT_READY";
+        case ORQ_NOT_READY:
+            return "ORQ_NOT_READY";
+        case ORQ_UNKNOWN_PROPERTY:
+            return "ORQ_UNKNOWN_PROPERTY";
+        case ORQ_PROPERTY_CONSTRAINT:
+            return "ORQ_PROPERTY_CONSTRAINT";
+        case ORQ_BATTERY_LOW:
+            return "ORQ_BATTERY_LOW";
+        case ORQ_DISCONNECTED:
+            return "ORQ_DISCONNECTED";
+        case ORQ_SECOND_PROCESS:
+            return "ORQ_SECOND_PROCESS";
+        case ORQ_OLD_MODULE:
+            return "ORQ_OLD_MODULE";
+        default:
+            return "ORQ_UNKNOWN_RESULT";
+    }
+}
+
+int ExitFor(OrqResult result) {
+    switch (result) {
+        case ORQ_OK:
+            return kExitOk;
+        case ORQ_UNKNOWN_PROPERTY:
+        case ORQ_PROPERTY_CONSTRAINT:
+            return kExitRefused;
+        case ORQ_SECOND_PROCESS:
+            return kExitSdk;
+        default:
+            return kExitCameraError;
+    }
+}
+
+std::string Utf8(const OrqChar* text) {
+    std::string out;
+    for (; text && *text; ++text) {
+        auto c = static_cast<uint32_t>(static_cast<uint16_t>(*text));
+        if (c >= 0xD800 && c <= 0xDBFF && text[1] >= 0xDC00 && text[1] <= 0xDFFF) {
+            c = 0x10000 + ((c - 0xD800) << 10) + (static_cast<uint16_t>(text[1]) - 0xDC00);
+            ++text;
+        }
+        if (c < 0x80) {
+            out += static_cast<char>(c);
+        } else if (c < 0x800) {
+            out += static_cast<char>(0xC0 | (c >> 6));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else if (c < 0x10000) {
+            out += static_cast<char>(0xE0 | (c >> 12));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else {
+            out += static_cast<char>(0xF0 | (c >> 18));
+            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
+    return out;
+}
+
+std::string Lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+void Say(const char* format, ...) {
+    if (io.quiet) return;
+    va_list args;
+    va_start(args, format);
+    FILE* stream = io.json ? io.err : io.out;
+    std::vfprintf(stream, format, args);
+    va_end(args);
+    std::fflush(stream);
+}
+
+void Warn(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::vfprintf(io.err, format, args);
+    va_end(args);
+    std::fflush(io.err);
+}
+
+std::string JsonString(const std::string& text) {
+    std::string out = "\"";
+    for (char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+std::string JsonObject(const std::vector<std::pair<std::string, std::string>>& members) {
+    std::string out = "{";
+    for (const auto& [key, value] : members) {
+        if (out.size() > 1) out += ",";
+        out += JsonString(key) + ":" + value;
+    }
+    return out + "}";
+}
+
+std::string JsonArray(const std::vector<std::string>& items) {
+    std::string out = "[";
+    for (const std::string& item : items) {
+        if (out.size() > 1) out += ",";
+        out += item;
+    }
+    return out + "]";
+}
+
+namespace {
+
+// Columns are counted in characters, not bytes: names may hold any text.
+size_t Width(const std::string& text) {
+    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+    }));
+}
+
+}  // namespace
+
+void PrintTable(const std::vector<std::string>& header,
+                const std::vector<std::vector<std::string>>& rows) {
+    std::vector<size_t> widths(header.size(), 0);
+    auto measure = [&](const std::vector<std::string>& row) {
+        for (size_t i = 0; i < row.size() && i < widths.size(); ++i)
+            widths[i] = std::max(widths[i], Width(row[i]));
+    };
+    measure(header);
+    for (const auto& row : rows) measure(row);
+    auto print = [&](const std::vector<std::string>& row) {
+        std::string line;
+        for (size_t i = 0; i < row.size() && i < widths.size(); ++i) {
+            line += row[i];
+            if (i + 1 < row.size()) line += std::string(widths[i] - Width(row[i]) + 2, ' ');
+        }
+        Say("%s\n", line.c_str());
+    };
+    print(header);
+    for (const auto& row : rows) print(row);
+}
+
+Outcome Failure(int exitCode, const std::string& message, int result) {
+    Warn("orqcam: %s\n", message.c_str());
+    Outcome outcome;
+    outcome.exit = exitCode;
+    outcome.json = JsonObject({{"error", JsonString(message)},
+                               {"result", JsonString(ResultName(result))},
+                               {"exit", JsonNumber(exitCode)}});
+    return outcome;
+}
+
+Outcome FailureOf(OrqResult result, const std::string& what) {
+    return Failure(ExitFor(result), what + ": " + ResultName(result), result);
+}
+
+}  // namespace orqcam

@@ -1,0 +1,71 @@
+// How orqcam speaks: exit codes, result names, JSON documents, tables, and the two streams.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "orqsdk.h"
+
+namespace orqcam {
+
+// Exit codes; scripts depend on them, and --help and the README list them.
+enum Exit {
+    kExitOk = 0,
+    kExitSdk = 1,  // the SDK could not be loaded or started
+    kExitUsage = 2,
+    kExitNoCamera = 3,
+    kExitCameraError = 4,
+    kExitTimeout = 5,
+    kExitRefused = 6,
+};
+
+// Where output goes. Human text goes to `out`, or to `err` with --json, where `out` carries
+// the one JSON document of the command.
+struct Io {
+    FILE* out = stdout;
+    FILE* err = stderr;
+    bool json = false;
+    bool quiet = false;
+};
+extern Io io;
+
+const char* ResultName(int result);
+// The exit code a failed result of the SDK stands for.
+int ExitFor(OrqResult result);
+
+std::string Utf8(const OrqChar* text);
+std::string Lower(std::string text);
+
+// Human text: stdout normally, stderr under --json. Nothing under --quiet unless forced.
+void Say(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// A warning or error line on stderr, always.
+void Warn(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// JSON text builders: each returns a complete JSON value.
+std::string JsonString(const std::string& text);
+std::string JsonObject(const std::vector<std::pair<std::string, std::string>>& members);
+std::string JsonArray(const std::vector<std::string>& items);
+inline std::string JsonNumber(long long value) {
+    return std::to_string(value);
+}
+inline std::string JsonBool(bool value) {
+    return value ? "true" : "false";
+}
+
+// A table whose columns are as wide as their widest cell.
+void PrintTable(const std::vector<std::string>& header,
+                const std::vector<std::vector<std::string>>& rows);
+
+// The outcome of a command on one camera: its exit code and its JSON document.
+struct Outcome {
+    int exit = kExitOk;
+    std::string json = "{}";
+};
+
+// A failure: says it on stderr and makes the error document.
+Outcome Failure(int exitCode, const std::string& message, int result = ORQ_ERROR);
+Outcome FailureOf(OrqResult result, const std::string& what);
+
+}  // namespace orqcam
