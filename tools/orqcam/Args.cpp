@@ -51,7 +51,7 @@ const std::vector<VerbSpec>& Verbs() {
          "download ID|--all [--dir DIR] [--delete]",
          "copy a file (every file with --all) into DIR (default: the current folder); "
          "--delete removes it from the card afterwards. Put --all before the verb for every "
-         "camera",
+         "camera; each camera's files then go into DIR/cameraN",
          0,
          1,
          {"--all", "--dir", "--delete"}},
@@ -265,15 +265,15 @@ Parsed ParseArguments(const std::vector<std::string>& arguments, Options& option
     if (help) {
         const VerbSpec* verb = FindVerb(options.verb);
         if (verb) {
-            PrintVerbHelp(*verb, stdout);
+            PrintVerbHelp(*verb, io.out);
         } else {
-            PrintHelp(stdout);
+            PrintHelp(io.out);
         }
         return Parsed::Done;
     }
     if (options.version) return Parsed::Run;
     if (options.verb.empty()) {
-        PrintHelp(stderr);
+        PrintHelp(io.err);
         Usage("no verb given");
         return Parsed::Usage;
     }

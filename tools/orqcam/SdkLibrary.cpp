@@ -108,6 +108,8 @@ bool SdkLibrary::Load(bool simulated, std::string& error) {
         bind(SimGetFileCount, "OrqSimGetFileCount");
         bind(SimCountOperations, "OrqSimCountOperations");
         bind(SimAddFile, "OrqSimAddFile");
+        bind(SimRemoveAll, "OrqSimRemoveAll");
+        bind(SimInjectFault, "OrqSimInjectFault");
     }
     if (!complete) error = file + " lacks exports of this SDK version";
     return complete;

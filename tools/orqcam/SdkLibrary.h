@@ -63,6 +63,8 @@ struct SdkLibrary {
     decltype(&OrqSimGetFileCount) SimGetFileCount = nullptr;
     decltype(&OrqSimCountOperations) SimCountOperations = nullptr;
     decltype(&OrqSimAddFile) SimAddFile = nullptr;
+    decltype(&OrqSimRemoveAll) SimRemoveAll = nullptr;
+    decltype(&OrqSimInjectFault) SimInjectFault = nullptr;
 
 private:
     void* handle = nullptr;

@@ -68,10 +68,12 @@ uint64_t SizeOnDisk(const fs::path& path) {
 }
 
 // Downloads files into a folder, one after the other, each waited for and checked on disk.
+// With --all each camera has a folder of its own in it, as cameras name their files alike.
 Outcome Transfer(const Options& options, Camera& camera, const std::vector<FileRecord>& files,
                  const std::string& folder, bool deleteAfter, std::vector<std::string>& written) {
     std::error_code error;
     fs::path dir = fs::u8path(folder.empty() ? "." : folder);
+    if (options.all) dir /= "camera" + std::to_string(camera.Index());
     fs::create_directories(dir, error);
     if (!fs::is_directory(dir)) return Failure(kExitUsage, "cannot make the folder " + folder);
     uint64_t total = 0;
@@ -112,6 +114,13 @@ Outcome Transfer(const Options& options, Camera& camera, const std::vector<FileR
     }
     progress.Finish();
     camera.TakeDownloads();
+    // The download is reported before the deletion that follows it has reached the camera.
+    if (deleteAfter) {
+        bool timedOut = false;
+        OrqResult result = camera.Drain(options.timeoutMs, &timedOut);
+        if (timedOut) return Failure(kExitTimeout, "the camera did not delete in time");
+        if (result != ORQ_OK) return FailureOf(result, "delete after download failed");
+    }
     return Outcome{};
 }
 
