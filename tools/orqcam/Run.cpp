@@ -207,6 +207,7 @@ Outcome Started(const Options& options, bool simulated) {
     }
     // Each verb has waited for the work it queued; what is left is released here, and the
     // camera threads stop before the objects their callbacks reach are destroyed.
+    for (const auto& camera : owned) camera->Close();
     sdk.TerminateSDK();
     owned.clear();
     return outcome;

@@ -58,6 +58,29 @@ void Camera::Tell(const std::string& kind, const std::string& text, const std::s
     if (copy) copy(*this, kind, text, json);
 }
 
+bool Camera::Enter() {
+    std::lock_guard<std::mutex> guard(lock);
+    if (closed) return false;
+    ++inside;
+    return true;
+}
+
+void Camera::Leave() {
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        --inside;
+    }
+    changed.notify_all();
+}
+
+void Camera::Close() {
+    std::unique_lock<std::mutex> guard(lock);
+    closed = true;
+    sink = nullptr;
+    // A callback's SDK calls are short; the bound only keeps a stuck one from hanging us.
+    changed.wait_for(guard, std::chrono::seconds(10), [this] { return inside == 0; });
+}
+
 Camera::Counts Camera::Seen() {
     std::lock_guard<std::mutex> guard(lock);
     return counts;
@@ -106,9 +129,11 @@ std::vector<std::pair<int, std::string>> Camera::TakeDownloads() {
 void Camera::OnShoot(void* context, OrqFileInfo* file) {
     auto* self = static_cast<Camera*>(context);
     FileRecord record;
-    if (file) {
-        record = FileRecord{file->id, Utf8(file->name), file->size};
+    if (file) record = FileRecord{file->id, Utf8(file->name), file->size};
+    // Once closed, termination releases the record itself.
+    if (self->Enter()) {
         sdk.Free(file);
+        self->Leave();
     }
     {
         std::lock_guard<std::mutex> guard(self->lock);
@@ -127,7 +152,10 @@ void Camera::OnShoot(void* context, OrqFileInfo* file) {
 void Camera::OnDownload(void* context, int fileId, OrqChar* path) {
     auto* self = static_cast<Camera*>(context);
     std::string text = Utf8(path);
-    sdk.Free(path);
+    if (self->Enter()) {
+        sdk.Free(path);
+        self->Leave();
+    }
     {
         std::lock_guard<std::mutex> guard(self->lock);
         self->downloads.emplace_back(fileId, text);
@@ -140,6 +168,7 @@ void Camera::OnDownload(void* context, int fileId, OrqChar* path) {
 
 void Camera::OnProperty(void* context, int propertyId) {
     auto* self = static_cast<Camera*>(context);
+    if (!self->Enter()) return;
     int value = 0;
     OrqResult read = sdk.GetPropertyData(self->session, propertyId, &value);
     OrqChar* name = nullptr;
@@ -154,6 +183,7 @@ void Camera::OnProperty(void* context, int propertyId) {
                            {"name", JsonString(property)},
                            {"value", JsonNumber(value)},
                            {"valueName", JsonString(shown)}}));
+    self->Leave();
 }
 
 void Camera::OnPropertyList(void* context) {
@@ -162,9 +192,11 @@ void Camera::OnPropertyList(void* context) {
 
 void Camera::OnZoomChanged(void* context) {
     auto* self = static_cast<Camera*>(context);
+    if (!self->Enter()) return;
     int zoom = 0;
     sdk.GetZoom(self->session, &zoom);
     self->Tell("zoom", "zoom " + std::to_string(zoom), JsonObject({{"zoom", JsonNumber(zoom)}}));
+    self->Leave();
 }
 
 void Camera::OnZoomCompleted(void* context) {
@@ -179,10 +211,12 @@ void Camera::OnZoomCompleted(void* context) {
 
 void Camera::OnFocus(void* context) {
     auto* self = static_cast<Camera*>(context);
+    if (!self->Enter()) return;
     int focus = 0;
     sdk.GetFocus(self->session, &focus);
     self->Tell("focus", "focus " + std::to_string(focus),
                JsonObject({{"focus", JsonNumber(focus)}}));
+    self->Leave();
 }
 
 void Camera::OnPreview(void* context) {

@@ -54,6 +54,11 @@ public:
     // the lens is, which the camera finishes after all that was queued before it.
     OrqResult Drain(int timeoutMs, bool* timedOut);
 
+    // Before OrqTerminateSDK: from here on callbacks make no SDK call, and those under way
+    // have ended. Termination releases the session before it stops the camera's thread, so a
+    // callback still calling in with the session would reach freed memory.
+    void Close();
+
     std::vector<FileRecord> TakeShots();
     std::vector<std::pair<int, std::string>> TakeDownloads();
     OrqResult Failure();
@@ -69,6 +74,9 @@ private:
     static void OnPreview(void* context);
     static void OnError(void* context, OrqResult result);
     void Tell(const std::string& kind, const std::string& text, const std::string& json);
+    // Brackets a callback's calls into the SDK; false once closed.
+    bool Enter();
+    void Leave();
 
     int index;
     OrqCameraInfo info;
@@ -79,6 +87,8 @@ private:
     std::condition_variable changed;
     Counts counts;
     OrqResult failure = ORQ_OK;
+    bool closed = false;
+    int inside = 0;  // callbacks between Enter and Leave
     std::vector<FileRecord> shots;
     std::vector<std::pair<int, std::string>> downloads;
     EventSink sink;
