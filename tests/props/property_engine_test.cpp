@@ -178,7 +178,10 @@ TEST(PropertySet, ChecksComeInOrderAndTheModeAndMyColorsShowAndHideProperties) {
 }
 
 TEST(PropertySet, LargestImageSizeStepsQualityDownFirst) {
-    Rig rig("A1400", [](VirtualCamera& c) { c.SetPropCase(221, 1); });
+    Rig rig("A1400", [](VirtualCamera& c) {
+        c.SetPropCase(221, 1);
+        c.SetPropCase(167, 0);  // Superfine, allowed below the largest size
+    });
     ASSERT_EQ(rig.loaded, ORQ_OK);
     Camera& cam = *rig.camera;
     EXPECT_EQ(Offered(cam, 2), (std::vector<int>{0, 1, 2, 3}));
