@@ -151,12 +151,13 @@ void VirtualCamera::InitialiseFromProfile() {
             if (entry.kind == orq::PropertyKind::SubProperty2) propCases[entry.subCase2] = raw;
         }
         // The largest size comes first, and the finest quality is not allowed with it.
-        const orq::PropertyEntry* size = profile->Find(orq::PROP_IMAGE_SIZE);
-        const orq::PropertyEntry* quality = profile->Find(orq::PROP_JPEG_QUALITY);
+        const orq::PropertyEntry* size = profile->Find(ORQ_PROP_IMAGE_SIZE);
+        const orq::PropertyEntry* quality = profile->Find(ORQ_PROP_JPEG_QUALITY);
         if (profile->HasConstraint(orq::CONSTRAINT_QUALITY_BY_SIZE) && size && quality &&
-            !size->values.empty() && size->values.front().value == 0 && quality->propCase >= 0) {
+            !size->values.empty() && size->values.front().value == ORQ_IMAGE_SIZE_LARGE &&
+            quality->propCase >= 0) {
             for (const orq::PropertyValue& value : quality->values) {
-                if (value.value != 0) {
+                if (value.value != ORQ_JPEG_QUALITY_SUPERFINE) {
                     propCases[quality->propCase] = value.cameraValue;
                     break;
                 }

@@ -13,7 +13,6 @@
 #include "Session.h"
 #include "Verbs.h"
 #include "models/CameraConfig.h"
-#include "models/PropertyIds.h"
 
 namespace orqcam {
 namespace {
@@ -98,18 +97,18 @@ TEST_F(OrqcamTest, SetLandsOnTheCameraBeforeTheToolExits) {
     ASSERT_EQ(Cmd({"--json", "get", "Exposure Compensation"}), kExitOk);
     ASSERT_EQ(Cmd({"set", "exposure compensation", "0"}), kExitOk) << err;
     ASSERT_EQ(Cmd({"--json", "get", "10"}), kExitOk);
-    EXPECT_EQ(ValueName(orq::PROP_EXPOSURE_COMPENSATION, JsonValue(out)), "0");
-    EXPECT_EQ(OnCamera(camera, orq::PROP_EXPOSURE_COMPENSATION), JsonValue(out));
+    EXPECT_EQ(ValueName(ORQ_PROP_EXPOSURE_COMPENSATION, JsonValue(out)), "0");
+    EXPECT_EQ(OnCamera(camera, ORQ_PROP_EXPOSURE_COMPENSATION), JsonValue(out));
     ASSERT_EQ(Cmd({"set", "Image Size", "2"}), kExitOk) << err;
-    EXPECT_EQ(ValueName(orq::PROP_IMAGE_SIZE, OnCamera(camera, orq::PROP_IMAGE_SIZE)), "Medium 2");
+    EXPECT_EQ(ValueName(ORQ_PROP_IMAGE_SIZE, OnCamera(camera, ORQ_PROP_IMAGE_SIZE)), "Medium 2");
 
     // The measure: every one of 100 sets is on the camera once the command has returned.
     const std::vector<std::string> sizes = {"large", "Medium 1", "MEDIUM 2", "small"};
     int landed = 0;
     for (int i = 0; i < 100; ++i) {
-        std::string name = ValueName(orq::PROP_IMAGE_SIZE, OnCamera(camera, orq::PROP_IMAGE_SIZE));
+        std::string name = ValueName(ORQ_PROP_IMAGE_SIZE, OnCamera(camera, ORQ_PROP_IMAGE_SIZE));
         if (Cmd({"--quiet", "set", "image size", sizes[i % 4]}) == kExitOk &&
-            Lower(ValueName(orq::PROP_IMAGE_SIZE, OnCamera(camera, orq::PROP_IMAGE_SIZE))) ==
+            Lower(ValueName(ORQ_PROP_IMAGE_SIZE, OnCamera(camera, ORQ_PROP_IMAGE_SIZE))) ==
                 Lower(sizes[i % 4]) &&
             Lower(name) != Lower(sizes[i % 4]))
             ++landed;
@@ -193,8 +192,8 @@ TEST_F(OrqcamTest, EveryVerbWorksOnEveryModel) {
         EXPECT_EQ(Cmd({"props"}), kExitOk);
         EXPECT_EQ(Cmd({"get", "Image Size"}), kExitOk);
         EXPECT_EQ(Cmd({"--json", "set", "Image Size", "Small"}), kExitOk) << err;
-        EXPECT_EQ(OnCamera(camera, orq::PROP_IMAGE_SIZE), JsonValue(out));
-        EXPECT_EQ(ValueName(orq::PROP_IMAGE_SIZE, JsonValue(out)), "Small");
+        EXPECT_EQ(OnCamera(camera, ORQ_PROP_IMAGE_SIZE), JsonValue(out));
+        EXPECT_EQ(ValueName(ORQ_PROP_IMAGE_SIZE, JsonValue(out)), "Small");
         int before = files();
         ASSERT_EQ(Cmd({"shoot"}), kExitOk) << err;
         EXPECT_EQ(files(), before + 1);

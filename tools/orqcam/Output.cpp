@@ -9,32 +9,7 @@ namespace orqcam {
 Io io;
 
 const char* ResultName(int result) {
-    switch (result) {
-        case ORQ_OK:
-            return "ORQ_OK";
-        case ORQ_ERROR:
-            return "ORQ_ERROR";
-        case ORQ_SESSION_BUSY:
-            return "ORQ_SESSION_BUSY";
-        case ORQ_DEVICE_NOT_READY:
-            return "ORQ_DEVICE_NOT_READY";
-        case ORQ_NOT_READY:
-            return "ORQ_NOT_READY";
-        case ORQ_UNKNOWN_PROPERTY:
-            return "ORQ_UNKNOWN_PROPERTY";
-        case ORQ_PROPERTY_CONSTRAINT:
-            return "ORQ_PROPERTY_CONSTRAINT";
-        case ORQ_BATTERY_LOW:
-            return "ORQ_BATTERY_LOW";
-        case ORQ_DISCONNECTED:
-            return "ORQ_DISCONNECTED";
-        case ORQ_SECOND_PROCESS:
-            return "ORQ_SECOND_PROCESS";
-        case ORQ_OLD_MODULE:
-            return "ORQ_OLD_MODULE";
-        default:
-            return "ORQ_UNKNOWN_RESULT";
-    }
+    return OrqResultName(result);
 }
 
 int ExitFor(OrqResult result) {

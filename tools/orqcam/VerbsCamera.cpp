@@ -310,7 +310,7 @@ Outcome Focus(const Options& options, Camera& camera) {
     int focus = 0;
     result = sdk.GetFocus(camera.Session(), &focus);
     if (result != ORQ_OK) return FailureOf(result, "cannot read the focus");
-    Say("focus %d%s\n", focus, focus == -1 ? " (infinity)" : "");
+    Say("focus %d%s\n", focus, focus == ORQ_FOCUS_INFINITY ? " (infinity)" : "");
     Outcome outcome;
     outcome.json = JsonObject({{"focus", JsonNumber(focus)}});
     return outcome;

@@ -12,9 +12,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr int kDirectTransferProperty = 24;
-constexpr int kDirectTransferOn = 0;
-
 std::basic_string<OrqChar> Utf16(const std::string& text) {
     std::basic_string<OrqChar> out;
     for (size_t i = 0; i < text.size();) {
@@ -145,9 +142,9 @@ bool FindFile(Camera& camera, int id, FileRecord& found, Outcome& failed) {
 OrqResult PrepareShot(const Options& options, Camera& camera) {
     if (options.toHost.empty()) return ORQ_OK;
     int value = 0;
-    if (sdk.GetPropertyData(camera.Session(), kDirectTransferProperty, &value) != ORQ_OK)
+    if (sdk.GetPropertyData(camera.Session(), ORQ_PROP_DIRECT_TRANSFER, &value) != ORQ_OK)
         return ORQ_OK;
-    return sdk.SetPropertyData(camera.Session(), kDirectTransferProperty, kDirectTransferOn);
+    return sdk.SetPropertyData(camera.Session(), ORQ_PROP_DIRECT_TRANSFER, ORQ_SWITCH_ON);
 }
 
 // After the shot event: the file, brought to the host when asked, or when it lives in host
@@ -327,7 +324,7 @@ Outcome Preview(const Options& options, Camera& camera) {
             return Failure(kExitUsage, "cannot make the folder " + options.out);
     }
     int seen = camera.Seen().previewFrames;
-    OrqResult result = sdk.SetPreviewState(camera.Session(), 1);
+    OrqResult result = sdk.SetPreviewState(camera.Session(), ORQ_PREVIEW_ON);
     if (result != ORQ_OK) return FailureOf(result, "live view refused");
     auto start = std::chrono::steady_clock::now();
     std::vector<std::string> frames;
@@ -380,7 +377,7 @@ Outcome Preview(const Options& options, Camera& camera) {
         sdk.Free(frame);
         frames.push_back(name);
     }
-    sdk.SetPreviewState(camera.Session(), 0);
+    sdk.SetPreviewState(camera.Session(), ORQ_PREVIEW_OFF);
     if (!ok) return failed;
     double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
