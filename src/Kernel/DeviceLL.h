@@ -154,10 +154,16 @@ public:
     void ForceCloseUSB();
 
     // --- PTP link ---------------------------------------------------------------------------
+    // Most that a data phase may bring unless the operation says otherwise: far above any answer
+    // but a file's, a picture chunk's or a live-view frame's, which set their own bound.
+    static constexpr uint64_t kDataLimit = 32ull << 20;
+    // A data phase announcing more than dataLimit bytes fails before anything is allocated.
     bool PtpTransaction(uint16_t code, PtpParams params, int32_t direction, bool& generalError,
-                        PtpDataBlock* data, std::vector<uint32_t>* responseParams);
+                        PtpDataBlock* data, std::vector<uint32_t>* responseParams,
+                        uint64_t dataLimit = kDataLimit);
     bool PtpTransactionRetry(uint16_t code, PtpParams params, int32_t direction, PtpDataBlock* data,
-                             std::vector<uint32_t>* responseParams);
+                             std::vector<uint32_t>* responseParams,
+                             uint64_t dataLimit = kDataLimit);
     bool PtpReadContainer(uint8_t (&response)[512]);
 
     // --- Standard operations ----------------------------------------------------------------
@@ -167,6 +173,7 @@ public:
     OrqResult PTPGetObjectInfo(uint32_t handle, OrqFileInfo& file);
     OrqResult PTPGetObjectHandles(std::vector<uint32_t>& handles);
     OrqResult PTPGetFilesInfo(std::vector<OrqFileInfo>& files);
+    // Bounded by the size the camera lists for the object.
     OrqResult PTPGetObject(uint32_t handle, PtpDataBlock& block);
     OrqResult PTPDeleteObject(uint32_t handle);
 
@@ -194,7 +201,8 @@ public:
     OrqResult PTPRemoteCaptureStart();
     OrqResult PTPRemoteCaptureIsReady(bool& ready);
     // Five response words; word 1 non-zero: more chunks follow.
-    OrqResult PTPRemoteCaptureGetData(PtpDataBlock& chunk, std::vector<uint32_t>& responseParams);
+    OrqResult PTPRemoteCaptureGetData(PtpDataBlock& chunk, std::vector<uint32_t>& responseParams,
+                                      uint64_t limit = kDataLimit);
     OrqResult PTPStartVideoRequest();
     OrqResult PTPStopVideoRequest();
     OrqResult PTPGetMemory(uint32_t address, uint32_t size, PtpDataBlock& block);

@@ -85,7 +85,7 @@ bool DeviceLL::PtpReadContainer(uint8_t (&response)[512]) {
 
 bool DeviceLL::PtpTransaction(uint16_t code, PtpParams params, int32_t direction,
                               bool& generalError, PtpDataBlock* data,
-                              std::vector<uint32_t>* responseParams) {
+                              std::vector<uint32_t>* responseParams, uint64_t dataLimit) {
     std::lock_guard<std::mutex> guard(ptpLock);
     generalError = false;
     if (!device) {
@@ -148,6 +148,13 @@ bool DeviceLL::PtpTransaction(uint16_t code, PtpParams params, int32_t direction
             return false;
         }
         payloadSize = dataLength - kHeaderSize;
+        if (payloadSize > dataLimit) {
+            generalError = false;
+            ORQ_LOG(ERR, "PtpTransaction failed");
+            ORQ_LOG(ERR, "GETDATA failed: container length %u above limit %llu", dataLength,
+                    static_cast<unsigned long long>(dataLimit));
+            return false;
+        }
         // The length comes from the device: an absurd one must fail here, not throw.
         payload.reset(new (std::nothrow) uint8_t[payloadSize ? payloadSize : 1]);
         if (!payload) {
@@ -201,10 +208,12 @@ bool DeviceLL::PtpTransaction(uint16_t code, PtpParams params, int32_t direction
 }
 
 bool DeviceLL::PtpTransactionRetry(uint16_t code, PtpParams params, int32_t direction,
-                                   PtpDataBlock* data, std::vector<uint32_t>* responseParams) {
+                                   PtpDataBlock* data, std::vector<uint32_t>* responseParams,
+                                   uint64_t dataLimit) {
     for (int attempt = 0; attempt < 3; ++attempt) {
         bool generalError = false;
-        if (PtpTransaction(code, params, direction, generalError, data, responseParams)) {
+        if (PtpTransaction(code, params, direction, generalError, data, responseParams,
+                           dataLimit)) {
             return true;
         }
         if (!generalError) return false;
@@ -245,7 +254,10 @@ OrqResult DeviceLL::PTPGetStorageIDs(uint32_t& storageId) {
 }
 
 OrqResult DeviceLL::PTPGetObject(uint32_t handle, PtpDataBlock& block) {
-    if (!PtpTransactionRetry(PTP_OC_GetObject, {handle}, PTP_DATA_IN, &block, nullptr)) {
+    // Asked afresh: the object may have changed since the last listing.
+    OrqFileInfo info{};
+    if (PTPGetObjectInfo(handle, info) != ORQ_OK ||
+        !PtpTransactionRetry(PTP_OC_GetObject, {handle}, PTP_DATA_IN, &block, nullptr, info.size)) {
         ORQ_LOG(ERR, "PTP_OC_GetObject failed");
         return ORQ_ERROR;
     }
@@ -450,9 +462,9 @@ OrqResult DeviceLL::PTPRemoteCaptureIsReady(bool& ready) {
 }
 
 OrqResult DeviceLL::PTPRemoteCaptureGetData(PtpDataBlock& chunk,
-                                            std::vector<uint32_t>& responseParams) {
+                                            std::vector<uint32_t>& responseParams, uint64_t limit) {
     if (!PtpTransactionRetry(PTP_OC_Vendor, Vendor(ORQM_RemoteCaptureGetData, {1}), PTP_DATA_IN,
-                             &chunk, &responseParams)) {
+                             &chunk, &responseParams, limit)) {
         ORQ_LOG(ERR, "PTP_ORQM_RemoteCaptureGetData failed");
         return ORQ_ERROR;
     }
@@ -468,8 +480,9 @@ OrqResult DeviceLL::PTPStopVideoRequest() {
 }
 
 OrqResult DeviceLL::PTPGetMemory(uint32_t address, uint32_t size, PtpDataBlock& block) {
+    // Never more than was asked for.
     if (!PtpTransactionRetry(PTP_OC_Vendor, Vendor(CHDK_GetMemory, {address, size}), PTP_DATA_IN,
-                             &block, nullptr)) {
+                             &block, nullptr, size)) {
         ORQ_LOG(ERR, "PTP_CHDK_GetMemory failed");
         return ORQ_ERROR;
     }

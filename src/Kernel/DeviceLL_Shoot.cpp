@@ -20,6 +20,9 @@ using std::chrono::milliseconds;
 constexpr milliseconds kStepInterval{100};
 constexpr milliseconds kListingRetrySleep{500};
 constexpr int kListingAttempts = 5;
+// Beyond the largest picture these cameras make, in bytes and in chunks (empty ones included).
+constexpr uint64_t kMaxPictureBytes = 64ull << 20;
+constexpr int kMaxPictureChunks = 4096;
 
 // Each 16-bit unit narrowed to its low byte.
 std::string NarrowName(const OrqChar* name) {
@@ -200,9 +203,14 @@ OrqResult DeviceLL::DirectShootReceive(OrqFileInfo& file) {
     int count = 0;
     try {
         for (bool more = true; more;) {
+            if (count >= kMaxPictureChunks) {
+                ORQ_LOG(ERR, "RemoteCaptureGetData: more than %d chunks", kMaxPictureChunks);
+                return ORQ_ERROR;
+            }
             PtpDataBlock chunk;
             std::vector<uint32_t> params;
-            if (PTPRemoteCaptureGetData(chunk, params) != ORQ_OK) return ORQ_ERROR;
+            if (PTPRemoteCaptureGetData(chunk, params, kMaxPictureBytes - total) != ORQ_OK)
+                return ORQ_ERROR;
             PTPMemoryStatistics("after PTP_ORQM_RemoteCaptureGetData");
             ORQ_LOG(DEB, "RemoteCaptureGetData: %d %d %d",
                     static_cast<int>(ResponseParam(params, 0)),

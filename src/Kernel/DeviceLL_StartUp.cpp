@@ -123,7 +123,8 @@ OrqResult DeviceLL::PTPGetCamLog() {
         const char* text = reinterpret_cast<const char*>(block.data.get());
         std::string contents = text ? std::string(text, strnlen(text, block.size)) : "";
         ORQ_LOG(INF, "camera log:");
-        ORQ_LOG(INF, "%s", contents.c_str());
+        // Camera text, line breaks included, must not pass for lines of ours.
+        ORQ_LOG(INF, "%s", EscapeCameraText(contents).c_str());
         return ORQ_OK;
     }
     return ORQ_OK;

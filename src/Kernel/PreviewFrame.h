@@ -8,9 +8,9 @@
 namespace orq::preview {
 
 constexpr uint32_t kBmpHeaderSize = 54;
-// Largest width or height taken from the camera. Within it no size computation can overflow and
-// the image stays below 2 GiB, whose size the application receives as an int.
-constexpr uint32_t kMaxPreviewSide = 16384;
+// Largest width or height taken from the camera: twice any live view these cameras have, so
+// that a frame never costs more than about 17 MiB (and no size computation can overflow).
+constexpr uint32_t kMaxPreviewSide = 2048;
 
 struct FrameGeometry {
     int32_t width = 0;     // source columns

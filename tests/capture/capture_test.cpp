@@ -168,6 +168,34 @@ TEST(DownloadTarget, IsAPlainNameUnderAKnownFolder) {
     EXPECT_EQ(path, folder + orq::platform::PathSeparator() + u"a b.jpg");
 }
 
+// What the camera says of its own data is bounded before it costs memory, and its text cannot
+// pass for lines of ours.
+TEST_F(CaptureTest, PicturesThatNeverEndAndCameraTextAreBounded) {
+    ASSERT_EQ(device->PTPGetCamLog(), ORQ_OK);
+    EXPECT_NE(RawLog().find("Orqm camera log\\x0Aboot ok\\x0A"), std::string::npos);
+    EXPECT_EQ(RawLog().find("\nboot ok"), std::string::npos);
+
+    // A chunk stream that never ends: of empty chunks, then of full ones.
+    device->SetDirectTransfer(0);
+    for (size_t chunk : {size_t(0), size_t(64 * 1024)}) {
+        orqsim::Bytes reply = linktest::Container(2, orq::PTP_OC_Vendor, orqsim::Bytes(chunk));
+        orqsim::Bytes more = linktest::Container(3, 0x2001, linktest::Words({0, 1, 0}));
+        reply.insert(reply.end(), more.begin(), more.end());
+        Fault endless = linktest::Raw(orq::PTP_OC_Vendor, orq::ORQM_RemoteCaptureGetData, reply);
+        endless.times = -1;
+        camera->ClearFaults();
+        camera->InjectFault(endless);
+        ASSERT_EQ(device->PTPReset(), ORQ_OK);
+        camera->ClearOperations();
+        EXPECT_EQ(Shoot(), ORQ_ERROR) << chunk;
+        EXPECT_LE(Ops(orq::ORQM_RemoteCaptureGetData), chunk ? 1025u : 4096u);
+    }
+    EXPECT_TRUE(InOrder(Log(), {"RemoteCaptureGetData: more than 4096 chunks",
+                                "GETDATA failed: container length 65548 above limit 0"}));
+    EXPECT_EQ(device->BufferedFiles(), 0u);
+    EXPECT_TRUE(device->shots.empty());
+}
+
 TEST_F(CaptureTest, VideoRefusesShotsAndItsStopReportsTheNewMovie) {
     camera->InjectFault(
         Fault::Operation(Fault::ResponseCode, orq::PTP_OC_Vendor, orq::ORQM_StartVideo, 0x2019));

@@ -79,12 +79,16 @@ TEST(PreviewImage, MatchesLiteralConversionOnEveryPathSizeAndShortBlock) {
 
 TEST(PreviewImage, RefusedSizes) {
     FrameGeometry g;
-    for (auto [w, h] : std::vector<std::pair<uint32_t, uint32_t>>{
-             {0, 240}, {320, 0}, {0xFFFFFFFFu, 240}, {320, 0x80000000u}, {16385, 16}}) {
+    for (auto [w, h] : std::vector<std::pair<uint32_t, uint32_t>>{{0, 240},
+                                                                  {320, 0},
+                                                                  {0xFFFFFFFFu, 240},
+                                                                  {320, 0x80000000u},
+                                                                  {2049, 16},
+                                                                  {16384, 16384}}) {
         EXPECT_FALSE(ComputeGeometry(w, h, g)) << w << "x" << h;
     }
     // The largest accepted size stays below what an int can hand to the application.
-    ASSERT_TRUE(ComputeGeometry(16384, 16384, g));
+    ASSERT_TRUE(ComputeGeometry(2048, 2048, g));
     EXPECT_LT(g.Allocation(), uint64_t(INT32_MAX));
 }
 
@@ -182,10 +186,18 @@ TEST_F(Preview, BadSizesAndFailedReadsKeepTheLastFrame) {
         device->AgeVideoSettings();
         EXPECT_EQ(device->UpdatePreviewFrame(), ORQ_ERROR) << fail;
     }
-    EXPECT_TRUE(InOrder(Log(), {"PTPGetPreviewFrame: bad frame size 320 x 0",
-                                "PTPGetPreviewFrame failed", "PTP_CHDK_GetVideoSettings failed",
-                                "GetVideoSettings failed", "PTPGetPreviewFrame failed",
-                                "PTP_CHDK_GetMemory failed", "PTPGetPreviewFrame failed"}));
+    // A size no live view has is refused before anything is asked or allocated.
+    camera->ClearFaults();
+    camera->SetVideoSettings({1, 16384, 16384});
+    device->AgeVideoSettings();
+    const size_t reads = Ops(orq::CHDK_GetMemory);
+    EXPECT_EQ(device->UpdatePreviewFrame(), ORQ_ERROR);
+    EXPECT_EQ(Ops(orq::CHDK_GetMemory), reads);
+    EXPECT_TRUE(InOrder(
+        Log(), {"PTPGetPreviewFrame: bad frame size 320 x 0", "PTPGetPreviewFrame failed",
+                "PTP_CHDK_GetVideoSettings failed", "GetVideoSettings failed",
+                "PTPGetPreviewFrame failed", "PTP_CHDK_GetMemory failed",
+                "PTPGetPreviewFrame failed", "PTPGetPreviewFrame: bad frame size 16384 x 16384"}));
     EXPECT_EQ(Ops(orq::CHDK_GetMemory), 1u);  // only once the size was good
     EXPECT_TRUE(device->notes.empty());
     ASSERT_EQ(Get(frame), ORQ_OK);

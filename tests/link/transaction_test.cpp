@@ -168,14 +168,20 @@ TEST_F(TransactionTest, ClosedDeviceSendsNothing) {
     EXPECT_TRUE(camera->Operations().empty());
 }
 
-TEST_F(TransactionTest, AbsurdDataLengthDoesNotCrash) {
+// A declared length beyond what the operation can need fails before anything is allocated.
+TEST_F(TransactionTest, DeclaredDataLengthsAreBoundedBeforeAllocating) {
     camera->InjectFault(Fault::Operation(Fault::DataLength, PTP_OC_Vendor, -1, 0xFFFFFFFF));
     EXPECT_FALSE(Mode());
-    // Either the block could not be had, or the camera never sent what it announced.
-    auto log = Log();
-    EXPECT_EQ(Count(log, "GETDATA failed: can't allocate 4294967283 bytes") +
-                  Count(log, "GETDATA failed: tail data stage"),
-              1);
+    // A file brings no more than the camera lists for it.
+    camera->Reset();
+    ASSERT_EQ(link->PTPOpenSession(), ORQ_OK);
+    const uint32_t handle = camera->AddFile(u"IMG_0001.JPG", Bytes(100, 7));
+    camera->InjectFault(Fault::Operation(Fault::DataLength, orq::PTP_OC_GetObject, -1, 12 + 101));
+    orq::PtpDataBlock block;
+    EXPECT_EQ(link->PTPGetObject(handle, block), ORQ_ERROR);
+    EXPECT_TRUE(InOrder(Log(), {"GETDATA failed: container length 4294967295 above limit 33554432",
+                                "GETDATA failed: container length 113 above limit 100",
+                                "PTP_OC_GetObject failed"}));
 }
 
 }  // namespace
