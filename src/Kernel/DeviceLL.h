@@ -6,6 +6,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -324,12 +325,27 @@ protected:
     std::map<int32_t, std::list<PtpDataBlock>> DirectTransferFiles;
     std::recursive_mutex directTransferLock;
     std::atomic<bool> VideoRecording{false};
+    // Whose is the card's next new file: one shot, or one start or stop of video, at a time.
+    std::mutex captureLock;
+    std::condition_variable captureChanged;
+    bool shotInFlight = false;       // from a shot's first step to the end of its chain
+    bool videoCallInFlight = false;  // during a start or stop of video
+    // A shot's claim on the card, released when its chain ends however it ends; null when the
+    // shot is refused (video recording, or a video call that does not end).
+    std::shared_ptr<void> ClaimCardForShot();
+    // Bound of every wait for the camera to end an operation (a shot, a streamed picture, the
+    // lens): past it the operation fails as a failing camera's does.
+    std::chrono::milliseconds operationLimit{60000};
+    // Set when an event read met a general error: the bits it carried may be lost, so a waiting
+    // operation looks for its end another way.
+    std::atomic<bool> eventsMissed{false};
+    std::atomic<uint64_t> generalErrors{0};
 
     // Steps of the shoot chains (DeviceLL_Shoot.cpp); each returns the step's result, with
     // 'done' false while the step is to run again.
-    OrqResult ShootBegin();
+    OrqResult ShootBegin(std::shared_ptr<void>& claim);
     OrqResult ShootAwaitFile(bool& done, OrqFileInfo& file);
-    OrqResult DirectShootBegin();
+    OrqResult DirectShootBegin(std::shared_ptr<void>& claim);
     OrqResult DirectShootAwaitPicture(bool& done, OrqFileInfo& file);
     OrqResult DirectShootReceive(OrqFileInfo& file);
     // Writes a block sequence to a file, whole or not at all; false when any step failed.

@@ -217,6 +217,7 @@ bool DeviceLL::PtpTransactionRetry(uint16_t code, PtpParams params, int32_t dire
             return true;
         }
         if (!generalError) return false;
+        ++generalErrors;
         ORQ_LOG(ERR, "PTP General Error. Retry %d", attempt);
         // ptpLock is free here: other threads may slip a transaction in.
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -503,10 +504,13 @@ OrqResult DeviceLL::PTPGetVideoSettings(PtpDataBlock& block) {
 
 OrqResult DeviceLL::PTPLoadEvents() {
     PtpDataBlock block;
+    const uint64_t errorsBefore = generalErrors.load();
     if (!PtpTransactionRetry(PTP_OC_Vendor, Vendor(ORQM_GetEvents), PTP_DATA_IN, &block, nullptr)) {
         ORQ_LOG(ERR, "PTP_ORQM_GetEvents failed");
         return ORQ_ERROR;
     }
+    // The camera clears its bits as it answers, even with an error: they may be gone.
+    if (generalErrors.load() != errorsBefore) eventsMissed = true;
     // Only ever set here; the operation that waits clears its flag before it starts.
     const uint32_t bits = block.size ? block.data[0] : 0;
     if (bits & SHOOT_FINISHED) cameraEvents[CAMERA_EVENT_SHOOT_FINISHED] = true;

@@ -18,6 +18,9 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds kStepInterval{100};
+constexpr milliseconds kRemotePollInterval{10};
+// How long a shot waits for a video call under way to end before it is refused.
+constexpr milliseconds kVideoCallWait{5000};
 constexpr milliseconds kListingRetrySleep{500};
 constexpr int kListingAttempts = 5;
 // Beyond the largest picture these cameras make, in bytes and in chunks (empty ones included).
@@ -37,16 +40,26 @@ uint32_t ResponseParam(const std::vector<uint32_t>& params, size_t index) {
 
 // Builds a step that runs 'body' and keeps going after 'interval' while it is not done; when
 // done, 'finish' runs with the file.
+// The step holds the shot's claim on the card until the chain ends; past 'limit' it fails with
+// 'overdue'.
 ContProcStep RepeatingStep(DeviceLL* device,
                            OrqResult (DeviceLL::*body)(bool& done, OrqFileInfo& file),
-                           milliseconds interval, std::function<void(OrqFileInfo)> onCompleted) {
-    return [device, body, interval, onCompleted](ContProc*, milliseconds* delay, OrqResult* result,
-                                                 bool* again) {
+                           milliseconds interval, milliseconds limit, const char* overdue,
+                           std::function<void(OrqFileInfo)> onCompleted,
+                           std::shared_ptr<void> claim) {
+    const auto started = std::chrono::steady_clock::now();
+    return [device, body, interval, limit, overdue, onCompleted, claim, started](
+               ContProc*, milliseconds* delay, OrqResult* result, bool* again) {
         bool done = false;
         OrqFileInfo file{};
         OrqResult status = (device->*body)(done, file);
         if (status != ORQ_OK) {
             *result = status;
+            return;
+        }
+        if (!done && std::chrono::steady_clock::now() - started > limit) {
+            ORQ_LOG(ERR, overdue, static_cast<int>(limit.count()));
+            *result = ORQ_ERROR;
             return;
         }
         if (!done) {
@@ -72,32 +85,52 @@ std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCom
 
     auto begin = direct ? &DeviceLL::DirectShootBegin : &DeviceLL::ShootBegin;
     auto await = direct ? &DeviceLL::DirectShootAwaitPicture : &DeviceLL::ShootAwaitFile;
-    // The remote chain polls back to back once started; its own step sets the pace.
-    milliseconds awaitInterval = direct ? milliseconds(0) : kStepInterval;
-    ContProcStep next = RepeatingStep(this, await, awaitInterval, std::move(onCompleted));
+    // The remote chain asks whether the picture is ready: paced, not back to back.
+    milliseconds awaitInterval = direct ? kRemotePollInterval : kStepInterval;
+    const char* overdue = direct ? "Remote capture: picture not ready after %d ms"
+                                 : "Shoot: SHOOT_FINISHED not seen after %d ms";
 
     return std::make_unique<ContProc>(
-        [this, begin, next](ContProc* self, milliseconds* delay, OrqResult* result, bool* again) {
-            OrqResult status = (this->*begin)();
+        [this, begin, await, awaitInterval, overdue, onCompleted = std::move(onCompleted)](
+            ContProc* self, milliseconds* delay, OrqResult* result, bool* again) {
+            std::shared_ptr<void> claim;
+            OrqResult status = (this->*begin)(claim);
             if (status != ORQ_OK) {
                 *result = status;
                 return;
             }
-            // Copied first: replacing the running function object destroys its captures.
-            ContProcStep following = next;
+            // Built first: replacing the running function object destroys its captures.
+            ContProcStep following = RepeatingStep(this, await, awaitInterval, operationLimit,
+                                                   overdue, onCompleted, std::move(claim));
             self->step = std::move(following);
             *delay = kStepInterval;
             *again = true;
         });
 }
 
-OrqResult DeviceLL::ShootBegin() {
+std::shared_ptr<void> DeviceLL::ClaimCardForShot() {
+    std::unique_lock<std::mutex> guard(captureLock);
+    if (!captureChanged.wait_for(guard, kVideoCallWait, [this] { return !videoCallInFlight; })) {
+        ORQ_LOG(ERR, "Shoot: video call in progress");
+        return nullptr;
+    }
     if (VideoRecording.load()) {
         ORQ_LOG(ERR, "Shooting not supported: video recording started");
-        return ORQ_ERROR;
+        return nullptr;
     }
+    shotInFlight = true;
+    return std::shared_ptr<void>(this, [](DeviceLL* self) {
+        std::lock_guard<std::mutex> released(self->captureLock);
+        self->shotInFlight = false;
+    });
+}
+
+OrqResult DeviceLL::ShootBegin(std::shared_ptr<void>& claim) {
+    claim = ClaimCardForShot();
+    if (!claim) return ORQ_ERROR;
     ORQ_LOG(INF, "Shoot started on camera");
     ClearCameraEvent(CAMERA_EVENT_SHOOT_FINISHED);
+    eventsMissed = false;
     SetPreviewSuspended(true);
 
     OrqResult result = SetPreShootProperty();
@@ -122,7 +155,11 @@ OrqResult DeviceLL::ShootAwaitFile(bool& done, OrqFileInfo& file) {
         ORQ_LOG(ERR, "PTPLoadEvents() failed");
         return result;
     }
-    if (!CameraEvent(CAMERA_EVENT_SHOOT_FINISHED)) return ORQ_OK;
+    if (!CameraEvent(CAMERA_EVENT_SHOOT_FINISHED)) {
+        // A lost event read may have carried the end: the card tells whether the file is there.
+        if (!eventsMissed.exchange(false)) return ORQ_OK;
+        ORQ_LOG(ERR, "Shoot: event read lost, looking for the file");
+    }
 
     PTPMemoryStatistics("SHOOT_FINISHED event");
     // The camera may still be writing the file when it reports the shot: list again a few times.
@@ -158,11 +195,9 @@ OrqResult DeviceLL::ShootAwaitFile(bool& done, OrqFileInfo& file) {
     }
 }
 
-OrqResult DeviceLL::DirectShootBegin() {
-    if (VideoRecording.load()) {
-        ORQ_LOG(ERR, "Shooting not supported: video recording started");
-        return ORQ_ERROR;
-    }
+OrqResult DeviceLL::DirectShootBegin(std::shared_ptr<void>& claim) {
+    claim = ClaimCardForShot();
+    if (!claim) return ORQ_ERROR;
     ORQ_LOG(INF, "Shoot started on camera (remote version)");
     SetPreviewSuspended(true);
 

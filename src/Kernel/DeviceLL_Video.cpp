@@ -5,7 +5,40 @@
 
 namespace orq {
 
+namespace {
+
+// Marks a start or stop of video under way, or refuses it while a shot owns the card's next file.
+class VideoCall {
+public:
+    VideoCall(std::mutex& lock, std::condition_variable& changed, bool& shot, bool& call)
+        : lock(lock), changed(changed), call(call) {
+        std::lock_guard<std::mutex> guard(lock);
+        busy = shot || call;
+        if (!busy) call = true;
+    }
+    ~VideoCall() {
+        if (busy) return;
+        std::lock_guard<std::mutex> guard(lock);
+        call = false;
+        changed.notify_all();
+    }
+    bool Busy() const { return busy; }
+
+private:
+    std::mutex& lock;
+    std::condition_variable& changed;
+    bool& call;
+    bool busy = false;
+};
+
+}  // namespace
+
 OrqResult DeviceLL::PTPStartVideo() {
+    VideoCall call(captureLock, captureChanged, shotInFlight, videoCallInFlight);
+    if (call.Busy()) {
+        ORQ_LOG(ERR, "PTPStartVideo: shot in progress");
+        return ORQ_SESSION_BUSY;
+    }
     // Set first, so that a shot queued while the recording starts is already refused.
     VideoRecording.store(true);
 
@@ -24,6 +57,11 @@ OrqResult DeviceLL::PTPStartVideo() {
 }
 
 OrqResult DeviceLL::PTPStopVideo(OrqFileInfo* file) {
+    VideoCall call(captureLock, captureChanged, shotInFlight, videoCallInFlight);
+    if (call.Busy()) {
+        ORQ_LOG(ERR, "PTPStopVideo: shot in progress");
+        return ORQ_SESSION_BUSY;
+    }
     // A refused stop leaves the camera taken as recording.
     if (PTPStopVideoRequest() != ORQ_OK) return ORQ_ERROR;
     VideoRecording.store(false);

@@ -65,15 +65,32 @@ std::unique_ptr<ContProc> DeviceLL::CreateZoomProc(int32_t position) {
     const int32_t step = std::max(std::min(position, config.maxZoom), 0);
 
     // Repeated every 100 ms until the camera raises the zoom-finished bit.
-    ContProcStep waiting = [this, step](ContProc*, std::chrono::milliseconds* delay,
-                                        OrqResult* result, bool* again) {
+    const auto started = std::chrono::steady_clock::now();
+    ContProcStep waiting = [this, step, started](ContProc*, std::chrono::milliseconds* delay,
+                                                 OrqResult* result, bool* again) {
         OrqResult loaded = PTPLoadEvents();
         if (loaded != ORQ_OK) {
             ORQ_LOG(ERR, "PTPLoadEvents() failed");
             *result = loaded;
             return;
         }
-        if (!CameraEvent(CAMERA_EVENT_ZOOM_FINISHED)) {
+        bool finished = CameraEvent(CAMERA_EVENT_ZOOM_FINISHED);
+        if (!finished && eventsMissed) {
+            // The bit may have gone with a lost event read: the lens tells where it is.
+            int32_t position = 0;
+            if (ReadZoom(position) != ORQ_OK) {
+                *result = ORQ_ERROR;
+                return;
+            }
+            finished = position == step;
+        }
+        if (!finished && std::chrono::steady_clock::now() - started > operationLimit) {
+            ORQ_LOG(ERR, "Zoom: zoom finished not seen after %d ms",
+                    static_cast<int>(operationLimit.count()));
+            *result = ORQ_ERROR;
+            return;
+        }
+        if (!finished) {
             *delay = kZoomPollDelay;
             *again = true;
             return;
@@ -94,6 +111,7 @@ std::unique_ptr<ContProc> DeviceLL::CreateZoomProc(int32_t position) {
                                                    OrqResult* result, bool* again) {
             // Cleared before the command, so that a stale bit cannot end the new wait.
             ClearCameraEvent(CAMERA_EVENT_ZOOM_FINISHED);
+            eventsMissed = false;
             ORQ_LOG(DEB, "Set zoom on camera: %d", step);
             // The wrapper logs "PTP_ORQM_SetZoom failed".
             if (PTPSetZoom(step) != ORQ_OK) {

@@ -16,6 +16,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -46,6 +47,7 @@ public:
 
     void SetDirectTransfer(int32_t value) { propertyValues[ORQ_PROP_DIRECT_TRANSFER] = value; }
     size_t BufferedFiles() const { return DirectTransferFiles.size(); }
+    void SetOperationLimit(std::chrono::milliseconds limit) { operationLimit = limit; }
 
     std::vector<OrqFileInfo> shots;
     std::vector<std::pair<int, std::u16string>> downloads;
@@ -155,14 +157,17 @@ protected:
 
     // Runs a shoot chain's steps as the main loop would, honouring their delays. A chain that
     // never ends answers ORQ_SECOND_PROCESS, which no chain gives.
-    OrqResult Shoot() {
+    // 'between' runs once, after the first step.
+    OrqResult Shoot(const std::function<void()>& between = nullptr) {
         auto proc = device->Shoot([this](OrqFileInfo file) { device->OnShootCompleted(file); });
         OrqResult result = ORQ_SECOND_PROCESS;
         const auto end = std::chrono::steady_clock::now() + 10s;
-        for (bool again = true; again && std::chrono::steady_clock::now() < end;) {
+        for (bool again = true, first = true; again && std::chrono::steady_clock::now() < end;) {
             std::chrono::milliseconds delay(0);
             again = false;
             proc->step(proc.get(), &delay, &result, &again);
+            if (first && between) between();
+            first = false;
             std::this_thread::sleep_for(delay);
         }
         return result;

@@ -47,6 +47,20 @@ TEST_F(Zoom, RequestsAreLimitedToTheLensRangeOrZeroWithoutZoom) {
     EXPECT_EQ(Params(orq::ORQM_SetZoom), (std::vector<int32_t>{0, 125, 0}));
 }
 
+// The end of the travel went with an event read lost to a general error: the lens tells.
+TEST_F(Zoom, AnEndLostWithAnEventReadIsFoundAtTheLens) {
+    auto proc = device->CreateZoomProc(30);
+    std::chrono::milliseconds delay(0);
+    OrqResult result = ORQ_OK;
+    bool again = false;
+    proc->step(proc.get(), &delay, &result, &again);
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));  // 30 steps take 300 ms
+    camera->InjectFault(linktest::Fault::Operation(linktest::Fault::GeneralError,
+                                                   orq::PTP_OC_Vendor, orq::ORQM_GetEvents));
+    EXPECT_EQ(RunProc(std::move(proc)), ORQ_OK);
+    EXPECT_EQ(device->GetZoom(), 30);
+}
+
 TEST_F(Zoom, FailedCommandOrEventReadEndsAtOnceAndKeepsTheZoom) {
     camera->SetZoomPosition(5);
     ASSERT_EQ(device->UpdateZoom(), ORQ_OK);
