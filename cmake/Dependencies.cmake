@@ -16,7 +16,8 @@ else()
 endif()
 
 # GoogleTest: the system package on Linux, built from /usr/src/googletest when cross-building.
-if(CMAKE_CROSSCOMPILING)
+if(NOT BUILD_TESTING)
+elseif(CMAKE_CROSSCOMPILING)
   set(gtest_force_shared_crt ON CACHE BOOL "" FORCE)
   set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
   add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)

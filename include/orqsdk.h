@@ -51,6 +51,7 @@
 #include <stdint.h>
 
 #include "orqsdk_props.h"
+#include "orqsdk_version.h"
 
 #if !defined(__cplusplus)
 #include <uchar.h>

@@ -299,10 +299,10 @@ TEST(FocusTables, ShapeAndAnchors) {
 
 TEST(FindCameraConfig, FirstModelInTableOrderWhoseCodeOccurs) {
     // A code inside a longer model number still matches.
-    EXPECT_EQ(FindCameraConfig(u"PowerShot SX400 IS")->name, u"SX40");
+    EXPECT_EQ(FindCameraConfig(u"Quillo Snapwise SX400 Plus")->name, u"SX40");
     // Two codes: the one earlier in the table wins, wherever it stands in the string.
     EXPECT_EQ(FindCameraConfig(u"SX40 A810")->name, u"A810");
-    EXPECT_EQ(FindCameraConfig(u"Canon PowerShot sx150 IS"), nullptr);
+    EXPECT_EQ(FindCameraConfig(u"Quillo Snapwise sx150 Plus"), nullptr);
 
     // The copying form leaves its target alone on a miss.
     CameraConfig target;

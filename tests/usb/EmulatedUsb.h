@@ -21,7 +21,7 @@ struct EmulatedDeviceOptions {
     enum class Holder {
         None,
         KernelDriver,  // a kernel driver is bound: taken off by a detaching claim
-        OtherProgram,  // another usbfs program (photo importer, gphoto2) holds the interface
+        OtherProgram,  // another usbfs program (a photo importer, say) holds the interface
     };
     uint8_t interfaceClass = 6;  // still image; 0xFF makes a vendor device with the same pipes
     bool bulkOut = true;

@@ -43,12 +43,20 @@ bool SdkLibrary::Load(bool simulated, std::string& error) {
         return false;
     }
 #else
-    std::string file = ExecutableFolder() + (simulated ? "liborqsdk_sim.so" : "liborqsdk.so");
-    handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (!handle) {
-        error = dlerror();
-        return false;
+    // Beside the executable in a build tree; in the library folder of an installed kit; else
+    // wherever the dynamic loader finds the soname.
+    std::string name = simulated ? "liborqsdk_sim.so" : "liborqsdk.so";
+    std::string soname = name + "." ORQ_SOVERSION;
+    std::string folder = ExecutableFolder();
+    std::string file;
+    for (const std::string& candidate :
+         {folder + soname, folder + name, folder + ORQ_RELATIVE_LIBDIR "/" + soname, soname}) {
+        file = candidate;
+        handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (handle) break;
+        if (candidate == soname) error = dlerror();
     }
+    if (!handle) return false;
 #endif
     bool complete = true;
     auto bind = [&](auto& function, const char* name) {
