@@ -87,7 +87,8 @@ typedef enum OrqResult {
     ORQ_BATTERY_LOW = 8,         /**< the camera's battery is nearly empty; its session ended */
     ORQ_DISCONNECTED = 9,        /**< the camera was unplugged or switched off; its session ended */
     ORQ_SECOND_PROCESS = 10,     /**< OrqInitializeSDK: another process on this machine runs it */
-    ORQ_OLD_MODULE = 13          /**< start-up: the camera's on-board module is too old */
+    ORQ_OLD_MODULE = 13,         /**< start-up: the camera's on-board module is too old */
+    ORQ_NO_PERMISSION = 14       /**< start-up: this user may not open the camera's USB device */
 } OrqResult;
 
 /** The name of a result ("ORQ_OK", ...), or "ORQ_UNKNOWN_RESULT" for any other number. A static
@@ -116,6 +117,8 @@ static inline const char* OrqResultName(int result) {
             return "ORQ_SECOND_PROCESS";
         case ORQ_OLD_MODULE:
             return "ORQ_OLD_MODULE";
+        case ORQ_NO_PERMISSION:
+            return "ORQ_NO_PERMISSION";
         default:
             return "ORQ_UNKNOWN_RESULT";
     }
@@ -180,7 +183,8 @@ typedef struct OrqSubscriber* OrqSubscription;
  * OrqFree it. Not raised for the cameras OrqInitializeSDK finds. */
 typedef void (*OrqCameraListChangedCallback)(void* context, OrqCameraInfo* info, int state);
 /** A plugged-in camera failed to start, with that failure (ORQ_ERROR, ORQ_OLD_MODULE,
- * ORQ_BATTERY_LOW, ...); the camera is not listed and is not tried again until it has been
+ * ORQ_BATTERY_LOW, ...; ORQ_NO_PERMISSION on Linux when the udev rule that gives the user access
+ * is not installed); the camera is not listed and is not tried again until it has been
  * unplugged or switched off and on. Runs on the USB notification thread or inside
  * OrqGetCameraList, with the SDK's lock held: every other thread's camera calls wait for it.
  * `path` (the device path) is yours: OrqFree it. */

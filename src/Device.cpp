@@ -70,7 +70,8 @@ void Device::Post(std::shared_ptr<MainLoopMsg_Base> message) {
 }
 
 OrqResult Device::Initialise() {
-    if (OpenCamera() != ORQ_OK) return ORQ_ERROR;
+    OrqResult opened = OpenCamera();
+    if (opened != ORQ_OK) return opened;
     std::promise<bool> startChannel;
     std::future<bool> startResult = startChannel.get_future();
     thread = std::thread([this, &startChannel] { ThreadBody(&startChannel); });

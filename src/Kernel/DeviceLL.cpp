@@ -43,7 +43,7 @@ OrqResult DeviceLL::OpenCamera() {
     {
         std::lock_guard<std::mutex> guard(ptpLock);
         device = usb->OpenDevice(devicePath);
-        if (!device) return ORQ_ERROR;
+        if (!device) return usb->OpenDenied(devicePath) ? ORQ_NO_PERMISSION : ORQ_ERROR;
         deviceName = usb->GetDeviceName(device);
     }
     const CameraConfig* profile = FindCameraConfig(deviceName);

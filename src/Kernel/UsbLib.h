@@ -33,6 +33,8 @@ public:
     // Safe twice on one record; fails a transfer blocked on another thread.
     virtual void CloseDevice(UsbDevice* device) = 0;
     virtual std::u16string GetDeviceName(UsbDevice* device) = 0;
+    // True when the last OpenDevice of path failed because this user may not open the device.
+    virtual bool OpenDenied(const std::u16string& /*path*/) { return false; }
     // True only when exactly buffer.size bytes arrived on the bulk-in pipe.
     virtual bool UsbReadExactly(UsbBuffer buffer, UsbDevice* device) = 0;
     // True only when the whole buffer went out as one transfer on the bulk-out pipe.

@@ -239,10 +239,21 @@ public:
         libusb_device_handle* handle = nullptr;
         int result = libusb_open(usbDevice, &handle);
         libusb_unref_device(usbDevice);
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            if (result == LIBUSB_ERROR_ACCESS) {
+                denied.insert(path);
+            } else {
+                denied.erase(path);
+            }
+        }
         if (result != 0) {
             ORQ_LOG(ERR, "Can't open device file. %d", result);
             if (result == LIBUSB_ERROR_ACCESS) {
-                ORQ_LOG(ERR, "No permission to open %S: a udev rule must give this user access",
+                ORQ_LOG(ERR,
+                        "No permission to open %S: install the SDK's udev rule 70-orqsdk.rules "
+                        "in /etc/udev/rules.d, run 'udevadm control --reload' and plug the "
+                        "camera in again",
                         path.c_str());
             }
             return nullptr;
@@ -295,6 +306,11 @@ public:
 
     void CloseDevice(UsbDevice* device) override {
         if (device) Close(*Record(device));
+    }
+
+    bool OpenDenied(const std::u16string& path) override {
+        std::lock_guard<std::mutex> guard(lock);
+        return denied.count(path) != 0;
     }
 
     std::u16string GetDeviceName(UsbDevice* device) override {
@@ -539,13 +555,15 @@ private:
     // Used by the notification thread only.
     std::set<std::pair<int, int>> lastDeviceSet;
 
-    // Guards changed, stopping and devices.
+    // Guards changed, stopping, devices and denied.
     std::mutex lock;
     std::condition_variable wake;
     bool changed = false;
     bool stopping = false;
     // Records stay until the backend goes: callers may close a record twice.
     std::list<std::unique_ptr<LibUsbDevice>> devices;
+    // Paths whose last open was refused for lack of permission.
+    std::set<std::u16string> denied;
     std::thread thread;
 };
 

@@ -5,6 +5,7 @@
 #include <linux/usbdevice_fs.h>
 // clang-format on
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <umockdev.h>
 
 #include <algorithm>
@@ -330,6 +331,10 @@ std::u16string EmulatedUsbBus::Plug(std::shared_ptr<orqsim::VirtualEndpoint> end
         throw std::runtime_error("umockdev could not attach to " + device->devNode);
     }
     AddDevice(testbed, device->sysPath.substr(4), address, CameraDescriptors(options));
+    if (options.noAccess) {
+        std::string node = umockdev_testbed_get_root_dir(testbed) + device->devNode;
+        if (chmod(node.c_str(), 0) != 0) throw std::runtime_error("cannot close " + node);
+    }
     return path;
 }
 

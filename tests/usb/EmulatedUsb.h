@@ -26,6 +26,7 @@ struct EmulatedDeviceOptions {
     uint8_t interfaceClass = 6;  // still image; 0xFF makes a vendor device with the same pipes
     bool bulkOut = true;
     Holder holder = Holder::None;
+    bool noAccess = false;  // the node is closed to everyone, as it is without the udev rule
 };
 
 class EmulatedUsbBus {

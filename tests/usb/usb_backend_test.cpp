@@ -1,6 +1,9 @@
 // The libusb backend on emulated USB devices: enumeration, open, the transfer rules every
 // transport keeps, closing under a blocked transfer, cable pulls and hot-plug.
 #include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -41,6 +44,19 @@ protected:
         endpoint = std::make_shared<ScriptedEndpoint>(std::move(product), true);
         return bus.Plug(endpoint, options);
     }
+    // Opens as a desktop user does: without root's power over file modes (on this thread only).
+    UsbDevice* OpenAsUser(const std::u16string& path) {
+        __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+        __user_cap_data_struct caps[2] = {};
+        syscall(SYS_capget, &header, caps);
+        const __user_cap_data_struct saved = caps[0];
+        caps[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
+        syscall(SYS_capset, &header, caps);
+        UsbDevice* device = usb->OpenDevice(path);
+        caps[0] = saved;
+        syscall(SYS_capset, &header, caps);
+        return device;
+    }
     bool Read(UsbDevice* device, Bytes& into) {
         return usb->UsbReadExactly(UsbBuffer{into.data(), into.size()}, device);
     }
@@ -56,18 +72,20 @@ protected:
 
 TEST_F(UsbBackendTest, ListsAndOpensFreeStillImageCamerasWithBothBulkPipesOnly) {
     const std::u16string product = u"Orq Camera SX160 \u00e9\u4e2d";
-    EmulatedDeviceOptions vendor, inOnly, held, bound;
+    EmulatedDeviceOptions vendor, inOnly, held, bound, closed;
     vendor.interfaceClass = 0xFF;
     inOnly.bulkOut = false;
     held.holder = Holder::OtherProgram;
     bound.holder = Holder::KernelDriver;
+    closed.noAccess = true;
     std::u16string path = Plug(product);
     std::u16string vendorPath = bus.Plug(nullptr, vendor);
     std::u16string inOnlyPath = bus.Plug(nullptr, inOnly);
     std::u16string heldPath = Plug(u"Held", held);
     std::u16string boundPath = Plug(u"Bound", bound);
+    std::u16string closedPath = Plug(u"Closed", closed);
     StartBackend();
-    EXPECT_EQ(usb->GetAllConnectedDevicePaths(), (Paths{path, heldPath, boundPath}));
+    EXPECT_EQ(usb->GetAllConnectedDevicePaths(), (Paths{path, heldPath, boundPath, closedPath}));
     EXPECT_EQ(path, u"usb:001:002");
 
     LogWatch log;
@@ -91,6 +109,11 @@ TEST_F(UsbBackendTest, ListsAndOpensFreeStillImageCamerasWithBothBulkPipesOnly) 
     EXPECT_TRUE(log.Has("Can't open device file. -4"));
     EXPECT_TRUE(log.Has("QueryDeviceEndpoints failed"));
     EXPECT_TRUE(log.Has("Device usb:001:005 is busy: another program holds it"));
+    // A node closed to this user is told apart from other refusals, with what to do about it.
+    EXPECT_EQ(OpenAsUser(closedPath), nullptr);
+    EXPECT_TRUE(usb->OpenDenied(closedPath));
+    EXPECT_FALSE(usb->OpenDenied(heldPath));
+    EXPECT_TRUE(log.Has("No permission to open usb:001:007: install the SDK's udev rule"));
 }
 
 class UsbTransferTest : public UsbBackendTest {
