@@ -23,6 +23,9 @@ constexpr size_t kMessageColumn = 70;
 struct Logger {
     std::u16string mainPath;
     std::u16string apiPath;
+    // The same paths in UTF-8, converted once: every line opens its file by name.
+    std::string mainPathUtf8;
+    std::string apiPathUtf8;
     std::mutex lock;
     bool echo = false;
 };
@@ -46,7 +49,8 @@ void Output(Logger& logger, uint32_t log, char* text, size_t size) {
     platform::DebuggerOutput("\n");
     if (logger.echo) std::printf("%s\n", text);
     text[size] = '\n';
-    platform::AppendToFile(log == LOG_API ? logger.apiPath : logger.mainPath, text, size + 1);
+    platform::AppendToFile(log == LOG_API ? logger.apiPathUtf8 : logger.mainPathUtf8, text,
+                           size + 1);
 }
 
 Logger& TheLogger() {
@@ -56,6 +60,8 @@ Logger& TheLogger() {
         std::u16string folder = platform::LogFolder();
         made->mainPath = folder + platform::PathSeparator() + u"orqdll.log";
         made->apiPath = folder + platform::PathSeparator() + u"orqdll_api.log";
+        made->mainPathUtf8 = platform::ToUtf8(made->mainPath);
+        made->apiPathUtf8 = platform::ToUtf8(made->apiPath);
         TrimLogFile(made->mainPath);
         TrimLogFile(made->apiPath);
         // Marks where a new process begins.
@@ -207,6 +213,33 @@ void Format(Message& out, const char* format, va_list args) {
     }
 }
 
+// Decimal digits of value at out + at, as "%llu" writes them.
+void PutDecimal(char* out, size_t& at, uint64_t value) {
+    char digits[20];
+    size_t count = 0;
+    do {
+        digits[count++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value);
+    while (count) out[at++] = digits[--count];
+}
+
+// As "%0*d" with width 2 or 3: zeros in front up to the width.
+void PutPadded(char* out, size_t& at, int value, size_t width) {
+    if (value < 0) {
+        at += static_cast<size_t>(
+            std::snprintf(out + at, 16, "%0*d", static_cast<int>(width), value));
+        return;
+    }
+    size_t begin = at;
+    PutDecimal(out, at, static_cast<uint64_t>(value));
+    const size_t length = at - begin;
+    if (length >= width) return;
+    std::memmove(out + begin + (width - length), out + begin, length);
+    std::memset(out + begin, '0', width - length);
+    at = begin + width;
+}
+
 // The finished lines: on the stack, unless a message of many short lines outgrows it.
 class LineBuffer {
 public:
@@ -299,29 +332,54 @@ std::u16string ApiLogPath() {
 
 void LogWrite(uint32_t log, int32_t level, const char* sourceFile, uint32_t line, uint64_t threadId,
               const char* format, ...) {
-    Logger& logger = TheLogger();
-    Message message;
     va_list args;
     va_start(args, format);
-    Format(message, format ? format : "", args);
+    LogWriteV(log, level, sourceFile, line, threadId, format, args);
     va_end(args);
+}
+
+void LogWriteV(uint32_t log, int32_t level, const char* sourceFile, uint32_t line,
+               uint64_t threadId, const char* format, va_list args) {
+    Logger& logger = TheLogger();
+    Message message;
+    Format(message, format ? format : "", args);
 
     auto now = std::chrono::system_clock::now();
     std::time_t seconds = std::chrono::system_clock::to_time_t(now);
     int millis = static_cast<int>(
         std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() %
         1000);
-    std::tm local{};
+    // The local time changes its fields once a second: each thread keeps its last one.
+    thread_local std::time_t lastSeconds = -1;
+    thread_local std::tm local{};
+    if (seconds != lastSeconds) {
 #ifdef _WIN32
-    localtime_s(&local, &seconds);
+        localtime_s(&local, &seconds);
 #else
-    localtime_r(&seconds, &local);
+        localtime_r(&seconds, &local);
 #endif
+        lastSeconds = seconds;
+    }
+    // "%s %02d-%02d %02d:%02d:%02d.%03d": tag, month, day, hour, minute, second, millisecond.
     char stamp[64];
-    int stampLength = std::snprintf(stamp, sizeof stamp, "%s %02d-%02d %02d:%02d:%02d.%03d",
-                                    LevelTag(level), local.tm_mon + 1, local.tm_mday, local.tm_hour,
-                                    local.tm_min, local.tm_sec, millis);
-    stampLength = std::max(0, std::min(stampLength, static_cast<int>(sizeof stamp) - 1));
+    size_t stampLength = 0;
+    const auto put = [&](const char* text, size_t length) {
+        std::memcpy(stamp + stampLength, text, length);
+        stampLength += length;
+    };
+    put(LevelTag(level), 3);
+    put(" ", 1);
+    PutPadded(stamp, stampLength, local.tm_mon + 1, 2);
+    put("-", 1);
+    PutPadded(stamp, stampLength, local.tm_mday, 2);
+    put(" ", 1);
+    PutPadded(stamp, stampLength, local.tm_hour, 2);
+    put(":", 1);
+    PutPadded(stamp, stampLength, local.tm_min, 2);
+    put(":", 1);
+    PutPadded(stamp, stampLength, local.tm_sec, 2);
+    put(".", 1);
+    PutPadded(stamp, stampLength, millis, 3);
 
     // The source position: base name without folders or extension, line, thread.
     const char* name = sourceFile ? sourceFile : "";
@@ -336,10 +394,15 @@ void LogWrite(uint32_t log, int32_t level, const char* sourceFile, uint32_t line
     }
     const size_t nameLength =
         lastDot && lastDot > name ? static_cast<size_t>(lastDot - name) : std::strlen(name);
+    // ":%u [%llu]": line, thread.
     char position[64];
-    int positionLength = std::snprintf(position, sizeof position, ":%u [%llu]", line,
-                                       static_cast<unsigned long long>(threadId));
-    positionLength = std::max(0, std::min(positionLength, static_cast<int>(sizeof position) - 1));
+    size_t positionLength = 0;
+    position[positionLength++] = ':';
+    PutDecimal(position, positionLength, line);
+    position[positionLength++] = ' ';
+    position[positionLength++] = '[';
+    PutDecimal(position, positionLength, threadId);
+    position[positionLength++] = ']';
 
     LineBuffer text;
     const char* begin = message.text;
@@ -352,14 +415,14 @@ void LogWrite(uint32_t log, int32_t level, const char* sourceFile, uint32_t line
         size_t part = static_cast<size_t>(partEnd - begin);
         if (part > 0 && begin[part - 1] == '\r') --part;
         if (!first) text.Append("\n", 1);
-        text.Append(stamp, static_cast<size_t>(stampLength));
+        text.Append(stamp, stampLength);
         text.Append(" | ", 3);
         text.Append(begin, part);
         if (first) {
             if (part < kMessageColumn) text.Pad(kMessageColumn - part);
             text.Append(" | ", 3);
             text.Append(name, nameLength);
-            text.Append(position, static_cast<size_t>(positionLength));
+            text.Append(position, positionLength);
             first = false;
         }
         if (!stop) break;

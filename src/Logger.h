@@ -1,6 +1,7 @@
 // The SDK's two log files and the debugger channel. Every line is on disk before LogWrite returns.
 #pragma once
 
+#include <cstdarg>
 #include <cstdint>
 #include <string>
 
@@ -15,6 +16,10 @@ enum LogLevel : int32_t { DEB = 0, INF = 1, ERR = 2 };
 // the base name without extension is printed.
 void LogWrite(uint32_t log, int32_t level, const char* sourceFile, uint32_t line, uint64_t threadId,
               const char* format, ...);
+
+// LogWrite with the arguments taken.
+void LogWriteV(uint32_t log, int32_t level, const char* sourceFile, uint32_t line,
+               uint64_t threadId, const char* format, va_list args);
 
 // Base name of a source path, without folders or extension ("src/Kernel/DeviceLL.cpp" ->
 // "DeviceLL").

@@ -29,7 +29,8 @@ void DebuggerOutput(const char* text);
 
 // Appends size bytes to the file at path (created if missing) with one open, one write and one
 // close, so that nothing stays buffered and another program may read or delete it between calls.
-bool AppendToFile(const std::u16string& path, const char* data, size_t size);
+// The path is UTF-8, so that a caller writing often converts it once.
+bool AppendToFile(const std::string& utf8Path, const char* data, size_t size);
 
 // fopen with a 16-bit path; null on failure.
 FILE* OpenFile(const std::u16string& path, const char* mode);

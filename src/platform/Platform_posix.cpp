@@ -157,8 +157,8 @@ void DebuggerOutput(const char* text) {
     }
 }
 
-bool AppendToFile(const std::u16string& path, const char* data, size_t size) {
-    int fd = open(ToUtf8(path).c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+bool AppendToFile(const std::string& utf8Path, const char* data, size_t size) {
+    int fd = open(utf8Path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
     if (fd < 0) return false;
     bool ok = true;
     while (size > 0) {

@@ -165,8 +165,8 @@ void DebuggerOutput(const char* text) {
     if (text) OutputDebugStringA(text);
 }
 
-bool AppendToFile(const std::u16string& path, const char* data, size_t size) {
-    HANDLE file = CreateFileW(Wide(path), FILE_APPEND_DATA,
+bool AppendToFile(const std::string& utf8Path, const char* data, size_t size) {
+    HANDLE file = CreateFileW(Wide(FromUtf8(utf8Path)), FILE_APPEND_DATA,
                               FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                               OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE) return false;
