@@ -96,66 +96,84 @@ __attribute__((target("avx2"))) inline __m256i Term(__m256i chroma, int32_t pair
                              12);
 }
 
-// Four groups at src into 48 bytes at dst; reads 28 source bytes.
-__attribute__((target("ssse3"))) inline void Chunk16(const uint8_t* src, uint8_t* dst) {
-    const __m128i window[3] = {Load128(src), Load128(src + 6), Load128(src + 12)};
-    const __m128i chroma =
-        _mm_srai_epi16(_mm_or_si128(_mm_shuffle_epi8(window[0], Load128(kMasks.chromaLow)),
-                                    _mm_shuffle_epi8(window[2], Load128(kMasks.chromaHigh))),
-                       8);
+// Offsets above and below zero as bytes, laid out {blue 0..3, green 0..3, red 0..3, red 0..3} by
+// group, from the (u, v) pairs of four groups.
+__attribute__((target("ssse3"))) inline void Offsets(__m128i chroma, __m128i& up, __m128i& down) {
     const __m128i zero = _mm_setzero_si128();
     const __m128i blueGreen = _mm_packs_epi32(Term(chroma, kBlue), Term(chroma, kGreen));
     const __m128i red = Term(chroma, kRed);
     const __m128i redRed = _mm_packs_epi32(red, red);
-    const __m128i up =
-        _mm_packus_epi16(_mm_max_epi16(blueGreen, zero), _mm_max_epi16(redRed, zero));
-    const __m128i down = _mm_packus_epi16(_mm_max_epi16(_mm_sub_epi16(zero, blueGreen), zero),
-                                          _mm_max_epi16(_mm_sub_epi16(zero, redRed), zero));
-    for (int r = 0; r < 3; ++r) {
-        const __m128i at = Load128(kMasks.offset[r]);
-        const __m128i luma = _mm_shuffle_epi8(window[r], Load128(kMasks.luma[r]));
-        const __m128i out = _mm_subs_epu8(_mm_adds_epu8(luma, _mm_shuffle_epi8(up, at)),
-                                          _mm_shuffle_epi8(down, at));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + 16 * r), out);
-    }
+    up = _mm_packus_epi16(_mm_max_epi16(blueGreen, zero), _mm_max_epi16(redRed, zero));
+    down = _mm_packus_epi16(_mm_max_epi16(_mm_sub_epi16(zero, blueGreen), zero),
+                            _mm_max_epi16(_mm_sub_epi16(zero, redRed), zero));
+}
+
+__attribute__((target("avx2"))) inline void Offsets(__m256i chroma, __m256i& up, __m256i& down) {
+    const __m256i zero = _mm256_setzero_si256();
+    const __m256i blueGreen = _mm256_packs_epi32(Term(chroma, kBlue), Term(chroma, kGreen));
+    const __m256i red = Term(chroma, kRed);
+    const __m256i redRed = _mm256_packs_epi32(red, red);
+    up = _mm256_packus_epi16(_mm256_max_epi16(blueGreen, zero), _mm256_max_epi16(redRed, zero));
+    down = _mm256_packus_epi16(_mm256_max_epi16(_mm256_sub_epi16(zero, blueGreen), zero),
+                               _mm256_max_epi16(_mm256_sub_epi16(zero, redRed), zero));
+}
+
+// One output register: luma plus offset, saturated both ways.
+__attribute__((target("ssse3"))) inline __m128i Channels(__m128i window, int r, __m128i up,
+                                                         __m128i down) {
+    const __m128i at = Load128(kMasks.offset[r]);
+    const __m128i luma = _mm_shuffle_epi8(window, Load128(kMasks.luma[r]));
+    return _mm_subs_epu8(_mm_adds_epu8(luma, _mm_shuffle_epi8(up, at)), _mm_shuffle_epi8(down, at));
 }
 
 __attribute__((target("avx2"))) inline __m256i Both(const int8_t* mask) {
     return _mm256_broadcastsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(mask)));
 }
 
+__attribute__((target("avx2"))) inline __m256i Channels(__m256i window, int r, __m256i up,
+                                                        __m256i down) {
+    const __m256i at = Both(kMasks.offset[r]);
+    const __m256i luma = _mm256_shuffle_epi8(window, Both(kMasks.luma[r]));
+    return _mm256_subs_epu8(_mm256_adds_epu8(luma, _mm256_shuffle_epi8(up, at)),
+                            _mm256_shuffle_epi8(down, at));
+}
+
+// Four groups at src into 48 bytes at dst; reads 28 source bytes.
+__attribute__((target("ssse3"))) inline void Chunk16(const uint8_t* src, uint8_t* dst) {
+    const __m128i window0 = Load128(src), window1 = Load128(src + 6), window2 = Load128(src + 12);
+    const __m128i chroma =
+        _mm_srai_epi16(_mm_or_si128(_mm_shuffle_epi8(window0, Load128(kMasks.chromaLow)),
+                                    _mm_shuffle_epi8(window2, Load128(kMasks.chromaHigh))),
+                       8);
+    __m128i up, down;
+    Offsets(chroma, up, down);
+    auto* to = reinterpret_cast<__m128i*>(dst);
+    _mm_storeu_si128(to, Channels(window0, 0, up, down));
+    _mm_storeu_si128(to + 1, Channels(window1, 1, up, down));
+    _mm_storeu_si128(to + 2, Channels(window2, 2, up, down));
+}
+
+__attribute__((target("avx2"))) inline __m256i Window(const uint8_t* src) {
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(Load128(src)), Load128(src + 24), 1);
+}
+
 // Eight groups at src into 96 bytes at dst, four groups in each 128-bit lane; reads 52 bytes.
 __attribute__((target("avx2"))) inline void Chunk32(const uint8_t* src, uint8_t* dst) {
-    __m256i window[3];
-    for (int r = 0; r < 3; ++r) {
-        window[r] = _mm256_inserti128_si256(_mm256_castsi128_si256(Load128(src + 6 * r)),
-                                            Load128(src + 24 + 6 * r), 1);
-    }
+    const __m256i window0 = Window(src), window1 = Window(src + 6), window2 = Window(src + 12);
     const __m256i chroma =
-        _mm256_srai_epi16(_mm256_or_si256(_mm256_shuffle_epi8(window[0], Both(kMasks.chromaLow)),
-                                          _mm256_shuffle_epi8(window[2], Both(kMasks.chromaHigh))),
+        _mm256_srai_epi16(_mm256_or_si256(_mm256_shuffle_epi8(window0, Both(kMasks.chromaLow)),
+                                          _mm256_shuffle_epi8(window2, Both(kMasks.chromaHigh))),
                           8);
-    const __m256i zero = _mm256_setzero_si256();
-    const __m256i blueGreen = _mm256_packs_epi32(Term(chroma, kBlue), Term(chroma, kGreen));
-    const __m256i red = Term(chroma, kRed);
-    const __m256i redRed = _mm256_packs_epi32(red, red);
-    const __m256i up =
-        _mm256_packus_epi16(_mm256_max_epi16(blueGreen, zero), _mm256_max_epi16(redRed, zero));
-    const __m256i down =
-        _mm256_packus_epi16(_mm256_max_epi16(_mm256_sub_epi16(zero, blueGreen), zero),
-                            _mm256_max_epi16(_mm256_sub_epi16(zero, redRed), zero));
-    __m256i out[3];
-    for (int r = 0; r < 3; ++r) {
-        const __m256i at = Both(kMasks.offset[r]);
-        const __m256i luma = _mm256_shuffle_epi8(window[r], Both(kMasks.luma[r]));
-        out[r] = _mm256_subs_epu8(_mm256_adds_epu8(luma, _mm256_shuffle_epi8(up, at)),
-                                  _mm256_shuffle_epi8(down, at));
-    }
+    __m256i up, down;
+    Offsets(chroma, up, down);
+    const __m256i out0 = Channels(window0, 0, up, down);
+    const __m256i out1 = Channels(window1, 1, up, down);
+    const __m256i out2 = Channels(window2, 2, up, down);
     // Lanes hold the first four groups' thirds and the last four's: put them back in order.
     auto* to = reinterpret_cast<__m256i*>(dst);
-    _mm256_storeu_si256(to, _mm256_permute2x128_si256(out[0], out[1], 0x20));
-    _mm256_storeu_si256(to + 1, _mm256_permute2x128_si256(out[2], out[0], 0x30));
-    _mm256_storeu_si256(to + 2, _mm256_permute2x128_si256(out[1], out[2], 0x31));
+    _mm256_storeu_si256(to, _mm256_permute2x128_si256(out0, out1, 0x20));
+    _mm256_storeu_si256(to + 1, _mm256_permute2x128_si256(out2, out0, 0x30));
+    _mm256_storeu_si256(to + 2, _mm256_permute2x128_si256(out1, out2, 0x31));
 }
 
 // Converts a row's first `groups` groups into scratch; `available` bytes may be read from row.
@@ -182,13 +200,14 @@ __attribute__((target("avx2"))) void RowAvx2(const uint8_t* row, uint64_t availa
 
 // Neighbouring kept columns that land on neighbouring output columns, as byte ranges.
 struct Run {
+    // How a run may be copied: what a wide copy writes past the run's end, the runs after it
+    // rewrite before anything else does.
+    enum Copy : uint8_t { Exact, Word, Block32, Blocks16 };
     uint32_t from = 0;   // in scratch
     uint32_t to = 0;     // in the output row
     uint32_t bytes = 0;  // 3 per column
     uint32_t firstColumn = 0;
-    // The run may be copied in whole 16-byte blocks: what it writes past its end, the runs after
-    // it rewrite before anything else does.
-    bool blocks = false;
+    Copy copy = Exact;
 };
 
 std::vector<Run> MakeRuns(const FrameGeometry& geometry, const int32_t* map) {
@@ -217,45 +236,147 @@ std::vector<Run> MakeRuns(const FrameGeometry& geometry, const int32_t* map) {
         Run& run = runs[k];
         const uint64_t end = uint64_t(run.to) + run.bytes;
         if (k + 1 == runs.size() || runs[k + 1].to != end) chainEnd = end;
-        run.blocks = run.bytes < 128 && uint64_t(run.to) + ((run.bytes + 15) & ~15u) <= chainEnd;
+        const uint64_t room = chainEnd - run.to;
+        if (run.bytes == 3 && room >= 4) {
+            run.copy = Run::Word;
+        } else if (run.bytes <= 32 && room >= 32) {
+            run.copy = Run::Block32;
+        } else if (run.bytes < 128 && room >= ((run.bytes + 15) & ~15u)) {
+            run.copy = Run::Blocks16;
+        }
     }
     return runs;
 }
 
-__attribute__((target("ssse3"))) void CopyBlocks(uint8_t* to, const uint8_t* from, uint32_t bytes) {
-    for (uint32_t k = 0; k < bytes; k += 16) {
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + k), Load128(from + k));
+// A row's kept columns from scratch into the output row; scratch has kScratchSlack behind it.
+using RunCopier = void (*)(const std::vector<Run>& runs, const uint8_t* scratch, uint8_t* out);
+
+__attribute__((target("ssse3"))) void CopyRunsSsse3(const std::vector<Run>& runs,
+                                                    const uint8_t* scratch, uint8_t* out) {
+    for (const Run& run : runs) {
+        uint8_t* to = out + run.to;
+        const uint8_t* from = scratch + run.from;
+        switch (run.copy) {
+            case Run::Word:
+                std::memcpy(to, from, 4);
+                break;
+            case Run::Block32:
+            case Run::Blocks16:
+                for (uint32_t k = 0; k < run.bytes; k += 16) {
+                    _mm_storeu_si128(reinterpret_cast<__m128i*>(to + k), Load128(from + k));
+                }
+                break;
+            case Run::Exact:
+                std::memcpy(to, from, run.bytes);
+                break;
+        }
     }
 }
 
+__attribute__((target("avx2"))) void CopyRunsAvx2(const std::vector<Run>& runs,
+                                                  const uint8_t* scratch, uint8_t* out) {
+    for (const Run& run : runs) {
+        uint8_t* to = out + run.to;
+        const uint8_t* from = scratch + run.from;
+        switch (run.copy) {
+            case Run::Word:
+                std::memcpy(to, from, 4);
+                break;
+            case Run::Block32:
+                _mm256_storeu_si256(reinterpret_cast<__m256i*>(to),
+                                    _mm256_loadu_si256(reinterpret_cast<const __m256i*>(from)));
+                break;
+            case Run::Blocks16:
+                for (uint32_t k = 0; k < run.bytes; k += 16) {
+                    _mm_storeu_si128(reinterpret_cast<__m128i*>(to + k), Load128(from + k));
+                }
+                break;
+            case Run::Exact:
+                std::memcpy(to, from, run.bytes);
+                break;
+        }
+    }
+}
+
+// The kept columns as one chain of single pixels from the row's start, by AVX2 gathers: for
+// maps whose runs are too short to copy one by one. from holds each output pixel's scratch offset.
+__attribute__((target("avx2"))) void GatherPixelsAvx2(const std::vector<int32_t>& from,
+                                                      const uint8_t* scratch, uint8_t* out) {
+    const size_t pixels = from.size();
+    // Three bytes of each of four pixels in each lane, the last four bytes zero.
+    const __m256i pack = _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0,
+                                          1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
+    size_t j = 0;
+    // Eight pixels write 28 bytes: stop where that would pass the last pixel.
+    for (; j + 10 <= pixels; j += 8) {
+        const __m256i at = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(from.data() + j));
+        const __m256i packed = _mm256_shuffle_epi8(
+            _mm256_i32gather_epi32(reinterpret_cast<const int*>(scratch), at, 1), pack);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 3 * j), _mm256_castsi256_si128(packed));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 3 * j + 12),
+                         _mm256_extracti128_si256(packed, 1));
+    }
+    for (; j < pixels; ++j) std::memcpy(out + 3 * j, scratch + from[j], 3);
+}
+
 void ConvertVector(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
-                   const int32_t* map, uint8_t* pixels, RowConverter convertRow) {
+                   const int32_t* map, uint8_t* pixels, RowConverter convertRow, RunCopier copyRuns,
+                   bool gathers) {
     std::vector<Run> runs;
     std::vector<uint8_t> scratch;
+    std::vector<int32_t> gather;
     try {
         runs = MakeRuns(geometry, map);
         scratch.resize(static_cast<size_t>(geometry.groupsPerRow * 12) + kScratchSlack);
+        // Short runs that follow one another from the row's start: gathered pixel by pixel.
+        bool chain = gathers && !runs.empty() && runs[0].to == 0;
+        uint64_t kept = 0;
+        for (size_t k = 0; chain && k < runs.size(); ++k) {
+            chain = k == 0 || runs[k].to == runs[k - 1].to + runs[k - 1].bytes;
+            kept += runs[k].bytes / 3;
+        }
+        if (chain && kept < runs.size() * 2) {
+            for (const Run& run : runs) {
+                for (uint32_t c = 0; c < run.bytes; c += 3) {
+                    gather.push_back(static_cast<int32_t>(run.from + c));
+                }
+            }
+        }
     } catch (const std::bad_alloc&) {
         ConvertPixelsPlain(source, sourceSize, geometry, map, pixels);
         return;
     }
+    // Every column kept in place: whole groups go straight into the output row.
+    const bool inPlace = runs.size() == 1 && runs[0].from == 0 && runs[0].to == 0;
+    const uint64_t direct = inPlace ? runs[0].bytes / 12 : 0;
     const uint64_t rowBytes = geometry.groupsPerRow * 6;
     const uint64_t stride = static_cast<uint64_t>(geometry.outWidth) * 3;
     for (int32_t y = 0; y < geometry.height; ++y) {
         const uint64_t rowStart = static_cast<uint64_t>(y) * rowBytes;
         if (!source || rowStart >= sourceSize) break;
+        const uint8_t* row = source + rowStart;
         const uint64_t available = sourceSize - rowStart;
         const uint64_t groups = std::min(geometry.groupsPerRow, available / 6);
-        convertRow(source + rowStart, available, groups, scratch.data());
         uint8_t* out =
             pixels + static_cast<uint64_t>(geometry.height - 1 - y) * stride + geometry.pad;
+        if (inPlace) {
+            const uint64_t straight = std::min(groups, direct);
+            convertRow(row, available, straight, out);
+            const uint64_t end = std::min<uint64_t>(runs[0].bytes, groups * 12);
+            if (groups > straight && end > straight * 12) {
+                convertRow(row + 6 * straight, available - 6 * straight, groups - straight,
+                           scratch.data());
+                std::memcpy(out + 12 * straight, scratch.data(),
+                            static_cast<size_t>(end - 12 * straight));
+            }
+            continue;
+        }
+        convertRow(row, available, groups, scratch.data());
         if (groups == geometry.groupsPerRow) {
-            for (const Run& run : runs) {
-                if (run.blocks) {
-                    CopyBlocks(out + run.to, scratch.data() + run.from, run.bytes);
-                } else {
-                    std::memcpy(out + run.to, scratch.data() + run.from, run.bytes);
-                }
+            if (!gather.empty()) {
+                GatherPixelsAvx2(gather, scratch.data(), out);
+            } else {
+                copyRuns(runs, scratch.data(), out);
             }
             continue;
         }
@@ -285,9 +406,9 @@ void ConvertPixels(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
                    const int32_t* map, uint8_t* pixels, PixelPath path) {
     path = std::min(path, FastestPixelPath());
     if (path == PixelPath::Avx2) {
-        ConvertVector(source, sourceSize, geometry, map, pixels, RowAvx2);
+        ConvertVector(source, sourceSize, geometry, map, pixels, RowAvx2, CopyRunsAvx2, true);
     } else if (path == PixelPath::Ssse3) {
-        ConvertVector(source, sourceSize, geometry, map, pixels, RowSsse3);
+        ConvertVector(source, sourceSize, geometry, map, pixels, RowSsse3, CopyRunsSsse3, false);
     } else {
         ConvertPixelsPlain(source, sourceSize, geometry, map, pixels);
     }
