@@ -279,6 +279,19 @@ ORQ_API OrqResult OrqUpdateAEAF(OrqSessionHandle session);
  * (negative id) until downloaded with OrqDownloadFileTo or deleted. Live view pauses during the
  * shot. ORQ_OK once queued; ORQ_ERROR while a movie is being recorded. */
 ORQ_API OrqResult OrqShoot(OrqSessionHandle session);
+/** Blocking: takes a picture with each of `count` cameras (1 to 1024) at the same moment, for
+ * rigs. Every camera prepares its shot at once on its own thread (what OrqShoot does before the
+ * Shoot command), waits until each other camera is ready or has failed, and then all send their
+ * Shoot commands together; each shot ends as OrqShoot's does, with the shoot-completed callback
+ * (and a failed shot ends that camera's session as there). A camera that refuses (as OrqShoot
+ * would) or fails its preparation holds nobody; one not ready within 10 s no longer holds the
+ * others and shoots alone when it is. `sessions` (each at most once) and `results` are the
+ * caller's arrays of `count`, used only during the call. Returns once every Shoot command has
+ * been answered, at most about 40 s: results[i] is ORQ_OK when camera i's Shoot went out,
+ * otherwise why not (ORQ_DEVICE_NOT_READY: no answer by then). ORQ_OK when every camera shot,
+ * otherwise ORQ_ERROR (invalid arguments: `results` untouched). Not from a callback: the
+ * callback's camera would wait for itself. */
+ORQ_API OrqResult OrqShootSynchronized(OrqSessionHandle* sessions, int count, OrqResult* results);
 /** Subscribes to ended shots (OrqShootCompletedCallback). Returns the subscription, or null. */
 ORQ_API OrqSubscription OrqShootCompletedSubscribe(OrqSessionHandle session,
                                                    OrqShootCompletedCallback callback,

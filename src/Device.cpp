@@ -240,9 +240,9 @@ bool Device::HandleMessage(const std::shared_ptr<MainLoopMsg_Base>& message, Orq
             [this](ContProc* self, milliseconds* delay, OrqResult* stepResult, bool* again) {
                 UpdateAeAfStep(self, delay, stepResult, again, this);
             });
-    } else if (dynamic_cast<MainLoopMsg_Shoot*>(base)) {
+    } else if (auto* shoot = dynamic_cast<MainLoopMsg_Shoot*>(base)) {
         ORQ_LOG(DEB, "Main loop: shoot");
-        contProc = Shoot([this](OrqFileInfo file) { OnShootCompleted(file); });
+        contProc = Shoot([this](OrqFileInfo file) { OnShootCompleted(file); }, shoot->ticket);
     } else if (auto* download = dynamic_cast<MainLoopMsg_DownloadTo*>(base)) {
         ORQ_LOG(DEB, "Main loop: download to");
         outcome = PTPDownloadFile(download->fileId, download->path);

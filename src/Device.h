@@ -51,7 +51,8 @@ public:
     void FreePointer(void* pointer) override;
 
     // Commands of the session exports, run on the caller's thread (Device_Commands.cpp).
-    OrqResult ShootCommand();
+    // ticket: the camera's place among cameras shooting together; null for a shot of its own.
+    OrqResult ShootCommand(std::shared_ptr<ShotTicket> ticket = nullptr);
     OrqResult UpdateAEAFCommand();
     OrqResult ResetCameraCommand();
     OrqResult DownloadFileCommand(int fileId, bool deleteAfter);

@@ -7,13 +7,13 @@
 
 namespace orq {
 
-OrqResult Device::ShootCommand() {
+OrqResult Device::ShootCommand(std::shared_ptr<ShotTicket> ticket) {
     if (OrqResult ready = CheckReady()) return ready;
     if (VideoRecording) {
         ORQ_LOG(ERR, "Shooting not supported: video recording started");
         return ORQ_ERROR;
     }
-    Post(std::make_shared<MainLoopMsg_Shoot>());
+    Post(std::make_shared<MainLoopMsg_Shoot>(std::move(ticket)));
     return ORQ_OK;
 }
 

@@ -2,9 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace orq {
+
+class ShotTicket;
 
 struct MainLoopMsg_Base {
     virtual ~MainLoopMsg_Base() = default;
@@ -12,7 +15,11 @@ struct MainLoopMsg_Base {
 
 struct MainLoopMsg_Halt : MainLoopMsg_Base {};
 struct MainLoopMsg_UpdateAeAf : MainLoopMsg_Base {};
-struct MainLoopMsg_Shoot : MainLoopMsg_Base {};
+struct MainLoopMsg_Shoot : MainLoopMsg_Base {
+    MainLoopMsg_Shoot() = default;
+    explicit MainLoopMsg_Shoot(std::shared_ptr<ShotTicket> ticket) : ticket(std::move(ticket)) {}
+    std::shared_ptr<ShotTicket> ticket;  // null unless the shot is synchronised with others
+};
 struct MainLoopMsg_ResetCamera : MainLoopMsg_Base {};
 
 struct MainLoopMsg_RemoveFile : MainLoopMsg_Base {

@@ -3,10 +3,12 @@
 #include "orqsdk.h"
 
 #include <atomic>
+#include <chrono>
 #include <exception>
 #include <mutex>
 
 #include "CameraManager.h"
+#include "Kernel/ShotGate.h"
 #include "Logger.h"
 #include "memmgr.h"
 #include "models/PropertyNames.h"
@@ -17,6 +19,11 @@ namespace {
 
 constexpr const char* kInstanceLockName = "ORQSDK{6F0C2D43-9B8A-4E51-A7D2-3C1E5B9F0A84}";
 const char16_t kVersionText[] = u"1.1.0.4";
+// Synchronised shots: how long the ready cameras wait for the slowest one's preparation, and how
+// much longer the caller waits for the Shoot commands to be answered.
+constexpr std::chrono::milliseconds kShotPatience{10000};
+constexpr std::chrono::milliseconds kShotReportMargin{30000};
+constexpr int kMaxSynchronizedShots = 1024;
 
 // The manager pointer is read by exports on any thread without a lock, as the handle cells
 // copy it; it changes only in initialise and terminate.
@@ -245,6 +252,39 @@ ORQ_API OrqResult OrqUpdateAEAF(OrqSessionHandle session) {
 ORQ_API OrqResult OrqShoot(OrqSessionHandle session) {
     API_ENTRY("OrqShoot");
     return RunResult(session, [](Device* device) { return device->ShootCommand(); });
+}
+
+ORQ_API OrqResult OrqShootSynchronized(OrqSessionHandle* sessions, int count, OrqResult* results) {
+    ORQ_API_LOG(INF, "OrqShootSynchronized: %d", count);
+    ORQ_LOG(INF, "OrqShootSynchronized");
+    if (!sessions || !results || count <= 0 || count > kMaxSynchronizedShots) return ORQ_ERROR;
+    return Guarded(ORQ_ERROR, [&] {
+        const size_t cameras = static_cast<size_t>(count);
+        auto gate = std::make_shared<ShotGate>(cameras, kShotPatience);
+        for (size_t i = 0; i < cameras; ++i) {
+            // A camera named twice would wait at the gate for itself.
+            bool repeated = false;
+            for (size_t k = 0; k < i && sessions[i]; ++k) {
+                repeated =
+                    repeated || (sessions[k] && sessions[k]->manager == sessions[i]->manager &&
+                                 sessions[k]->deviceId == sessions[i]->deviceId);
+            }
+            auto ticket = std::make_shared<ShotTicket>(gate, i);
+            const OrqResult posted =
+                repeated ? ORQ_ERROR : RunResult(sessions[i], [&](Device* device) {
+                    return device->ShootCommand(ticket);
+                });
+            if (posted != ORQ_OK) gate->Report(i, posted);
+        }
+        const std::vector<OrqResult> outcome =
+            gate->AwaitReports(kShotPatience + kShotReportMargin);
+        OrqResult all = ORQ_OK;
+        for (size_t i = 0; i < cameras; ++i) {
+            results[i] = outcome[i];
+            if (outcome[i] != ORQ_OK) all = ORQ_ERROR;
+        }
+        return all;
+    });
 }
 
 ORQ_API OrqSubscription OrqShootCompletedSubscribe(OrqSessionHandle session,

@@ -98,6 +98,7 @@ enum : uint32_t {
 enum : int32_t { CAMERA_EVENT_SHOOT_FINISHED = 0, CAMERA_EVENT_ZOOM_FINISHED = 1 };
 
 class ContProc;
+class ShotTicket;
 using ContProcStep = std::function<void(ContProc* self, std::chrono::milliseconds* delay,
                                         OrqResult* result, bool* again)>;
 
@@ -249,7 +250,9 @@ public:
     // --- Capture, files, zoom, focus, preview, video ----------------------------------------
     // The shoot chain, normal or remote with direct transfer (Direct Transfer set to On, 0).
     // The caller takes ownership of the result.
-    std::unique_ptr<ContProc> Shoot(std::function<void(OrqFileInfo)> onCompleted);
+    // With a ticket, the chain waits at its gate just before the Shoot command and reports there.
+    std::unique_ptr<ContProc> Shoot(std::function<void(OrqFileInfo)> onCompleted,
+                                    std::shared_ptr<ShotTicket> ticket = nullptr);
     OrqResult PTPDownloadFile(int32_t fileId, const std::u16string& path);
     // The folder joined with the camera's name, refused (false, logged) when the folder is
     // unknown or the name is not a plain file name of this system.
@@ -343,9 +346,9 @@ protected:
 
     // Steps of the shoot chains (DeviceLL_Shoot.cpp); each returns the step's result, with
     // 'done' false while the step is to run again.
-    OrqResult ShootBegin(std::shared_ptr<void>& claim);
+    OrqResult ShootBegin(std::shared_ptr<void>& claim, ShotTicket* ticket);
     OrqResult ShootAwaitFile(bool& done, OrqFileInfo& file);
-    OrqResult DirectShootBegin(std::shared_ptr<void>& claim);
+    OrqResult DirectShootBegin(std::shared_ptr<void>& claim, ShotTicket* ticket);
     OrqResult DirectShootAwaitPicture(bool& done, OrqFileInfo& file);
     OrqResult DirectShootReceive(OrqFileInfo& file);
     // Writes a block sequence to a file, whole or not at all; false when any step failed.

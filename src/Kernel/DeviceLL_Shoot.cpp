@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "Kernel/DeviceLL.h"
+#include "Kernel/ShotGate.h"
 #include "Logger.h"
 
 namespace orq {
@@ -75,7 +76,8 @@ ContProcStep RepeatingStep(DeviceLL* device,
 
 }  // namespace
 
-std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCompleted) {
+std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCompleted,
+                                          std::shared_ptr<ShotTicket> ticket) {
     bool direct = false;
     if (config.Has(ORQ_PROP_DIRECT_TRANSFER)) {
         std::lock_guard<std::recursive_mutex> guard(propertyLock);
@@ -91,10 +93,11 @@ std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCom
                                  : "Shoot: SHOOT_FINISHED not seen after %d ms";
 
     return std::make_unique<ContProc>(
-        [this, begin, await, awaitInterval, overdue, onCompleted = std::move(onCompleted)](
+        [this, begin, await, awaitInterval, overdue, onCompleted = std::move(onCompleted), ticket](
             ContProc* self, milliseconds* delay, OrqResult* result, bool* again) {
             std::shared_ptr<void> claim;
-            OrqResult status = (this->*begin)(claim);
+            OrqResult status = (this->*begin)(claim, ticket.get());
+            if (ticket) ticket->Report(status);
             if (status != ORQ_OK) {
                 *result = status;
                 return;
@@ -125,7 +128,7 @@ std::shared_ptr<void> DeviceLL::ClaimCardForShot() {
     });
 }
 
-OrqResult DeviceLL::ShootBegin(std::shared_ptr<void>& claim) {
+OrqResult DeviceLL::ShootBegin(std::shared_ptr<void>& claim, ShotTicket* ticket) {
     claim = ClaimCardForShot();
     if (!claim) return ORQ_ERROR;
     ORQ_LOG(INF, "Shoot started on camera");
@@ -145,6 +148,7 @@ OrqResult DeviceLL::ShootBegin(std::shared_ptr<void>& claim) {
         return result;
     }
     ORQ_LOG(DEB, "Shoot transaction");
+    if (ticket) ticket->Arrive();
     if (PTPShoot() != ORQ_OK) return ORQ_ERROR;
     return ORQ_OK;
 }
@@ -195,7 +199,7 @@ OrqResult DeviceLL::ShootAwaitFile(bool& done, OrqFileInfo& file) {
     }
 }
 
-OrqResult DeviceLL::DirectShootBegin(std::shared_ptr<void>& claim) {
+OrqResult DeviceLL::DirectShootBegin(std::shared_ptr<void>& claim, ShotTicket* ticket) {
     claim = ClaimCardForShot();
     if (!claim) return ORQ_ERROR;
     ORQ_LOG(INF, "Shoot started on camera (remote version)");
@@ -213,6 +217,7 @@ OrqResult DeviceLL::DirectShootBegin(std::shared_ptr<void>& claim) {
     }
     PTPMemoryStatistics("pre shoot transaction");
     ORQ_LOG(DEB, "Shoot transaction (remote version)");
+    if (ticket) ticket->Arrive();
     if (PTPRemoteCaptureStart() != ORQ_OK) return ORQ_ERROR;
     PTPMemoryStatistics("after shoot transaction");
     return ORQ_OK;

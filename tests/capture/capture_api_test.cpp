@@ -1,6 +1,8 @@
 // What the C API adds to shots, downloads and video: the commands' own checks on the caller's
 // thread, the main loop's messages and the events. A virtual SX160 behind a started SDK.
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -171,6 +173,62 @@ TEST_F(CaptureApi, FailedWriteKeepsTheCardFile) {
     std::this_thread::sleep_for(100ms);
     EXPECT_TRUE(camera->FileBytes(static_cast<uint32_t>(handle)));
     EXPECT_TRUE(Locked(downloads).empty());
+}
+
+void CountShot(void* count, OrqFileInfo* file) {
+    ++*static_cast<std::atomic<int>*>(count);
+    OrqFree(file);
+}
+
+TEST(CaptureApiRig, SynchronisedShotWaitsForTheSlowestAndDropsTheFailed) {
+    // Three cameras: one prepares slowly (its card listing is 300 ms late), one fails its
+    // preparation; with a null session beside them.
+    std::vector<std::shared_ptr<orqsim::VirtualCamera>> cameras;
+    for (int i = 0; i < 3; ++i) {
+        cameras.push_back(std::make_shared<orqsim::VirtualCamera>());
+        ASSERT_TRUE(cameras[i]->PlugIn(u"orqsim://rig/" + std::u16string(1, u'0' + i)));
+    }
+    ASSERT_EQ(OrqInitializeSDK(), ORQ_OK);
+    OrqCameraInfo* list = nullptr;
+    int count = 0;
+    ASSERT_EQ(OrqGetCameraList(OrqGetCameraManager(), &list, &count), ORQ_OK);
+    ASSERT_EQ(count, 3);
+    std::vector<OrqSessionHandle> sessions(4, nullptr);
+    std::atomic<int> shots{0};
+    for (int i = 0; i < 3; ++i) {
+        // Each session goes to the slot of the camera its path names.
+        const size_t at = std::char_traits<OrqChar>::length(list[i].path) - 1;
+        OrqSessionHandle& session = sessions[size_t(list[i].path[at] - u'0')];
+        ASSERT_EQ(OrqOpenSession(OrqGetCameraManager(), list[i].id, &session), ORQ_OK);
+        OrqShootCompletedSubscribe(session, &CountShot, &shots);
+    }
+    OrqFree(list);
+    // Faults only once every camera has started (start-up lists the card too).
+    for (int i = 0; i < 3; ++i) {
+        int zoom = 0;
+        ASSERT_TRUE(Eventually([&] { return OrqGetZoom(sessions[i], &zoom) == ORQ_OK; }));
+    }
+    using orqsim::Fault;
+    cameras[1]->InjectFault(Fault::Operation(Fault::Delay, orq::PTP_OC_GetObjectHandles, -1, 300));
+    Fault failed = Fault::Operation(Fault::GeneralError, orq::PTP_OC_GetObjectHandles);
+    failed.times = -1;
+    cameras[2]->InjectFault(failed);
+
+    const auto start = std::chrono::steady_clock::now();
+    std::vector<OrqResult> results(4, ORQ_OK);
+    EXPECT_EQ(OrqShootSynchronized(sessions.data(), 4, results.data()), ORQ_ERROR);
+    EXPECT_EQ(results[0], ORQ_OK);
+    EXPECT_EQ(results[1], ORQ_OK);
+    EXPECT_NE(results[2], ORQ_OK);
+    EXPECT_EQ(results[3], ORQ_ERROR);
+    // The quick camera's Shoot waited for the slow one's preparation; the failed one sent none.
+    ASSERT_EQ(cameras[0]->ShootTimes().size(), 1u);
+    ASSERT_EQ(cameras[1]->ShootTimes().size(), 1u);
+    EXPECT_GE(cameras[0]->ShootTimes()[0] - start, 300ms);
+    EXPECT_TRUE(cameras[2]->ShootTimes().empty());
+    EXPECT_TRUE(Eventually([&] { return shots.load() == 2; }));
+    OrqTerminateSDK();
+    for (auto& camera : cameras) camera->Unplug();
 }
 
 }  // namespace
