@@ -21,8 +21,9 @@ namespace orq::preview {
 namespace {
 
 constexpr int kLumaAt[4] = {1, 3, 4, 5};
-// Scratch is read up to this far past its last pixel by the run copies.
-constexpr size_t kScratchSlack = 32;
+// Scratch has this much room behind its last pixel: the run copies read up to 32 bytes past a
+// run, and a last chunk of four groups may write up to three groups past the row.
+constexpr size_t kScratchSlack = 64;
 
 uint8_t Clamp(int32_t value) {
     return static_cast<uint8_t>(value < 0 ? 0 : (value > 255 ? 255 : value));
@@ -176,26 +177,32 @@ __attribute__((target("avx2"))) inline void Chunk32(const uint8_t* src, uint8_t*
     _mm256_storeu_si256(to + 2, _mm256_permute2x128_si256(out1, out2, 0x31));
 }
 
-// Converts a row's first `groups` groups into scratch; `available` bytes may be read from row.
-using RowConverter = void (*)(const uint8_t* row, uint64_t available, uint64_t groups,
-                              uint8_t* scratch);
+// Converts a row's first `groups` groups to dst; `available` bytes may be read from row. With
+// `spare`, dst has kScratchSlack bytes behind them for a last chunk that passes the end.
+using RowConverter = void (*)(const uint8_t* row, uint64_t available, uint64_t groups, uint8_t* dst,
+                              bool spare);
 
 __attribute__((target("ssse3"))) void RowSsse3(const uint8_t* row, uint64_t available,
-                                               uint64_t groups, uint8_t* scratch) {
+                                               uint64_t groups, uint8_t* dst, bool spare) {
     uint64_t g = 0;
-    for (; g + 4 <= groups && 6 * g + 28 <= available; g += 4)
-        Chunk16(row + 6 * g, scratch + 12 * g);
-    for (; g < groups; ++g) GroupPlain(row + 6 * g, scratch + 12 * g);
+    for (; g + 4 <= groups && 6 * g + 28 <= available; g += 4) Chunk16(row + 6 * g, dst + 12 * g);
+    if (spare && g < groups && 6 * g + 28 <= available) {
+        Chunk16(row + 6 * g, dst + 12 * g);
+        return;
+    }
+    for (; g < groups; ++g) GroupPlain(row + 6 * g, dst + 12 * g);
 }
 
 __attribute__((target("avx2"))) void RowAvx2(const uint8_t* row, uint64_t available,
-                                             uint64_t groups, uint8_t* scratch) {
+                                             uint64_t groups, uint8_t* dst, bool spare) {
     uint64_t g = 0;
-    for (; g + 8 <= groups && 6 * g + 52 <= available; g += 8)
-        Chunk32(row + 6 * g, scratch + 12 * g);
-    for (; g + 4 <= groups && 6 * g + 28 <= available; g += 4)
-        Chunk16(row + 6 * g, scratch + 12 * g);
-    for (; g < groups; ++g) GroupPlain(row + 6 * g, scratch + 12 * g);
+    for (; g + 8 <= groups && 6 * g + 52 <= available; g += 8) Chunk32(row + 6 * g, dst + 12 * g);
+    for (; g + 4 <= groups && 6 * g + 28 <= available; g += 4) Chunk16(row + 6 * g, dst + 12 * g);
+    if (spare && g < groups && 6 * g + 28 <= available) {
+        Chunk16(row + 6 * g, dst + 12 * g);
+        return;
+    }
+    for (; g < groups; ++g) GroupPlain(row + 6 * g, dst + 12 * g);
 }
 
 // Neighbouring kept columns that land on neighbouring output columns, as byte ranges.
@@ -361,17 +368,17 @@ void ConvertVector(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
             pixels + static_cast<uint64_t>(geometry.height - 1 - y) * stride + geometry.pad;
         if (inPlace) {
             const uint64_t straight = std::min(groups, direct);
-            convertRow(row, available, straight, out);
+            convertRow(row, available, straight, out, false);
             const uint64_t end = std::min<uint64_t>(runs[0].bytes, groups * 12);
             if (groups > straight && end > straight * 12) {
                 convertRow(row + 6 * straight, available - 6 * straight, groups - straight,
-                           scratch.data());
+                           scratch.data(), true);
                 std::memcpy(out + 12 * straight, scratch.data(),
                             static_cast<size_t>(end - 12 * straight));
             }
             continue;
         }
-        convertRow(row, available, groups, scratch.data());
+        convertRow(row, available, groups, scratch.data(), true);
         if (groups == geometry.groupsPerRow) {
             if (!gather.empty()) {
                 GatherPixelsAvx2(gather, scratch.data(), out);
