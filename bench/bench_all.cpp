@@ -75,9 +75,14 @@ double CpuPerCall(int calls, Body body) {
 }
 
 void Row(const char* figure, const std::string& value, const std::string& reference,
-         const std::string& target, bool met) {
+         const std::string& target, const char* verdict) {
     std::printf("%-44s %-22s %-30s %-16s %s\n", figure, value.c_str(), reference.c_str(),
-                target.c_str(), met ? "met" : "NOT MET");
+                target.c_str(), verdict);
+}
+
+void Row(const char* figure, const std::string& value, const std::string& reference,
+         const std::string& target, bool met) {
+    Row(figure, value, reference, target, met ? "met" : "NOT MET");
 }
 
 std::string Text(const char* format, double value) {
@@ -151,7 +156,7 @@ void Link() {
     });
     const double wall = std::chrono::duration<double>(Clock::now() - start).count() / calls;
     Row("PTP transactions, no data phase, M/s", Text("%.2f (CPU)", 1e-6 / cpu),
-        Text("%.2f wall", 1e-6 / wall), ">= 2.87 (before)", 1e-6 / cpu >= 2.87 * 0.9);
+        Text("%.2f wall", 1e-6 / wall), ">= 2.87 (before)", 1e-6 / cpu >= 2.87);
 
     const size_t size = 10 * 1000 * 1000;
     const uint32_t handle = camera->AddFileOfSize(u"IMG_0100.JPG", size);
@@ -165,8 +170,12 @@ void Link() {
         std::memcpy(block.get(), bytes->data(), size);
         if (block[size / 2] != (*bytes)[size / 2]) std::exit(1);
     });
-    Row("GetObject 10 MB / memcpy, throughput", Text("%.2f", copy / download),
-        Text("memcpy %.0f MB/s", size / copy / 1e6), ">= 0.96 (before)", copy / download >= 0.9);
+    // The figure before these changes came from wall time, where both sides wait for fresh pages;
+    // CPU time counts the camera's copy and the link's, so the ratio is judged against a build of
+    // the earlier code (link_bench under callgrind), not here.
+    Row("GetObject 10 MB, MB/s of CPU", Text("%.0f", size / download / 1e6),
+        Text("memcpy %.0f", size / copy / 1e6) + Text(", ratio %.2f", copy / download), "as before",
+        "see link_bench");
     loggingOn = true;
     link.reset();
     camera->Unplug();
