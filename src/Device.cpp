@@ -304,8 +304,9 @@ OrqResult Device::PeriodicPoll() {
 }
 
 void Device::FailDevice(OrqResult code) {
+    // Calls in the meantime hear "not ready", not a cause that may yet turn out to be a pull.
+    result = code == ORQ_BATTERY_LOW ? code : ORQ_DEVICE_NOT_READY;
     started = false;
-    result = code;
     ORQ_LOG(ERR, "Camera failed: %d", code);
     if (code != ORQ_BATTERY_LOW) {
         // A pulled cable shows first as a failed transfer; give the notification thread time to
@@ -316,9 +317,10 @@ void Device::FailDevice(OrqResult code) {
             queueCondition.wait_for(guard, milliseconds(500), [this] { return halting.load(); });
         }
         if (!IsConnected()) {
-            result = ORQ_DISCONNECTED;
+            code = ORQ_DISCONNECTED;
             ORQ_LOG(ERR, "Camera disconnected");
         }
+        result = code;
     }
     OrqResult reported = static_cast<OrqResult>(result.load());
     cameraErrorEvent.Raise([reported](OrqCameraErrorCallback callback, void* context) {
