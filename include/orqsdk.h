@@ -213,8 +213,10 @@ typedef void (*OrqNotifyCallback)(void* context);
 
 /** Starts the SDK: finds the attached cameras and starts each of them, blocking until all have
  * started (or failed, which is only logged: no subscriber can exist yet). Starting a camera
- * waits until it is in shooting mode, and deletes from its card the files named
- * IMG_0010 and higher (IMG_0000 .. IMG_0009 are kept).
+ * waits until it is in shooting mode, and clears from its card the files named IMG_0010 and
+ * higher (IMG_0000 .. IMG_0009 stay): each is first copied into the folder
+ * "orqsdk-card-cleanup/<serial>" beside the logs and read back, and a file whose copy could
+ * not be made and verified stays on the card. An older copy of the same name is never replaced.
  * Returns ORQ_OK; ORQ_ERROR if already started in this process; ORQ_SECOND_PROCESS if another
  * process on this machine has it started. May be called again after OrqTerminateSDK. */
 ORQ_API OrqResult OrqInitializeSDK(void);

@@ -351,6 +351,9 @@ protected:
     OrqResult DirectShootBegin(std::shared_ptr<void>& claim, ShotTicket* ticket);
     OrqResult DirectShootAwaitPicture(bool& done, OrqFileInfo& file);
     OrqResult DirectShootReceive(OrqFileInfo& file);
+    // Copies a card file into the SDK's folder of cleaned-up pictures and reads the copy back;
+    // true only when the copy on the host equals the camera's file.
+    bool KeepVerifiedCopy(const OrqFileInfo& file);
     // Writes a block sequence to a file, whole or not at all; false when any step failed.
     bool WriteDownloadedFile(const std::u16string& path,
                              const std::vector<std::pair<const uint8_t*, uint64_t>>& parts);

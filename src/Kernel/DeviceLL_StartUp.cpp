@@ -1,10 +1,13 @@
 // The start-up steps that read the camera's identity and tidy its card.
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "Kernel/DeviceLL.h"
 #include "Logger.h"
 #include "SDKConfig.h"
+#include "platform/Platform.h"
 
 namespace orq {
 
@@ -82,7 +85,7 @@ OrqResult DeviceLL::CleanMemoryCard() {
         ORQ_LOG(ERR, "PTPUpdateObjectsInfo failed");
         return result;
     }
-    std::vector<int32_t> stale;
+    std::vector<OrqFileInfo> stale;
     {
         std::lock_guard<std::mutex> guard(fileTableLock);
         for (const OrqFileInfo& file : fileTable) {
@@ -95,17 +98,61 @@ OrqResult DeviceLL::CleanMemoryCard() {
             }
             if (number < 10) continue;
             ORQ_LOG(INF, "clean file: %s %d", AsNarrowBytes(file.name).c_str(), file.id);
-            stale.push_back(file.id);
+            stale.push_back(file);
         }
     }
-    for (int32_t id : stale) {
-        result = PTPRemoveFile(id);
+    for (const OrqFileInfo& file : stale) {
+        // These are the user's pictures: one leaves the card only once the host holds it.
+        if (!KeepVerifiedCopy(file)) {
+            ORQ_LOG(ERR, "clean file: no verified copy on the host, left on the card: %d", file.id);
+            continue;
+        }
+        result = PTPRemoveFile(file.id);
         if (result != ORQ_OK) {
-            ORQ_LOG(ERR, "PTPRemoveFile failed: %d", id);
+            ORQ_LOG(ERR, "PTPRemoveFile failed: %d", file.id);
             return result;
         }
     }
     return ORQ_OK;
+}
+
+bool DeviceLL::KeepVerifiedCopy(const OrqFileInfo& file) {
+    const char16_t separator = platform::PathSeparator();
+    // The serial number is camera text: only letters, digits, '-' and '_' reach the path.
+    std::u16string serial;
+    for (char16_t c : serialNumber) {
+        bool safe = (c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'z') ||
+                    (c >= u'A' && c <= u'Z') || c == u'-' || c == u'_';
+        if (serial.size() < 64) serial += safe ? c : u'_';
+    }
+    if (serial.empty()) serial = u"unknown";
+    std::u16string folder = platform::LogFolder();
+    if (folder.empty()) return false;
+    for (const std::u16string& level : {std::u16string(u"orqsdk-card-cleanup"), serial}) {
+        folder += separator + level;
+        if (!platform::MakeFolder(folder)) return false;
+    }
+    std::u16string name(file.name, std::char_traits<char16_t>::length(file.name));
+    // An earlier clean-up's copy of the same name is never replaced.
+    std::u16string candidate = name, path;
+    for (int n = 1;; ++n) {
+        if (!DownloadTarget(folder, candidate, path)) return false;
+        if (!platform::PathExists(path)) break;
+        if (n == 1000) return false;
+        candidate = platform::FromUtf8(std::to_string(n) + "-") + name;
+    }
+
+    PtpDataBlock block;
+    if (PTPGetObject(static_cast<uint32_t>(file.id), block) != ORQ_OK) return false;
+    const uint8_t* data = block.data.get();
+    uint64_t size = data ? block.size : 0;
+    std::string copy;
+    if (!WriteDownloadedFile(path, {{data, size}}) || !platform::ReadFile(path, copy) ||
+        copy.size() != size || (size > 0 && std::memcmp(copy.data(), data, size) != 0)) {
+        return false;
+    }
+    ORQ_LOG(INF, "clean file: copy kept at %s", platform::ToUtf8(path).c_str());
+    return true;
 }
 
 OrqResult DeviceLL::PTPGetCamLog() {

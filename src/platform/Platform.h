@@ -54,6 +54,12 @@ public:
 // ending in a dot or space on Windows).
 bool ReservedFileName(const std::u16string& name);
 
+// Creates one folder level; true when it exists afterwards (made now or before).
+bool MakeFolder(const std::u16string& path);
+
+// True when something (file, folder, link) stands at path.
+bool PathExists(const std::u16string& path);
+
 // Reads a whole file; false when it cannot be opened or read.
 bool ReadFile(const std::u16string& path, std::string& contents);
 

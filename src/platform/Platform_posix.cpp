@@ -130,6 +130,18 @@ std::u16string ExecutableFolder() {
     return FromUtf8(path.substr(0, path.rfind('/')));
 }
 
+bool MakeFolder(const std::u16string& path) {
+    std::string narrow = ToUtf8(path);
+    struct stat info;
+    return mkdir(narrow.c_str(), 0700) == 0 ||
+           (errno == EEXIST && stat(narrow.c_str(), &info) == 0 && S_ISDIR(info.st_mode));
+}
+
+bool PathExists(const std::u16string& path) {
+    struct stat info;
+    return lstat(ToUtf8(path).c_str(), &info) == 0;
+}
+
 std::u16string TempFolder() {
     return FromUtf8(EnvOr("TMPDIR", "/tmp"));
 }

@@ -150,6 +150,16 @@ std::u16string ExecutableFolder() {
     return cut == std::u16string::npos ? std::u16string() : path.substr(0, cut);
 }
 
+bool MakeFolder(const std::u16string& path) {
+    if (CreateDirectoryW(Wide(path), nullptr)) return true;
+    DWORD attributes = GetFileAttributesW(Wide(path));
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
+}
+
+bool PathExists(const std::u16string& path) {
+    return GetFileAttributesW(Wide(path)) != INVALID_FILE_ATTRIBUTES;
+}
+
 std::u16string TempFolder() {
     std::vector<wchar_t> buffer(4096, L'\0');
     DWORD length = GetTempPathW(static_cast<DWORD>(buffer.size()), buffer.data());

@@ -1,3 +1,9 @@
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
 #include "sdk_fixture.h"
 
 using namespace orqtest;
@@ -100,4 +106,54 @@ TEST_F(SdkTest, SessionsClaimARowAndKeepItAfterUnplug) {
     OrqFree(session);
     OrqSimDetachCamera(camera);
     EXPECT_TRUE(WaitFor([&] { return Cameras().empty(); }));
+}
+
+// Start-up clears img_ numbers from 10 up off the card, but only behind a copy on the host that
+// reads back equal; an older copy of the same name is kept, and without a copy the card keeps it.
+TEST_F(SdkTest, CardCleanUpRemovesOnlyWhatTheHostHoldsACopyOf) {
+    namespace fs = std::filesystem;
+    const fs::path kept = fs::path(std::getenv("XDG_STATE_HOME")) / "orqsdk-card-cleanup";
+    fs::remove_all(kept);
+    auto put = [](OrqSimCamera camera, const char16_t* name, const std::string& data) {
+        return OrqSimAddFile(camera, reinterpret_cast<const OrqChar*>(name), data.data(),
+                             static_cast<uint32_t>(data.size()));
+    };
+    auto read = [](const fs::path& path) {
+        std::ifstream in(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    OrqSimCamera camera = OrqSimAttachCamera("SX160");
+    put(camera, u"img_0009.jpg", "nine");
+    put(camera, u"img_0010.jpg", "ten");
+    put(camera, u"IMG_0012.JPG", "twelve");
+    put(camera, u"img_12x.jpg", "twelve-x");
+    int before = OrqSimGetFileCount(camera);
+    Start();
+    ASSERT_EQ(Cameras().size(), 1u);
+    EXPECT_EQ(OrqSimGetFileCount(camera), before - 3 + 1);  // and the camera's log, img_0002
+    ASSERT_EQ(std::distance(fs::directory_iterator(kept), fs::directory_iterator()), 1);
+    const fs::path folder = fs::directory_iterator(kept)->path();
+    EXPECT_EQ(read(folder / "img_0010.jpg"), "ten");
+    EXPECT_EQ(read(folder / "IMG_0012.JPG"), "twelve");
+    EXPECT_EQ(read(folder / "img_12x.jpg"), "twelve-x");
+    EXPECT_FALSE(fs::exists(folder / "img_0009.jpg"));
+
+    // Plugged again with a new picture of an old name: the first copy stays as it was.
+    OrqTerminateSDK();
+    put(camera, u"img_0010.jpg", "ten again");
+    Start();
+    ASSERT_EQ(Cameras().size(), 1u);
+    EXPECT_EQ(read(folder / "img_0010.jpg"), "ten");
+    EXPECT_EQ(read(folder / "1-img_0010.jpg"), "ten again");
+
+    // No folder for the copy: the picture stays on the card.
+    OrqTerminateSDK();
+    fs::remove_all(kept);
+    std::ofstream(kept.string()) << "a file where the folder would go";
+    put(camera, u"img_0011.jpg", "eleven");
+    before = OrqSimGetFileCount(camera);
+    Start();
+    ASSERT_EQ(Cameras().size(), 1u);
+    EXPECT_EQ(OrqSimGetFileCount(camera), before);
+    fs::remove(kept);
 }
