@@ -56,6 +56,15 @@ const std::vector<VerbSpec>& Verbs() {
          1,
          {"--all", "--dir", "--delete"}},
         {"delete", "delete ID", "remove a file from the card", 1, 1, {}},
+        {"serve",
+         "serve [--listen ADDRESS:PORT] [--token TEXT]",
+         "every camera's live view and controls as a web page and a JSON API "
+         "(docs/serve-api.md), on 127.0.0.1:8080 by default; beyond this machine every "
+         "request needs the token (a random one is printed when none is given). Runs until "
+         "interrupted",
+         0,
+         0,
+         {"--listen", "--token"}},
         {"preview",
          "preview [--frames N] [--out DIR]",
          "take N live-view frames (default 10); --out writes them as BMP files, otherwise the "
@@ -205,6 +214,10 @@ Parsed ParseArguments(const std::vector<std::string>& arguments, Options& option
             if (!TakeValue(arguments, i, options.dir)) return Parsed::Usage;
         } else if (own && arg == "--out") {
             if (!TakeValue(arguments, i, options.out)) return Parsed::Usage;
+        } else if (own && arg == "--listen") {
+            if (!TakeValue(arguments, i, options.listen)) return Parsed::Usage;
+        } else if (own && arg == "--token") {
+            if (!TakeValue(arguments, i, options.token)) return Parsed::Usage;
         } else if (own && arg == "--delete") {
             options.deleteAfter = true;
         } else if (own && arg == "--all") {

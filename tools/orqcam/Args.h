@@ -23,6 +23,8 @@ struct Options {
     bool deleteAfter = false;  // download --delete
     bool allFiles = false;     // download --all
     int frames = 10;           // preview --frames N
+    std::string listen;        // serve --listen ADDRESS:PORT
+    std::string token;         // serve --token TEXT
     bool version = false;
 };
 

@@ -4,6 +4,9 @@
 #include <thread>
 
 #include "Verbs.h"
+#ifdef ORQCAM_SERVE
+#include "Serve.h"
+#endif
 
 namespace orqcam {
 
@@ -142,7 +145,8 @@ Outcome RunOnCameras(const Options& options, OrqCameraManagerHandle manager,
     }
     std::vector<Camera*> cameras;
     for (size_t i = 0; i < found.size(); ++i) {
-        if (!options.all && static_cast<int>(i) != options.camera) continue;
+        if (!options.all && options.verb != "serve" && static_cast<int>(i) != options.camera)
+            continue;
         owned.push_back(std::make_unique<Camera>(static_cast<int>(i), found[i]));
         OrqResult opened = owned.back()->Open(manager);
         if (opened != ORQ_OK) {
@@ -153,7 +157,13 @@ Outcome RunOnCameras(const Options& options, OrqCameraManagerHandle manager,
         cameras.push_back(owned.back().get());
     }
     Outcome outcome;
-    if (options.verb == "watch") {
+    if (options.verb == "serve") {
+#ifdef ORQCAM_SERVE
+        outcome = Serve(options, cameras);
+#else
+        outcome = Failure(kExitUsage, "this orqcam was built without the server");
+#endif
+    } else if (options.verb == "watch") {
         outcome = Watch(options, manager, cameras);
     } else if (options.verb == "shoot") {
         outcome = ShootAll(options, cameras);

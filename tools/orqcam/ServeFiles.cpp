@@ -1,0 +1,198 @@
+// Files, thumbnails and the two streams of orqcam serve.
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+
+#include "ServeServer.h"
+#include "Verbs.h"
+
+namespace orqcam {
+namespace serve {
+
+namespace {
+
+const char* kBoundary = "orqframe";
+
+}  // namespace
+
+std::vector<FileRecord> Server::Files(Feed& feed) {
+    OrqFileInfo* list = nullptr;
+    int count = 0;
+    std::vector<FileRecord> files;
+    if (sdk.GetFileList(feed.camera->Session(), &list, &count) == ORQ_OK && list) {
+        for (int i = 0; i < count; ++i)
+            files.push_back(FileRecord{list[i].id, Utf8(list[i].name), list[i].size});
+    }
+    sdk.Free(list);
+    std::lock_guard<std::mutex> guard(feed.lock);
+    files.erase(std::remove_if(files.begin(), files.end(),
+                               [&](const FileRecord& f) { return feed.deleted.count(f.id) > 0; }),
+                files.end());
+    // Pictures held in host memory are not listed by the SDK; the server saw them arrive.
+    for (const Shot& shot : feed.shots) {
+        if (shot.id < 0 && !feed.deleted.count(shot.id))
+            files.push_back(FileRecord{shot.id, shot.name, shot.size});
+    }
+    return files;
+}
+
+void Server::FileList(const Request& request, Response& response) {
+    Feed* feed = CameraOf(request, response);
+    if (!feed) return;
+    std::vector<std::string> files;
+    for (const FileRecord& file : Files(*feed)) {
+        files.push_back(JsonObject({{"id", JsonNumber(file.id)},
+                                    {"name", JsonString(file.name)},
+                                    {"size", JsonNumber(file.size)}}));
+    }
+    Reply(response, 200, JsonArray(files));
+}
+
+// Only a file the camera lists, by its id: an id it does not know would end its session, and
+// nothing the page sends ever names a place on this machine.
+void Server::Download(const Request& request, Response& response) {
+    Feed* feed = CameraOf(request, response);
+    if (!feed || !Usable(*feed, response)) return;
+    int id = 0;
+    if (!ParseInteger(request.matches[2], id)) return Error(response, 400, "a file id is a number");
+    std::vector<FileRecord> files = Files(*feed);
+    auto file =
+        std::find_if(files.begin(), files.end(), [id](const FileRecord& f) { return f.id == id; });
+    if (file == files.end()) return Error(response, 404, "no such file on this camera");
+    std::string path = temporary + "/" + std::to_string(++downloadCounter) + ".part";
+    std::u16string wide(path.begin(), path.end());
+    {
+        std::lock_guard<std::mutex> work(feed->work);
+        feed->camera->TakeDownloads();
+        int before = feed->camera->Seen().downloads;
+        OrqResult result = sdk.DownloadFileTo(
+            feed->camera->Session(), id, reinterpret_cast<OrqChar*>(wide.data()), ORQ_KEEP_FILE);
+        if (result != ORQ_OK) return Error(response, StatusFor(result), "download refused", result);
+        if (!Waited(
+                *feed, response, [before](const Camera::Counts& c) { return c.downloads > before; },
+                kDownloadTimeoutMs))
+            return;
+    }
+    auto stream = std::make_shared<std::ifstream>(path, std::ios::binary);
+    stream->seekg(0, std::ios::end);
+    std::streamoff size = stream->tellg();
+    stream->seekg(0);
+    if (!*stream || size < 0) {
+        std::remove(path.c_str());
+        return Error(response, 500, "the downloaded file cannot be read");
+    }
+    std::string name = file->name;
+    name.erase(std::remove_if(name.begin(), name.end(),
+                              [](char c) { return c == '"' || c == '\\' || c < 0x20; }),
+               name.end());
+    response.set_header("Content-Disposition", "attachment; filename=\"" + name + "\"");
+    response.set_content_provider(
+        static_cast<size_t>(size), "application/octet-stream",
+        [stream](size_t offset, size_t length, httplib::DataSink& sink) {
+            char buffer[65536];
+            stream->seekg(static_cast<std::streamoff>(offset));
+            stream->read(buffer, static_cast<std::streamsize>(std::min(length, sizeof buffer)));
+            std::streamsize got = stream->gcount();
+            return got > 0 && sink.write(buffer, static_cast<size_t>(got));
+        },
+        [stream, path](bool) {
+            stream->close();
+            std::remove(path.c_str());
+        });
+}
+
+void Server::Delete(const Request& request, Response& response) {
+    Feed* feed = CameraOf(request, response);
+    if (!feed || !Usable(*feed, response)) return;
+    int id = 0;
+    if (!ParseInteger(request.matches[2], id)) return Error(response, 400, "a file id is a number");
+    std::lock_guard<std::mutex> work(feed->work);
+    std::vector<FileRecord> files = Files(*feed);
+    if (std::none_of(files.begin(), files.end(), [id](const FileRecord& f) { return f.id == id; }))
+        return Error(response, 404, "no such file on this camera");
+    OrqResult result = sdk.DeleteFile(feed->camera->Session(), id);
+    if (result != ORQ_OK) return Error(response, StatusFor(result), "delete refused", result);
+    {
+        std::lock_guard<std::mutex> guard(feed->lock);
+        feed->deleted.insert(id);
+    }
+    hub.Publish(static_cast<size_t>(feed->camera->Index()), "deleted",
+                JsonObject({{"id", JsonNumber(id)}}));
+    Reply(response, 200, JsonObject({{"deleted", JsonNumber(id)}}));
+}
+
+void Server::Thumb(const Request& request, Response& response) {
+    Feed* feed = CameraOf(request, response);
+    if (!feed) return;
+    int id = 0;
+    if (!ParseInteger(request.matches[2], id)) return Error(response, 400, "a file id is a number");
+    Jpeg thumb;
+    {
+        std::lock_guard<std::mutex> guard(feed->lock);
+        for (const Shot& shot : feed->shots)
+            if (shot.id == id) thumb = shot.thumb;
+    }
+    if (!thumb) return Error(response, 404, "no live view was running at that shot");
+    response.set_header("Cache-Control", "max-age=3600");
+    response.set_content(*thumb, "image/jpeg");
+}
+
+// MJPEG: each part replaces the last. Only the newest frame is sent: a slow viewer skips
+// frames instead of queueing them; a frame is repeated every second so a gone viewer is noticed.
+void Server::Live(const Request& request, Response& response) {
+    Feed* feed = CameraOf(request, response);
+    if (!feed) return;
+    if (!hub.OpenStream()) return Error(response, 503, "too many streams");
+    hub.AddViewer(*feed);
+    response.set_header("Cache-Control", "no-store");
+    response.set_chunked_content_provider(
+        std::string("multipart/x-mixed-replace; boundary=") + kBoundary,
+        [this, feed](size_t, httplib::DataSink& sink) {
+            uint64_t sequence = 0;
+            Jpeg last;
+            while (!hub.Stopping()) {
+                Jpeg frame = hub.NextFrame(*feed, &sequence, 1000);
+                if (hub.Stopping()) break;
+                if (frame) last = frame;
+                if (!last) continue;
+                std::string head = std::string("--") + kBoundary +
+                                   "\r\nContent-Type: image/jpeg\r\nContent-Length: " +
+                                   std::to_string(last->size()) + "\r\n\r\n";
+                if (!sink.write(head.data(), head.size()) ||
+                    !sink.write(last->data(), last->size()) || !sink.write("\r\n", 2))
+                    return false;
+            }
+            sink.done();
+            return true;
+        },
+        [this, feed](bool) {
+            hub.RemoveViewer(*feed);
+            hub.CloseStream();
+        });
+}
+
+void Server::Events(const Request&, Response& response) {
+    if (!hub.OpenStream()) return Error(response, 503, "too many streams");
+    auto listener = hub.Listen();
+    response.set_header("Cache-Control", "no-store");
+    response.set_chunked_content_provider(
+        "text/event-stream",
+        [this, listener](size_t, httplib::DataSink& sink) {
+            std::string event;
+            if (!sink.write(": orqcam\n\n", 10)) return false;
+            while (hub.NextEvent(*listener, &event, 10000)) {
+                // A comment when idle: a page that went away is noticed by the failed write.
+                std::string text = event.empty() ? ": idle\n\n" : "data: " + event + "\n\n";
+                if (!sink.write(text.data(), text.size())) return false;
+            }
+            sink.done();
+            return true;
+        },
+        [this, listener](bool) {
+            hub.Unlisten(listener);
+            hub.CloseStream();
+        });
+}
+
+}  // namespace serve
+}  // namespace orqcam
