@@ -1,0 +1,163 @@
+// orqcam serve over loopback against virtual cameras that outlive it: what the API answers, and
+// what reached the cameras.
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+#include "Output.h"
+#include "Run.h"
+#include "Session.h"
+#include "models/CameraConfig.h"
+
+namespace orqcam {
+namespace {
+
+constexpr uint16_t kVendorOperation = 0x9999;
+constexpr int32_t kGetMemory = 1;  // how live-view frames are read
+constexpr int32_t kShoot = 147;
+
+class ServeTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string error;
+        ASSERT_TRUE(sdk.Load(true, error)) << error;
+        camera = sdk.SimAttachCamera("SX160");
+        for (size_t i = 0; i < card.size(); ++i) card[i] = static_cast<char>(i * 7 + i / 256);
+        // IMG_0000 to IMG_0009 survive the SDK's start-up.
+        cardFile = sdk.SimAddFile(camera, u"IMG_0005.JPG", card.data(), card.size());
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        io.out = fdopen(ends[1], "w");
+        server = std::thread([this] {
+            exit = orqcam::Run({"serve", "--listen", "127.0.0.1:0", "--token", "s3cret"}, true);
+        });
+        std::string line;
+        char c;
+        while (read(ends[0], &c, 1) == 1 && c != '\n') line += c;
+        close(ends[0]);
+        size_t colon = line.rfind(':');
+        ASSERT_NE(colon, std::string::npos) << line;
+        port = std::stoi(line.substr(colon + 1));
+        client = std::make_unique<httplib::Client>("127.0.0.1", port);
+        client->set_bearer_token_auth("s3cret");
+    }
+    void TearDown() override {
+        if (server.joinable()) {
+            std::raise(SIGTERM);
+            server.join();
+            EXPECT_EQ(exit, kExitOk);
+        }
+        std::fclose(io.out);
+        io.out = stdout;
+        sdk.SimRemoveAll();
+    }
+
+    httplib::Result Post(const std::string& path, const std::string& body) {
+        return client->Post(path.c_str(), body, "application/json");
+    }
+
+    int OnCamera(int property) {
+        const orq::CameraConfig* profile = orq::FindCameraConfig(u"Orq Camera SX160");
+        const orq::PropertyEntry* entry = profile->Find(property);
+        int32_t raw = 0;
+        if (sdk.SimGetPropCase(camera, entry->propCase, &raw) != ORQ_OK) return -999;
+        const orq::PropertyValue* value = entry->FromCamera(raw);
+        return value ? value->value : -998;
+    }
+
+    int Shots() { return sdk.SimCountOperations(camera, kVendorOperation, kShoot); }
+
+    OrqSimCamera camera = 0;
+    std::string card = std::string(70000, '\0');
+    int32_t cardFile = -1;
+    std::thread server;
+    int exit = -1;
+    int port = 0;
+    std::unique_ptr<httplib::Client> client;
+};
+
+TEST_F(ServeTest, ApiChangesTheCamerasOnlyWhenAskedRightly) {
+    httplib::Client stranger("127.0.0.1", port);
+    EXPECT_EQ(stranger.Get("/api/cameras")->status, 401);
+    stranger.set_bearer_token_auth("s3cre");
+    EXPECT_EQ(stranger.Get("/api/cameras")->status, 401);
+    EXPECT_EQ(stranger.Post("/api/cameras/0/shoot", "{}", "application/json")->status, 401);
+    EXPECT_EQ(httplib::Client("127.0.0.1", port).Get("/?token=s3cret")->status, 200);
+
+    auto cameras = client->Get("/api/cameras");
+    ASSERT_EQ(cameras->status, 200);
+    EXPECT_NE(cameras->body.find("\"name\":\"Orq Camera SX160\""), std::string::npos);
+
+    // A set by names lands on the camera; refusals leave it as it was.
+    auto set = Post("/api/cameras/0/settings/iso%20speed", R"({"value":"ISO 400"})");
+    ASSERT_EQ(set->status, 200) << set->body;
+    EXPECT_NE(set->body.find("\"value\":400"), std::string::npos);
+    EXPECT_EQ(OnCamera(ORQ_PROP_ISO_SPEED), 400);
+    EXPECT_EQ(Post("/api/cameras/0/settings/ISO%20Speed", R"({"value":"ISO 3"})")->status, 422);
+    EXPECT_EQ(Post("/api/cameras/0/settings/Loudness", R"({"value":1})")->status, 404);
+    EXPECT_EQ(Post("/api/cameras/0/settings/7", R"({"value":200)")->status, 400);
+    EXPECT_EQ(client->Post("/api/cameras/0/settings/7", "value=200", "text/plain")->status, 415);
+    EXPECT_EQ(client->Get("/api/cameras/0/settings/7?value=200")->status, 200);
+    EXPECT_EQ(client->Get("/api/cameras/0/shoot")->status, 404);
+    EXPECT_EQ(OnCamera(ORQ_PROP_ISO_SPEED), 400);
+    EXPECT_EQ(Shots(), 0);
+
+    // A shot, and files by id only.
+    auto shot = Post("/api/cameras/0/shoot", "{}");
+    ASSERT_EQ(shot->status, 200) << shot->body;
+    EXPECT_EQ(Shots(), 1);
+    std::string id = shot->body.substr(shot->body.find("\"id\":") + 5);
+    id = id.substr(0, id.find(','));
+    auto picture = client->Get(("/api/cameras/0/files/" + id).c_str());
+    ASSERT_EQ(picture->status, 200);
+    EXPECT_NE(shot->body.find("\"size\":" + std::to_string(picture->body.size())),
+              std::string::npos);
+    std::string known = "/api/cameras/0/files/" + std::to_string(cardFile);
+    auto copy = client->Get(known.c_str());
+    ASSERT_EQ(copy->status, 200);
+    EXPECT_TRUE(copy->body == card);
+    for (const char* path :
+         {"/api/cameras/0/files/..%2F..%2Fetc%2Fpasswd", "/api/cameras/0/files/%2Fetc%2Fpasswd",
+          "/api/cameras/0/files/passwd", "/api/cameras/0/files/99999", "/api/cameras/2/files/3"}) {
+        auto refused = client->Get(path);
+        EXPECT_GE(refused->status, 400) << path;
+        EXPECT_EQ(refused->body.find("root:"), std::string::npos) << path;
+    }
+
+    // A delete reaches the card, and the file is gone from the API at once.
+    int onCard = sdk.SimGetFileCount(camera);
+    ASSERT_EQ(Post(known + "/delete", "{}")->status, 200);
+    EXPECT_EQ(client->Get(known.c_str())->status, 404);
+    for (int i = 0; i < 100 && sdk.SimGetFileCount(camera) == onCard; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(sdk.SimGetFileCount(camera), onCard - 1);
+}
+
+TEST_F(ServeTest, LiveViewRunsWhileWatched) {
+    int parts = 0;
+    std::string head;
+    auto live = client->Get("/api/cameras/0/live", [&](const char* data, size_t length) {
+        std::string chunk(data, length);
+        if (head.size() < 64) head += chunk;
+        for (size_t at = 0; (at = chunk.find("Content-Type: image/jpeg", at)) != std::string::npos;
+             ++at)
+            ++parts;
+        return parts < 5;
+    });
+    EXPECT_EQ(parts, 5);
+    EXPECT_EQ(head.rfind("--orqframe\r\nContent-Type: image/jpeg\r\n", 0), 0u) << head;
+    EXPECT_NE(head.find("\r\n\r\n\xFF\xD8"), std::string::npos);
+    // The viewer gone, the camera stops making frames.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    int reads = sdk.SimCountOperations(camera, kVendorOperation, kGetMemory);
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
+    EXPECT_EQ(sdk.SimCountOperations(camera, kVendorOperation, kGetMemory), reads);
+    EXPECT_GT(reads, 0);
+}
+
+}  // namespace
+}  // namespace orqcam
