@@ -110,6 +110,9 @@ TEST_F(ServeTest, ApiChangesTheCamerasOnlyWhenAskedRightly) {
     auto shot = Post("/api/cameras/0/shoot", "{}");
     ASSERT_EQ(shot->status, 200) << shot->body;
     EXPECT_EQ(Shots(), 1);
+    auto all = Post("/api/shoot", "{}");
+    EXPECT_NE(all->body.find("\"camera\":0,\"ok\":true"), std::string::npos) << all->body;
+    EXPECT_EQ(Shots(), 2);
     std::string id = shot->body.substr(shot->body.find("\"id\":") + 5);
     id = id.substr(0, id.find(','));
     auto picture = client->Get(("/api/cameras/0/files/" + id).c_str());

@@ -108,6 +108,8 @@ bool SdkLibrary::Load(bool simulated, std::string& error) {
     bind(SetPreviewState, "OrqSetPreviewState");
     bind(GetPreviewState, "OrqGetPreviewState");
     bind(NewPreviewFrameSubscribe, "OrqNewPreviewFrameSubscribe");
+    ShootSynchronized =
+        reinterpret_cast<decltype(ShootSynchronized)>(Symbol("OrqShootSynchronized"));
     if (simulated) {
         bind(SimAttachCamera, "OrqSimAttachCamera");
         bind(SimDetachCamera, "OrqSimDetachCamera");

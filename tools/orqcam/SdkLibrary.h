@@ -55,6 +55,8 @@ struct SdkLibrary {
     decltype(&OrqSetPreviewState) SetPreviewState = nullptr;
     decltype(&OrqGetPreviewState) GetPreviewState = nullptr;
     decltype(&OrqNewPreviewFrameSubscribe) NewPreviewFrameSubscribe = nullptr;
+    // Optional: null in SDK versions without it.
+    decltype(&OrqShootSynchronized) ShootSynchronized = nullptr;
     // Simulator build only.
     decltype(&OrqSimAttachCamera) SimAttachCamera = nullptr;
     decltype(&OrqSimDetachCamera) SimDetachCamera = nullptr;

@@ -93,6 +93,18 @@ bool SameText(const std::string& a, const std::string& b) {
 bool IsLoopback(const std::string& host) {
     return host == "127.0.0.1" || host == "::1" || host == "localhost";
 }
+// One release for every camera where the SDK has it; otherwise orqcam's own way.
+std::vector<Fired> FireTogether(const std::vector<Camera*>& cameras) {
+    if (!sdk.ShootSynchronized || cameras.empty()) return fire(cameras);
+    std::vector<OrqSessionHandle> sessions;
+    for (Camera* camera : cameras) sessions.push_back(camera->Session());
+    std::vector<OrqResult> results(cameras.size(), ORQ_ERROR);
+    sdk.ShootSynchronized(sessions.data(), static_cast<int>(sessions.size()), results.data());
+    std::vector<Fired> fired(cameras.size());
+    for (size_t i = 0; i < cameras.size(); ++i) fired[i].result = results[i];
+    return fired;
+}
+
 }  // namespace
 
 bool Server::Authorised(const Request& request, Response& response) {
@@ -331,7 +343,7 @@ void Server::ShootAll(const Request&, Response& response) {
         cameras.push_back(feed.camera);
         before.push_back(feed.camera->Seen().shots);
     }
-    std::vector<Fired> fired = fire(cameras);
+    std::vector<Fired> fired = FireTogether(cameras);
     std::vector<std::string> shots;
     for (size_t i = 0; i < cameras.size(); ++i) {
         Camera& camera = *cameras[i];
