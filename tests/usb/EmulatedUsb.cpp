@@ -332,7 +332,9 @@ std::u16string EmulatedUsbBus::Plug(std::shared_ptr<orqsim::VirtualEndpoint> end
     }
     AddDevice(testbed, device->sysPath.substr(4), address, CameraDescriptors(options));
     if (options.noAccess) {
-        std::string node = umockdev_testbed_get_root_dir(testbed) + device->devNode;
+        gchar* root = umockdev_testbed_get_root_dir(testbed);
+        std::string node = root + device->devNode;
+        g_free(root);
         if (chmod(node.c_str(), 0) != 0) throw std::runtime_error("cannot close " + node);
     }
     return path;
