@@ -11,39 +11,19 @@
 #include <unistd.h>
 #endif
 
-#include "orqsdk.h"
-#include "tests/capture/capture_support.h"
+#include "tests/support/support.h"
 
 namespace capturetest {
 namespace {
 
-template <class Pred>
-bool Eventually(Pred pred) {
-    for (int i = 0; i < 1000 && !pred(); ++i) std::this_thread::sleep_for(10ms);
-    return pred();
-}
+using namespace orqtest;
 
-class CaptureApi : public ::testing::Test {
+class CaptureApi : public SdkTest {
 protected:
     void SetUp() override {
-        camera = std::make_shared<orqsim::VirtualCamera>();
-        ASSERT_TRUE(camera->PlugIn(u"orqsim://capture-api"));
-        ASSERT_EQ(OrqInitializeSDK(), ORQ_OK);
-        manager = OrqGetCameraManager();
-        OrqCameraInfo* list = nullptr;
-        int count = 0;
-        ASSERT_EQ(OrqGetCameraList(manager, &list, &count), ORQ_OK);
-        ASSERT_EQ(count, 1);
-        ASSERT_EQ(OrqOpenSession(manager, list[0].id, &session), ORQ_OK);
-        OrqFree(list);
+        camera = StartWithSession();
         OrqShootCompletedSubscribe(session, &OnShot, this);
         OrqDownloadCompletedSubscribe(session, &OnDownload, this);
-        logStart = linktest::LogSize();
-    }
-    // Termination frees what the test kept: subscriptions, session and manager.
-    void TearDown() override {
-        OrqTerminateSDK();
-        camera->Unplug();
     }
 
     // Events arrive on the SDK's thread with memory the receiver frees.
@@ -68,18 +48,14 @@ protected:
     OrqFileInfo ShootOne() {
         const size_t before = Locked(shots).size();
         EXPECT_EQ(OrqShoot(session), ORQ_OK);
-        EXPECT_TRUE(Eventually([&] { return Locked(shots).size() > before; }));
+        EXPECT_TRUE(WaitFor([&] { return Locked(shots).size() > before; }, 10000));
         return Locked(shots).empty() ? OrqFileInfo{} : Locked(shots).back();
     }
-    int Logged(const std::string& line) { return Count(linktest::MessagesSince(logStart), line); }
 
     std::shared_ptr<orqsim::VirtualCamera> camera;
-    OrqCameraManagerHandle manager = nullptr;
-    OrqSessionHandle session = nullptr;
     std::mutex lock;
     std::vector<OrqFileInfo> shots;
     std::vector<std::pair<int, std::u16string>> downloads;
-    size_t logStart = 0;
 };
 
 TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
@@ -93,12 +69,12 @@ TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
     const auto bytes = camera->FileBytes(static_cast<uint32_t>(card.id));
     ASSERT_TRUE(bytes);
     ASSERT_EQ(OrqDownloadFile(session, card.id, 1), ORQ_OK);
-    ASSERT_TRUE(Eventually([&] { return !Locked(downloads).empty(); }));
+    ASSERT_TRUE(WaitFor([&] { return !Locked(downloads).empty(); }));
     const std::u16string named = TempPath(Narrow(card.name));
     EXPECT_EQ(Locked(downloads)[0], std::make_pair(card.id, named));
     EXPECT_EQ(ReadAll(named), std::string(bytes->begin(), bytes->end()));
     // Deleted within the same message.
-    EXPECT_TRUE(Eventually([&] { return !camera->FileBytes(card.id); }));
+    EXPECT_TRUE(WaitFor([&] { return !camera->FileBytes(card.id); }));
 
     // A buffered picture stands in no table: only a download to a given path reaches it.
     ASSERT_EQ(OrqSetPropertyData(session, ORQ_PROP_DIRECT_TRANSFER, 0), ORQ_OK);
@@ -110,10 +86,10 @@ TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
     std::vector<OrqChar> wide(target.begin(), target.end());
     wide.push_back(0);
     ASSERT_EQ(OrqDownloadFileTo(session, -100, wide.data(), 0), ORQ_OK);
-    ASSERT_TRUE(Eventually([&] { return Locked(downloads).size() == 2; }));
+    ASSERT_TRUE(WaitFor([&] { return Locked(downloads).size() == 2; }));
     EXPECT_EQ(Locked(downloads)[1], std::make_pair(-100, target));
     ASSERT_EQ(OrqDeleteFile(session, -100), ORQ_OK);
-    EXPECT_TRUE(Eventually([&] { return Logged("PTPRemoveFile: DirectTransfer -100") == 1; }));
+    EXPECT_TRUE(WaitFor([&] { return Logged("PTPRemoveFile: DirectTransfer -100") == 1; }));
 }
 
 // The camera names the file; only a plain name may ever become one in the temporary folder.
@@ -147,13 +123,13 @@ TEST_F(CaptureApi, CameraFileNamesStayInsideTheTemporaryFolder) {
     EXPECT_NE(std::find(names.begin(), names.end(), "../escape.jpg"), names.end());
     EXPECT_EQ(Logged("Download file: file name refused: bell\\x07.jpg"), 1);
     int refusals = 0;
-    for (const auto& line : linktest::MessagesSince(logStart))
+    for (const auto& line : MessagesSince(logStart))
         refusals += line.rfind("Download file: file name refused: ", 0) == 0;
     EXPECT_EQ(refusals, static_cast<int>(std::size(refused)));
     for (int32_t id : ids) EXPECT_TRUE(camera->FileBytes(static_cast<uint32_t>(id)));
 
     ASSERT_EQ(OrqDownloadFile(session, plain, 0), ORQ_OK);
-    ASSERT_TRUE(Eventually([&] { return !Locked(downloads).empty(); }));
+    ASSERT_TRUE(WaitFor([&] { return !Locked(downloads).empty(); }));
     EXPECT_EQ(ReadAll(TempPath("plain.jpg")), std::string(plainBytes.begin(), plainBytes.end()));
     EXPECT_FALSE(std::ifstream(orq::platform::ToUtf8(TempPath("../escape.jpg"))).good());
 #ifndef _WIN32
@@ -169,7 +145,7 @@ TEST_F(CaptureApi, FailedWriteKeepsTheCardFile) {
     std::vector<OrqChar> wide(target.begin(), target.end());
     wide.push_back(0);
     ASSERT_EQ(OrqDownloadFileTo(session, handle, wide.data(), 1), ORQ_OK);
-    EXPECT_TRUE(Eventually([&] { return Logged("PTPDownloadFile: write file failed") == 1; }));
+    EXPECT_TRUE(WaitFor([&] { return Logged("PTPDownloadFile: write file failed") == 1; }));
     std::this_thread::sleep_for(100ms);
     EXPECT_TRUE(camera->FileBytes(static_cast<uint32_t>(handle)));
     EXPECT_TRUE(Locked(downloads).empty());
@@ -180,33 +156,24 @@ void CountShot(void* count, OrqFileInfo* file) {
     OrqFree(file);
 }
 
-TEST(CaptureApiRig, SynchronisedShotWaitsForTheSlowestAndDropsTheFailed) {
+using CaptureApiRig = SdkTest;
+
+TEST_F(CaptureApiRig, SynchronisedShotWaitsForTheSlowestAndDropsTheFailed) {
     // Three cameras: one prepares slowly (its card listing is 300 ms late), one fails its
     // preparation; with a null session beside them.
     std::vector<std::shared_ptr<orqsim::VirtualCamera>> cameras;
-    for (int i = 0; i < 3; ++i) {
-        cameras.push_back(std::make_shared<orqsim::VirtualCamera>());
-        ASSERT_TRUE(cameras[i]->PlugIn(u"orqsim://rig/" + std::u16string(1, u'0' + i)));
-    }
-    ASSERT_EQ(OrqInitializeSDK(), ORQ_OK);
-    OrqCameraInfo* list = nullptr;
-    int count = 0;
-    ASSERT_EQ(OrqGetCameraList(OrqGetCameraManager(), &list, &count), ORQ_OK);
-    ASSERT_EQ(count, 3);
+    for (int i = 0; i < 3; ++i) cameras.push_back(Plug());
+    Start();
     std::vector<OrqSessionHandle> sessions(4, nullptr);
-    std::atomic<int> shots{0};
+    static std::atomic<int> shots{0};  // outlives the SDK, which frees the subscriptions
     for (int i = 0; i < 3; ++i) {
-        // Each session goes to the slot of the camera its path names.
-        const size_t at = std::char_traits<OrqChar>::length(list[i].path) - 1;
-        OrqSessionHandle& session = sessions[size_t(list[i].path[at] - u'0')];
-        ASSERT_EQ(OrqOpenSession(OrqGetCameraManager(), list[i].id, &session), ORQ_OK);
-        OrqShootCompletedSubscribe(session, &CountShot, &shots);
+        sessions[i] = Open(cameras[i]);
+        OrqShootCompletedSubscribe(sessions[i], &CountShot, &shots);
     }
-    OrqFree(list);
     // Faults only once every camera has started (start-up lists the card too).
     for (int i = 0; i < 3; ++i) {
         int zoom = 0;
-        ASSERT_TRUE(Eventually([&] { return OrqGetZoom(sessions[i], &zoom) == ORQ_OK; }));
+        ASSERT_TRUE(WaitFor([&] { return OrqGetZoom(sessions[i], &zoom) == ORQ_OK; }));
     }
     using orqsim::Fault;
     cameras[1]->InjectFault(Fault::Operation(Fault::Delay, orq::PTP_OC_GetObjectHandles, -1, 300));
@@ -226,9 +193,30 @@ TEST(CaptureApiRig, SynchronisedShotWaitsForTheSlowestAndDropsTheFailed) {
     ASSERT_EQ(cameras[1]->ShootTimes().size(), 1u);
     EXPECT_GE(cameras[0]->ShootTimes()[0] - start, 300ms);
     EXPECT_TRUE(cameras[2]->ShootTimes().empty());
-    EXPECT_TRUE(Eventually([&] { return shots.load() == 2; }));
-    OrqTerminateSDK();
-    for (auto& camera : cameras) camera->Unplug();
+    EXPECT_TRUE(WaitFor([&] { return shots.load() == 2; }));
+}
+
+using StartUp = SdkTest;
+
+// Start-up clears the card of pictures numbered from 10 on, whatever the case and the digits'
+// count, and brings the camera's own log into ours, escaped.
+TEST_F(StartUp, ClearsPicturesNumberedFromTenAndLogsTheCameraLog) {
+    const std::pair<const char16_t*, bool> names[] = {
+        {u"IMG_0009.JPG", true},  {u"IMG_0010.JPG", false},  {u"img_0123.jpg", false},
+        {u"IMG_9.JPG", true},     {u"IMG_00010.JPG", false}, {u"IMG_.JPG", true},
+        {u"PHOTO_0042.JPG", true}};
+    std::vector<std::pair<uint32_t, bool>> files;
+    auto camera = Plug("SX160", [&](orqsim::VirtualCamera& c) {
+        for (const auto& [name, kept] : names)
+            files.emplace_back(c.AddFile(name, Pattern(10)), kept);
+    });
+    logStart = LogSize();
+    Start();
+    ASSERT_EQ(Cameras().size(), 1u);
+    for (const auto& [handle, kept] : files)
+        EXPECT_EQ(camera->FileBytes(handle) != nullptr, kept) << handle;
+    EXPECT_TRUE(
+        InOrder(MessagesSince(logStart), {"camera log:", "Orqm camera log\\x0Aboot ok\\x0A"}));
 }
 
 }  // namespace

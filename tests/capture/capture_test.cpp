@@ -4,10 +4,66 @@
 #include <filesystem>
 #include <iterator>
 
-#include "tests/capture/capture_support.h"
+#include "tests/support/support.h"
 
 namespace capturetest {
 namespace {
+
+using namespace orqtest;
+
+// Records the shots and downloads it reports.
+class CaptureDevice : public orq::DeviceLL {
+public:
+    using DeviceLL::DeviceLL;
+
+    void OnShootCompleted(OrqFileInfo file) override { shots.push_back(file); }
+    void OnDownloadCompleted(int fileId, std::u16string path) override {
+        downloads.emplace_back(fileId, std::move(path));
+    }
+    void SetPreviewSuspended(bool suspended) override { previewSuspended = suspended; }
+    bool IsMemLogging() override { return memLogging; }
+
+    void SetDirectTransfer(int32_t value) { propertyValues[ORQ_PROP_DIRECT_TRANSFER] = value; }
+    size_t BufferedFiles() const { return DirectTransferFiles.size(); }
+    void SetOperationLimit(std::chrono::milliseconds limit) { operationLimit = limit; }
+
+    std::vector<OrqFileInfo> shots;
+    std::vector<std::pair<int, std::u16string>> downloads;
+    bool previewSuspended = false;
+    bool memLogging = false;
+};
+
+// The camera takes its time over a shot, as a real one does; its card is listed.
+class CaptureTest : public DeviceTest<CaptureDevice> {
+protected:
+    CaptureTest() {
+        options.remoteChunkSize = 4000;
+        options.shootMs = 300;
+    }
+    void SetUp() override {
+        DeviceTest::SetUp();
+        ASSERT_EQ(device->PTPUpdateObjectsInfo(), ORQ_OK);
+        Mark();
+    }
+
+    // Runs a shoot chain's steps as the main loop would, honouring their delays. A chain that
+    // never ends answers ORQ_SECOND_PROCESS, which no chain gives.
+    // 'between' runs once, after the first step.
+    OrqResult Shoot(const std::function<void()>& between = nullptr) {
+        auto proc = device->Shoot([this](OrqFileInfo file) { device->OnShootCompleted(file); });
+        OrqResult result = ORQ_SECOND_PROCESS;
+        const auto end = std::chrono::steady_clock::now() + 10s;
+        for (bool again = true, first = true; again && std::chrono::steady_clock::now() < end;) {
+            std::chrono::milliseconds delay(0);
+            again = false;
+            proc->step(proc.get(), &delay, &result, &again);
+            if (first && between) between();
+            first = false;
+            std::this_thread::sleep_for(delay);
+        }
+        return result;
+    }
+};
 
 TEST_F(CaptureTest, CardIsListedUntilTheNewFileAppearsAtMostFiveTimes) {
     camera->SetShotFileDelay(2);
@@ -24,7 +80,7 @@ TEST_F(CaptureTest, CardIsListedUntilTheNewFileAppearsAtMostFiveTimes) {
     EXPECT_FALSE(device->previewSuspended);
 
     camera->SetShotProducesFile(false);
-    logStart = linktest::LogSize();
+    logStart = LogSize();
     EXPECT_EQ(Shoot(), ORQ_ERROR);
     EXPECT_EQ(device->shots.size(), 1u);
     log = Log();
@@ -58,11 +114,9 @@ TEST_F(CaptureTest, RemotePicturesAreBufferedUnderFallingIdsUntilRemoved) {
     ASSERT_EQ(device->PTPReset(), ORQ_OK);
 
     // The first chunk arrives empty with "more" set; the camera's next chunks follow.
-    orqsim::Bytes reply = linktest::Container(2, orq::PTP_OC_Vendor);
-    orqsim::Bytes response = linktest::Container(3, 0x2001, linktest::Words({0, 1, 0}));
-    reply.insert(reply.end(), response.begin(), response.end());
-    camera->InjectFault(linktest::Raw(orq::PTP_OC_Vendor, orq::ORQM_RemoteCaptureGetData, reply));
-    logStart = linktest::LogSize();
+    camera->InjectFault(Raw(orq::PTP_OC_Vendor, orq::ORQM_RemoteCaptureGetData,
+                            DataThen({}, orq::PTP_OC_Vendor, {0, 1, 0})));
+    logStart = LogSize();
     ASSERT_EQ(Shoot(), ORQ_OK);
     ASSERT_EQ(device->shots.size(), 1u);
     EXPECT_EQ(device->shots[0].id, -100);
@@ -118,7 +172,7 @@ TEST_F(CaptureTest, DownloadTheDiskRefusesFailsAndLeavesNothing) {
     fs::create_directories(root / "readonly");
     fs::create_directories(root / "full");
     // Above what the log will reach meanwhile, below the file.
-    const size_t limit = linktest::LogSize() + (1 << 20);
+    const size_t limit = LogSize() + (1 << 20);
     const auto handle = static_cast<int32_t>(camera->AddFile(u"IMG_0006.JPG", Pattern(limit * 2)));
 #ifdef _WIN32
     const char* disks[] = {"missing"};
@@ -168,20 +222,13 @@ TEST(DownloadTarget, IsAPlainNameUnderAKnownFolder) {
     EXPECT_EQ(path, folder + orq::platform::PathSeparator() + u"a b.jpg");
 }
 
-// What the camera says of its own data is bounded before it costs memory, and its text cannot
-// pass for lines of ours.
-TEST_F(CaptureTest, PicturesThatNeverEndAndCameraTextAreBounded) {
-    ASSERT_EQ(device->PTPGetCamLog(), ORQ_OK);
-    EXPECT_NE(RawLog().find("Orqm camera log\\x0Aboot ok\\x0A"), std::string::npos);
-    EXPECT_EQ(RawLog().find("\nboot ok"), std::string::npos);
-
+// What the camera says of its own data is bounded before it costs memory.
+TEST_F(CaptureTest, PicturesThatNeverEndAreBounded) {
     // A chunk stream that never ends: of empty chunks, then of full ones.
     device->SetDirectTransfer(0);
     for (size_t chunk : {size_t(0), size_t(64 * 1024)}) {
-        orqsim::Bytes reply = linktest::Container(2, orq::PTP_OC_Vendor, orqsim::Bytes(chunk));
-        orqsim::Bytes more = linktest::Container(3, 0x2001, linktest::Words({0, 1, 0}));
-        reply.insert(reply.end(), more.begin(), more.end());
-        Fault endless = linktest::Raw(orq::PTP_OC_Vendor, orq::ORQM_RemoteCaptureGetData, reply);
+        Fault endless = Raw(orq::PTP_OC_Vendor, orq::ORQM_RemoteCaptureGetData,
+                            DataThen(Bytes(chunk), orq::PTP_OC_Vendor, {0, 1, 0}));
         endless.times = -1;
         camera->ClearFaults();
         camera->InjectFault(endless);
@@ -201,8 +248,8 @@ TEST_F(CaptureTest, PicturesThatNeverEndAndCameraTextAreBounded) {
 TEST_F(CaptureTest, ShotsEndWithinTheirBound) {
     device->SetOperationLimit(500ms);
     device->SetDirectTransfer(0);
-    Fault never = linktest::Raw(orq::PTP_OC_Vendor, orq::ORQM_RemoteCaptureIsReady,
-                                linktest::Container(3, 0x2001, linktest::Words({0})));
+    Fault never =
+        Raw(orq::PTP_OC_Vendor, orq::ORQM_RemoteCaptureIsReady, Container(3, 0x2001, Words({0})));
     never.times = -1;
     camera->InjectFault(never);
     EXPECT_EQ(Shoot(), ORQ_ERROR);
@@ -297,9 +344,8 @@ TEST_F(CaptureTest, SnapshotsFollowTheFlowWhenAskedForAndNeverFailIt) {
     EXPECT_EQ(device->PTPRemoveFile(id), ORQ_ERROR);
 
     // A short answer costs nothing but zeros, a refused one only its line.
-    logStart = linktest::LogSize();
-    camera->InjectFault(linktest::Raw(orq::PTP_OC_Vendor, orq::CHDK_GetMemory,
-                                      linktest::DataThenOk(linktest::Words({1, 2}))));
+    logStart = LogSize();
+    camera->InjectFault(Raw(orq::PTP_OC_Vendor, orq::CHDK_GetMemory, DataThen(Words({1, 2}))));
     device->PTPMemoryStatistics("short");
     EXPECT_NE(RawLog().find("    start address:   2\n"), std::string::npos);
     EXPECT_NE(RawLog().find("    total size:      0\n"), std::string::npos);

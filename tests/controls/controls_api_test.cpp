@@ -1,8 +1,6 @@
 // Zoom, focus and preview end to end: a virtual SX160 driven through the C API and its main loop.
 #include <atomic>
 
-#include "orqsdk.h"
-#include "orqsdk_sim.h"
 #include "tests/controls/controls_support.h"
 
 namespace controlstest {
@@ -25,45 +23,13 @@ struct Handler {
         }
         ++handler->calls;
     }
-    bool WaitFor(int wanted) {
-        for (int i = 0; i < 1000 && calls < wanted; ++i) std::this_thread::sleep_for(5ms);
-        return calls >= wanted;
-    }
 };
 
-// One SX160 on the bus and a session on it.
-class ControlsApi : public ::testing::Test {
-protected:
-    void SetUp() override {
-        camera = OrqSimAttachCamera("SX160");
-        // Another test program on this machine may hold the SDK for a while.
-        OrqResult started = OrqInitializeSDK();
-        for (int i = 0; i < 600 && started == ORQ_SECOND_PROCESS; ++i) {
-            std::this_thread::sleep_for(200ms);
-            started = OrqInitializeSDK();
-        }
-        ASSERT_EQ(started, ORQ_OK);
-        manager = OrqGetCameraManager();
-        OrqCameraInfo* list = nullptr;
-        int count = 0;
-        ASSERT_EQ(OrqGetCameraList(manager, &list, &count), ORQ_OK);
-        ASSERT_EQ(count, 1);
-        ASSERT_EQ(OrqOpenSession(manager, list[0].id, &session), ORQ_OK);
-        OrqFree(list);
-    }
-    void TearDown() override {
-        OrqFree(session);
-        OrqFree(manager);
-        OrqTerminateSDK();
-        OrqSimRemoveCamera(camera);
-    }
-    OrqSimCamera camera = 0;
-    OrqCameraManagerHandle manager = nullptr;
-    OrqSessionHandle session = nullptr;
-};
+using ControlsApi = SdkTest;
 
 // The collapsing of zoom requests is left to the device loop's tests; here the events' wiring.
 TEST_F(ControlsApi, ChangesAndFramesReachTheirEvents) {
+    StartWithSession();
     Handler completed, zoomChanged, focusChanged, frames;
     frames.session = session;
     const OrqSubscription subscriptions[] = {
@@ -77,7 +43,8 @@ TEST_F(ControlsApi, ChangesAndFramesReachTheirEvents) {
     ASSERT_EQ(OrqSetFocus(session, stops[7]), ORQ_OK);
     ASSERT_EQ(OrqFocusShift(session, 2), ORQ_OK);  // the main loop takes them in order
     ASSERT_EQ(OrqSetZoom(session, 20), ORQ_OK);
-    ASSERT_TRUE(focusChanged.WaitFor(2) && completed.WaitFor(1) && zoomChanged.WaitFor(1));
+    ASSERT_TRUE(WaitFor(
+        [&] { return focusChanged.calls >= 2 && completed.calls >= 1 && zoomChanged.calls >= 1; }));
     int focus = 0, zoom = 0;
     EXPECT_EQ(OrqGetFocus(session, &focus), ORQ_OK);
     EXPECT_EQ(OrqGetZoom(session, &zoom), ORQ_OK);
@@ -86,7 +53,7 @@ TEST_F(ControlsApi, ChangesAndFramesReachTheirEvents) {
 
     // Each frame after the first is fetched only if the one before was given back.
     ASSERT_EQ(OrqSetPreviewState(session, 1), ORQ_OK);
-    EXPECT_TRUE(frames.WaitFor(3));
+    EXPECT_TRUE(WaitFor([&] { return frames.calls >= 3; }));
     ASSERT_EQ(OrqSetPreviewState(session, 0), ORQ_OK);
     for (OrqSubscription subscription : subscriptions) OrqFree(subscription);
     EXPECT_EQ(frames.frameSize, 230454);  // the camera's 360 x 240 comes out 320 x 240

@@ -1,20 +1,15 @@
-// A DeviceLL on a virtual camera that records its upward notifications, and the running of a
-// multi-step operation as the main loop would.
+// A DeviceLL that records its upward notifications, and the running of a multi-step operation
+// as the main loop would.
 #pragma once
 
-#include <chrono>
-#include <functional>
 #include <map>
-#include <thread>
 
-#include "tests/link/link_support.h"
+#include "tests/support/support.h"
 
 namespace controlstest {
 
-using namespace std::chrono_literals;
-using Strings = std::vector<std::string>;
+using namespace orqtest;
 
-// The DeviceLL-level tests drive it from their own thread only.
 class ControlsDevice : public orq::DeviceLL {
 public:
     using DeviceLL::DeviceLL;
@@ -51,63 +46,18 @@ inline OrqResult RunProc(std::unique_ptr<orq::ContProc> proc, int* steps = nullp
     return result;
 }
 
-// A session on a fresh virtual camera (an SX160 unless a fixture says otherwise) with its
-// properties loaded, as after start-up.
-class ControlsTest : public ::testing::Test {
+// A session on an SX160 unless a fixture says otherwise.
+class ControlsTest : public DeviceTest<ControlsDevice> {
 protected:
     void SetUp() override {
-        static int serial = 0;
-        const std::u16string path =
-            u"orqsim://controls/" + orq::platform::FromUtf8(std::to_string(++serial));
-        camera = std::make_shared<orqsim::VirtualCamera>(options);
-        ASSERT_TRUE(camera->PlugIn(path));
-        camera->SetStallLimit(60);
-        usb = orqsim::CreateVirtualUsbLib(&notify);
-        device = std::make_unique<ControlsDevice>(usb.get(), &config, path);
-        ASSERT_EQ(device->OpenCamera(), ORQ_OK);
-        ASSERT_EQ(device->PTPOpenSession(), ORQ_OK);
-        ASSERT_EQ(device->LoadProperties(), ORQ_OK);
+        DeviceTest::SetUp();
         Mark();
     }
-    void TearDown() override {
-        device.reset();
-        camera->Unplug();
-        usb.reset();
-    }
-
     // Forgets what came so far: notifications, the camera's operations and the log.
     void Mark() {
         device->notes.clear();
-        camera->ClearOperations();
-        logStart = linktest::LogSize();
+        DeviceTest::Mark();
     }
-    Strings Log() const { return linktest::MessagesSince(logStart); }
-    size_t Ops(uint32_t subCommand) const {
-        return camera->CountOperations(orq::PTP_OC_Vendor, subCommand);
-    }
-    // The first parameter after the sub-command of each such operation.
-    std::vector<int32_t> Params(uint32_t subCommand) const {
-        std::vector<int32_t> params;
-        for (const auto& op : camera->Operations()) {
-            if (op.SubCommand() == subCommand && op.params.size() > 1) {
-                params.push_back(static_cast<int32_t>(op.params[1]));
-            }
-        }
-        return params;
-    }
-    void InjectFailure(uint32_t subCommand) {
-        camera->InjectFault(orqsim::Fault::Operation(orqsim::Fault::ResponseCode,
-                                                     orq::PTP_OC_Vendor, subCommand,
-                                                     orqsim::RC_OperationNotSupported));
-    }
-
-    orqsim::CameraOptions options;
-    std::shared_ptr<orqsim::VirtualCamera> camera;
-    linktest::QuietNotify notify;
-    orq::SDKConfig config;
-    std::unique_ptr<orq::UsbLib> usb;
-    std::unique_ptr<ControlsDevice> device;
-    size_t logStart = 0;
 };
 
 }  // namespace controlstest

@@ -8,8 +8,6 @@
 namespace controlstest {
 namespace {
 
-using linktest::InOrder;
-
 using Zoom = ControlsTest;
 
 TEST_F(Zoom, WaitsForTheLensThenCompletesBeforeReportingTheChange) {
@@ -55,8 +53,8 @@ TEST_F(Zoom, AnEndLostWithAnEventReadIsFoundAtTheLens) {
     bool again = false;
     proc->step(proc.get(), &delay, &result, &again);
     std::this_thread::sleep_for(std::chrono::milliseconds(500));  // 30 steps take 300 ms
-    camera->InjectFault(linktest::Fault::Operation(linktest::Fault::GeneralError,
-                                                   orq::PTP_OC_Vendor, orq::ORQM_GetEvents));
+    camera->InjectFault(
+        Fault::Operation(Fault::GeneralError, orq::PTP_OC_Vendor, orq::ORQM_GetEvents));
     EXPECT_EQ(RunProc(std::move(proc)), ORQ_OK);
     EXPECT_EQ(device->GetZoom(), 30);
 }

@@ -11,8 +11,6 @@
 namespace controlstest {
 namespace {
 
-using linktest::Count;
-using linktest::InOrder;
 using orq::preview::ComputeGeometry;
 using orq::preview::FrameGeometry;
 using orqsim::Bytes;
@@ -114,8 +112,7 @@ TEST_F(Preview, FrameIsTheCameraPictureAsABmpImage) {
     // converts what came (and the fresh buffer is zeroed).
     camera->SetVideoSettings({1, 362, 180, 0, 0, 240});
     const Bytes part = RandomBytes(1000, 3);
-    camera->InjectFault(
-        linktest::Raw(orq::PTP_OC_Vendor, orq::CHDK_GetMemory, linktest::DataThenOk(part)));
+    camera->InjectFault(Raw(orq::PTP_OC_Vendor, orq::CHDK_GetMemory, DataThen(part)));
     ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
     EXPECT_EQ(Params(orq::CHDK_GetMemory), (std::vector<int32_t>{0}));
     EXPECT_EQ(camera->Operations().back().params.at(2), 130320u);
@@ -178,8 +175,8 @@ TEST_F(Preview, BadSizesAndFailedReadsKeepTheLastFrame) {
     Free(frame);
     Mark();
     // A settings block that stops short, failed reads of the settings and of the picture.
-    camera->InjectFault(linktest::Raw(orq::PTP_OC_Vendor, orq::CHDK_GetVideoSettings,
-                                      linktest::DataThenOk(linktest::Words({1, 320}))));
+    camera->InjectFault(
+        Raw(orq::PTP_OC_Vendor, orq::CHDK_GetVideoSettings, DataThen(Words({1, 320}))));
     for (uint32_t fail :
          {0u, uint32_t(orq::CHDK_GetVideoSettings), uint32_t(orq::CHDK_GetMemory)}) {
         if (fail) InjectFailure(fail);

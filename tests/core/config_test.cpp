@@ -1,24 +1,22 @@
 #include <gtest/gtest.h>
 
 #include "SDKConfig.h"
-#include "test_support.h"
+#include "tests/support/support.h"
 
 using namespace orq;
 using orqtest::CountContaining;
-using orqtest::MainLogSince;
-using orqtest::MainLogSize;
 
 namespace {
 
-SDKConfig Load(const std::string& xml, std::vector<std::string>* log = nullptr) {
+SDKConfig Load(const std::string& xml, orqtest::Strings* log = nullptr) {
     std::u16string path = platform::TempFolder() + u"/ORQSDK.cfg";
     FILE* file = platform::OpenFile(path, "wb");
     std::fwrite(xml.data(), 1, xml.size(), file);
     std::fclose(file);
-    size_t start = MainLogSize();
+    size_t start = orqtest::LogSize();
     SDKConfig config;
     LoadConfig(config, path);
-    if (log) *log = MainLogSince(start);
+    if (log) *log = orqtest::LogLinesSince(start);
     return config;
 }
 
@@ -28,51 +26,47 @@ std::string Document(const std::string& body) {
 
 }  // namespace
 
-TEST(Config, CompleteFileIsRead) {
-    std::vector<std::string> log;
-    SDKConfig config = Load(Document("<MemLogging val=\"true\"/><TestOrqmVer val=\"false\"/>"
-                                     "<PreviewFrameInterval val=\"120\"/>"),
-                            &log);
-    EXPECT_TRUE(config.MemLogging);
-    EXPECT_FALSE(config.TestOrqmVer);
-    EXPECT_EQ(config.PreviewFrameInterval, 120);
+TEST(Config, ValuesOfTheFirstConfigurationElementElseTheDefaults) {
+    struct Case {
+        std::string xml;
+        bool memLogging, testVersion;
+        int interval;
+    } cases[] = {
+        {Document("<MemLogging val=\"true\"/><TestOrqmVer val=\"false\"/>"
+                  "<PreviewFrameInterval val=\"120\"/>"),
+         true, false, 120},
+        // Only the exact lower-case word counts; an empty or missing value keeps the default.
+        {Document("<MemLogging val=\"true \"/><TestOrqmVer val=\"1\"/>"), false, false, 60},
+        {Document("<MemLogging val=\"TRUE\"/><TestOrqmVer val=\"\"/>"), false, true, 60},
+        {Document("<MemLogging val=\"\"/><TestOrqmVer other=\"false\"/>"), false, true, 60},
+        // The interval takes the leading number; a negative one keeps the default.
+        {Document("<PreviewFrameInterval val=\"abc\"/>"), false, true, 0},
+        {Document("<PreviewFrameInterval val=\"-5\"/>"), false, true, 60},
+        {Document("<PreviewFrameInterval val=\"25fps\"/>"), false, true, 25},
+        {"<configuration><PreviewFrameInterval val=\"10\"/></configuration>"
+         "<configuration><PreviewFrameInterval val=\"99\"/></configuration>",
+         false, true, 10},
+        {"<configuration><MemLogging val=\"true\">", false, true, 60},  // broken
+        {"", false, true, 60},
+        {"<other><MemLogging val=\"true\"/></other>", false, true, 60},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.xml);
+        const SDKConfig config = Load(c.xml);
+        EXPECT_EQ(config.MemLogging, c.memLogging);
+        EXPECT_EQ(config.TestOrqmVer, c.testVersion);
+        EXPECT_EQ(config.PreviewFrameInterval, c.interval);
+    }
+}
+
+TEST(Config, LoadingIsLogged) {
+    orqtest::Strings log;
+    Load(Document("<MemLogging val=\"true\"/><PreviewFrameInterval val=\"120\"/>"), &log);
     EXPECT_EQ(CountContaining(log, "Loading config"), 1);
     EXPECT_EQ(CountContaining(log, "cfg: MemLogging: true"), 1);
     EXPECT_EQ(CountContaining(log, "cfg: PreviewFrameInterval: 120"), 1);
-}
-
-TEST(Config, OnlyTheExactLowerCaseWordSwitchesOn) {
-    EXPECT_FALSE(Load(Document("<MemLogging val=\"true \"/>")).MemLogging);
-    EXPECT_FALSE(Load(Document("<MemLogging val=\"TRUE\"/>")).MemLogging);
-    EXPECT_FALSE(Load(Document("<TestOrqmVer val=\"1\"/>")).TestOrqmVer);
-    EXPECT_FALSE(Load(Document("<MemLogging val=\"\"/>")).MemLogging);
-    EXPECT_TRUE(Load(Document("<TestOrqmVer val=\"\"/>")).TestOrqmVer);
-    EXPECT_TRUE(Load(Document("<TestOrqmVer other=\"false\"/>")).TestOrqmVer);
-}
-
-TEST(Config, IntervalTakesTheLeadingNumber) {
-    EXPECT_EQ(Load(Document("<PreviewFrameInterval val=\"abc\"/>")).PreviewFrameInterval, 0);
-    EXPECT_EQ(Load(Document("<PreviewFrameInterval val=\"-5\"/>")).PreviewFrameInterval, 60);
-    EXPECT_EQ(Load(Document("<PreviewFrameInterval val=\"25fps\"/>")).PreviewFrameInterval, 25);
-    EXPECT_EQ(Load(Document("<PreviewFrameInterval val=\"0\"/>")).PreviewFrameInterval, 0);
-}
-
-TEST(Config, OnlyTheFirstConfigurationElementCounts) {
-    SDKConfig config = Load(
-        "<configuration><PreviewFrameInterval val=\"10\"/></configuration>"
-        "<configuration><PreviewFrameInterval val=\"99\"/></configuration>");
-    EXPECT_EQ(config.PreviewFrameInterval, 10);
-}
-
-TEST(Config, BrokenOrEmptyFilesLeaveTheDefaults) {
-    std::vector<std::string> log;
-    SDKConfig broken = Load("<configuration><MemLogging val=\"true\">", &log);
-    EXPECT_FALSE(broken.MemLogging);
+    Load("<configuration><MemLogging val=\"true\">", &log);
     EXPECT_EQ(CountContaining(log, "LoadConfig ORQSDK.cfg loading error"), 1);
-    SDKConfig empty = Load("", &log);
-    EXPECT_EQ(empty.PreviewFrameInterval, 60);
+    Load("", &log);
     EXPECT_EQ(CountContaining(log, "cfg: "), 3);
-    SDKConfig noRoot = Load("<other><MemLogging val=\"true\"/></other>", &log);
-    EXPECT_FALSE(noRoot.MemLogging);
-    EXPECT_EQ(CountContaining(log, "cfg: MemLogging: "), 1);
 }

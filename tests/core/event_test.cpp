@@ -5,12 +5,12 @@
 #include <chrono>
 #include <thread>
 
-#include "test_support.h"
+#include "tests/support/support.h"
 
 using namespace orq;
 using orqtest::CountContaining;
-using orqtest::MainLogSince;
-using orqtest::MainLogSize;
+using orqtest::LogLinesSince;
+using orqtest::LogSize;
 
 namespace {
 
@@ -73,33 +73,33 @@ TEST(Event, SlowHandlersAreReportedOncePerRaiseWithTheSum) {
     Calls a{{}, nullptr, 600}, b{{}, nullptr, 600};
     OrqSubscription first = event.Subscribe(Record, &a);
     OrqSubscription second = event.Subscribe(Record, &b);
-    size_t start = MainLogSize();
+    size_t start = LogSize();
     Raise(event, 1);
-    auto lines = MainLogSince(start);
+    auto lines = LogLinesSince(start);
     EXPECT_EQ(CountContaining(lines, "Application event handler processing time exceeded:"), 1);
     EXPECT_EQ(CountContaining(lines, "ms slow one"), 1);
     EXPECT_EQ(b.seen.size(), 1u);
     memmgr::Free(first);
     memmgr::Free(second);
     a.sleepMs = b.sleepMs = 0;
-    size_t quiet = MainLogSize();
+    size_t quiet = LogSize();
     Raise(event, 2);
-    EXPECT_EQ(CountContaining(MainLogSince(quiet), "exceeded"), 0);
+    EXPECT_EQ(CountContaining(LogLinesSince(quiet), "exceeded"), 0);
 }
 
 TEST(Event, ReleaseAfterTheEventIsGoneIsHarmless) {
     OrqSubscription left;
     Calls calls;
-    size_t start = MainLogSize();
+    size_t start = LogSize();
     {
         IntEvent event;
         left = event.Subscribe(Record, &calls);
     }
-    auto lines = MainLogSince(start);
+    auto lines = LogLinesSince(start);
     EXPECT_EQ(CountContaining(lines, "Delete Event object with active subscribers!"), 1);
     EXPECT_EQ(CountContaining(lines, "delete Subscriber"), 1);
     memmgr::Free(left);  // must neither crash nor report the pointer as unknown
-    EXPECT_EQ(CountContaining(MainLogSince(start), "OrqFree: unknown pointer"), 0);
+    EXPECT_EQ(CountContaining(LogLinesSince(start), "OrqFree: unknown pointer"), 0);
 }
 
 TEST(Event, ConcurrentRaisesAndReleasesAreSafe) {

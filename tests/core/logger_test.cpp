@@ -3,11 +3,11 @@
 #include <regex>
 #include <thread>
 
-#include "test_support.h"
+#include "tests/support/support.h"
 
 using namespace orq;
-using orqtest::MainLogSince;
-using orqtest::MainLogSize;
+using orqtest::LogLinesSince;
+using orqtest::LogSize;
 
 namespace {
 
@@ -24,13 +24,13 @@ std::string MessageColumn(const std::string& line) {
 }  // namespace
 
 TEST(Logger, LineLayoutPadsTheMessageToSeventyCharacters) {
-    size_t start = MainLogSize();
+    size_t start = LogSize();
     LogWrite(LOG_MAIN, INF, "C:\\work\\src\\Kernel\\DeviceLL_Property.cpp", 386, 4812,
              "Camera mode changed to %d", 3);
     LogWrite(LOG_MAIN, ERR, "x.cpp", 1, 1, "%s", std::string(69, 'a').c_str());
     LogWrite(LOG_MAIN, 7, "x.cpp", 1, 1, "%s", std::string(70, 'b').c_str());
     LogWrite(LOG_MAIN, DEB, "x.cpp", 1, 1, "");
-    auto lines = MainLogSince(start);
+    auto lines = LogLinesSince(start);
     ASSERT_EQ(lines.size(), 4u);
     std::smatch match;
     ASSERT_TRUE(std::regex_match(lines[0], match, kLine)) << lines[0];
@@ -46,10 +46,10 @@ TEST(Logger, LineLayoutPadsTheMessageToSeventyCharacters) {
 }
 
 TEST(Logger, LongMessagesAreCutAndMultiLineMessagesSplit) {
-    size_t start = MainLogSize();
+    size_t start = LogSize();
     LogWrite(LOG_MAIN, INF, "x.cpp", 5, 1, "%s", std::string(5000, 'z').c_str());
     LogWrite(LOG_MAIN, INF, "y.cpp", 6, 1, "first\nsecond\nthird");
-    auto lines = MainLogSince(start);
+    auto lines = LogLinesSince(start);
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(MessageColumn(lines[0]), std::string(4095, 'z'));
     EXPECT_NE(lines[1].find("| first"), std::string::npos);
@@ -62,10 +62,10 @@ TEST(Logger, LongMessagesAreCutAndMultiLineMessagesSplit) {
 }
 
 TEST(Logger, WideArgumentsAndPlainConversions) {
-    size_t start = MainLogSize();
+    size_t start = LogSize();
     LogWrite(LOG_MAIN, INF, "x.cpp", 1, 1, "%S|%5d|%-3s|%x|%lld|%%", u"Kamera \u00e9", 42, "a",
              255u, 1LL << 40);
-    auto lines = MainLogSince(start);
+    auto lines = LogLinesSince(start);
     ASSERT_EQ(lines.size(), 1u);
     const std::string expected = "Kamera \xc3\xa9|   42|a  |ff|1099511627776|%";
     EXPECT_EQ(MessageColumn(lines[0]).substr(0, expected.size()), expected);
@@ -74,16 +74,16 @@ TEST(Logger, WideArgumentsAndPlainConversions) {
 TEST(Logger, ApiLogIsSeparate) {
     std::string before;
     platform::ReadFile(ApiLogPath(), before);
-    size_t mainBefore = MainLogSize();
+    size_t mainBefore = LogSize();
     LogWrite(LOG_API, INF, "x.cpp", 1, 1, "only in the api log");
     std::string after;
     platform::ReadFile(ApiLogPath(), after);
     EXPECT_NE(after.find("only in the api log", before.size()), std::string::npos);
-    EXPECT_EQ(MainLogSize(), mainBefore);
+    EXPECT_EQ(LogSize(), mainBefore);
 }
 
 TEST(Logger, ConcurrentLinesStayWhole) {
-    size_t start = MainLogSize();
+    size_t start = LogSize();
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([t] {
@@ -93,7 +93,7 @@ TEST(Logger, ConcurrentLinesStayWhole) {
         });
     }
     for (auto& thread : threads) thread.join();
-    auto lines = MainLogSince(start);
+    auto lines = LogLinesSince(start);
     ASSERT_EQ(lines.size(), 200u);
     for (const auto& line : lines) EXPECT_TRUE(std::regex_match(line, kLine)) << line;
 }

@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include "test_support.h"
+#include "tests/support/support.h"
 
 using namespace orq;
 using orqtest::CountContaining;
-using orqtest::MainLogSince;
-using orqtest::MainLogSize;
+using orqtest::LogLinesSince;
+using orqtest::LogSize;
 
 TEST(MemoryManager, FreeRunsTheFunctionOnceAndForgetsThePointer) {
     int runs = 0;
@@ -19,13 +19,13 @@ TEST(MemoryManager, FreeRunsTheFunctionOnceAndForgetsThePointer) {
             ++runs;
         },
         __FILE__, __LINE__);
-    size_t start = MainLogSize();
+    size_t start = LogSize();
     memmgr::Free(&object);
     EXPECT_EQ(runs, 1);
-    EXPECT_EQ(CountContaining(MainLogSince(start), "OrqFree: unknown pointer"), 0);
+    EXPECT_EQ(CountContaining(LogLinesSince(start), "OrqFree: unknown pointer"), 0);
     memmgr::Free(&object);
     EXPECT_EQ(runs, 1);
-    EXPECT_EQ(CountContaining(MainLogSince(start), "OrqFree: unknown pointer"), 1);
+    EXPECT_EQ(CountContaining(LogLinesSince(start), "OrqFree: unknown pointer"), 1);
 }
 
 TEST(MemoryManager, RegisteringAgainReplacesTheEntry) {
@@ -59,20 +59,20 @@ TEST(MemoryManager, SweepReleasesEverythingOnceAndReportsEachEntry) {
     for (int* p : {&a, &b, &c})
         memmgr::Register(
             p, [&](void*) { ++runs; }, "dir/Owner.cpp", 77);
-    size_t start = MainLogSize();
+    size_t start = LogSize();
     memmgr::Sweep();
     EXPECT_EQ(runs, 3);
-    auto lines = MainLogSince(start);
+    auto lines = LogLinesSince(start);
     EXPECT_EQ(CountContaining(lines, "active free func: Owner 77"), 3);
     // A late release or a second sweep reports but never releases twice.
     memmgr::Free(&a);
     memmgr::Sweep();
     EXPECT_EQ(runs, 3);
-    auto later = MainLogSince(start);
+    auto later = LogLinesSince(start);
     EXPECT_EQ(CountContaining(later, "active free func: Owner 77"), 5);
     memmgr::Free(&b);
     memmgr::Free(&c);
-    size_t quiet = MainLogSize();
+    size_t quiet = LogSize();
     memmgr::Sweep();
-    EXPECT_TRUE(MainLogSince(quiet).empty());
+    EXPECT_TRUE(LogLinesSince(quiet).empty());
 }

@@ -1,20 +1,22 @@
 // Listing the card: file names as the SDK decodes them, the handle list, and the file table's
 // way of finding the newest file.
-#include "link_support.h"
+#include "tests/support/support.h"
 
 namespace linktest {
+using namespace orqtest;
 namespace {
 
 using orq::PTP_OC_GetObjectInfo;
 
-class FilesTest : public LinkTest {
+class FilesTest : public DeviceTest<> {
 protected:
+    FilesTest() { load = false; }
     // The decoded name of a file with this name on the card.
     std::u16string Decoded(const std::u16string& name) {
         camera->ClearCard();
         uint32_t handle = camera->AddFile(name, Bytes{1});
         OrqFileInfo info{};
-        EXPECT_EQ(link->PTPGetObjectInfo(handle, info), ORQ_OK);
+        EXPECT_EQ(device->PTPGetObjectInfo(handle, info), ORQ_OK);
         return std::u16string(reinterpret_cast<const char16_t*>(info.name));
     }
 };
@@ -38,39 +40,39 @@ TEST_F(FilesTest, DatasetsAreReadNoFurtherThanTheySpan) {
     Bytes dataset(52, 0);
     dataset[8] = 77;  // the size
     dataset.insert(dataset.end(), {200, 'a', 0, 'b', 0, 'c', 0});
-    camera->InjectFault(Raw(PTP_OC_GetObjectInfo, -1, DataThenOk(dataset, 0x1008)));
+    camera->InjectFault(Raw(PTP_OC_GetObjectInfo, -1, DataThen(dataset, 0x1008)));
     OrqFileInfo info{};
-    ASSERT_EQ(link->PTPGetObjectInfo(5, info), ORQ_OK);
+    ASSERT_EQ(device->PTPGetObjectInfo(5, info), ORQ_OK);
     EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(info.name)), u"abc");
     EXPECT_EQ(info.size, 77u);
     EXPECT_EQ(info.id, 5);
     // A dataset that ends before the name field gives an empty name.
-    camera->InjectFault(Raw(PTP_OC_GetObjectInfo, -1, DataThenOk(Bytes(20, 0), 0x1008)));
-    ASSERT_EQ(link->PTPGetObjectInfo(5, info), ORQ_OK);
+    camera->InjectFault(Raw(PTP_OC_GetObjectInfo, -1, DataThen(Bytes(20, 0), 0x1008)));
+    ASSERT_EQ(device->PTPGetObjectInfo(5, info), ORQ_OK);
     EXPECT_EQ(info.name[0], 0);
 }
 
 TEST_F(FilesTest, HandleListsAreBoundedAndMustHoldTheirCount) {
     const uint16_t handlesCode = orq::PTP_OC_GetObjectHandles;
-    camera->InjectFault(Raw(handlesCode, -1, DataThenOk(Words({3, 10, 11}), handlesCode)));
+    camera->InjectFault(Raw(handlesCode, -1, DataThen(Words({3, 10, 11}), handlesCode)));
     std::vector<uint32_t> handles;
-    EXPECT_EQ(link->PTPGetObjectHandles(handles), ORQ_ERROR);
+    EXPECT_EQ(device->PTPGetObjectHandles(handles), ORQ_ERROR);
     EXPECT_EQ(Count(Log(), "getObjectHandles failed: 3 handles announced, 2 sent"), 1);
 
-    ASSERT_EQ(link->PTPGetObjectHandles(handles), ORQ_OK);  // the folders
+    ASSERT_EQ(device->PTPGetObjectHandles(handles), ORQ_OK);  // the folders
     for (size_t i = handles.size(); i < 5120; ++i) camera->AddFile(u"a.txt", {});
-    ASSERT_EQ(link->PTPGetObjectHandles(handles), ORQ_OK);
+    ASSERT_EQ(device->PTPGetObjectHandles(handles), ORQ_OK);
     EXPECT_EQ(handles.size(), 5120u);
     camera->AddFile(u"a.txt", {});
-    EXPECT_EQ(link->PTPGetObjectHandles(handles), ORQ_ERROR);
+    EXPECT_EQ(device->PTPGetObjectHandles(handles), ORQ_ERROR);
     EXPECT_EQ(Count(Log(), "getObjectHandles failed: to many objects"), 1);
 }
 
 TEST_F(FilesTest, OneBadObjectFailsTheListingAndLeavesTheTable) {
     camera->AddFile(u"IMG_0001.JPG", Bytes{1});
     camera->AddFile(u"IMG_0002.JPG", Bytes{2});
-    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
-    int32_t latest = link->LatestFileId();
+    ASSERT_EQ(device->PTPUpdateObjectsInfo(), ORQ_OK);
+    int32_t latest = device->LatestFileId();
 
     camera->AddFile(u"IMG_0003.JPG", Bytes{3});
     Fault fault = Fault::Operation(Fault::ResponseCode, PTP_OC_GetObjectInfo, -1,
@@ -78,11 +80,11 @@ TEST_F(FilesTest, OneBadObjectFailsTheListingAndLeavesTheTable) {
     fault.skip = 1;
     camera->InjectFault(fault);
     logStart = LogSize();
-    EXPECT_EQ(link->PTPUpdateObjectsInfo(), ORQ_ERROR);
+    EXPECT_EQ(device->PTPUpdateObjectsInfo(), ORQ_ERROR);
     EXPECT_TRUE(InOrder(
         Log(), {"PTPUpdateObjectsInfo", "PTP_OC_GetObjectInfo failed", "PTPGetFilesInfo failed"}));
-    EXPECT_EQ(link->FileTable().size(), 2u);
-    EXPECT_EQ(link->LatestFileId(), latest);
+    EXPECT_EQ(device->FileTable().size(), 2u);
+    EXPECT_EQ(device->LatestFileId(), latest);
 }
 
 TEST_F(FilesTest, TableKeepsPicturesAndMoviesOnly) {
@@ -94,9 +96,9 @@ TEST_F(FilesTest, TableKeepsPicturesAndMoviesOnly) {
         int32_t handle = static_cast<int32_t>(camera->AddFile(name, Bytes{1}));
         if (keep) kept.push_back(handle);
     }
-    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
+    ASSERT_EQ(device->PTPUpdateObjectsInfo(), ORQ_OK);
     std::vector<int32_t> ids;
-    for (const OrqFileInfo& file : link->FileTable()) ids.push_back(file.id);
+    for (const OrqFileInfo& file : device->FileTable()) ids.push_back(file.id);
     EXPECT_EQ(ids, kept);
 }
 
@@ -104,18 +106,18 @@ TEST_F(FilesTest, LatestFileIdNamesTheFirstNewPair) {
     // The first listing compares against an empty table; the first in the camera's order wins.
     uint32_t a = camera->AddFile(u"IMG_0001.JPG", Bytes(10));
     uint32_t b = camera->AddFile(u"IMG_0002.JPG", Bytes(20));
-    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
-    EXPECT_EQ(link->LatestFileId(), static_cast<int32_t>(a));
+    ASSERT_EQ(device->PTPUpdateObjectsInfo(), ORQ_OK);
+    EXPECT_EQ(device->LatestFileId(), static_cast<int32_t>(a));
 
-    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
-    EXPECT_EQ(link->LatestFileId(), -1);
+    ASSERT_EQ(device->PTPUpdateObjectsInfo(), ORQ_OK);
+    EXPECT_EQ(device->LatestFileId(), -1);
 
     // A known handle whose size changed counts as new; a removal leaves no trace.
     camera->ReplaceFile(b, Bytes(21));
     camera->RemoveFile(a);
-    ASSERT_EQ(link->PTPUpdateObjectsInfo(), ORQ_OK);
-    EXPECT_EQ(link->LatestFileId(), static_cast<int32_t>(b));
-    EXPECT_EQ(link->FileTable().size(), 1u);
+    ASSERT_EQ(device->PTPUpdateObjectsInfo(), ORQ_OK);
+    EXPECT_EQ(device->LatestFileId(), static_cast<int32_t>(b));
+    EXPECT_EQ(device->FileTable().size(), 1u);
 }
 
 }  // namespace

@@ -1,13 +1,16 @@
 // The OrqSim exports the SDK-level tests do not reach: a camera's path, card and fault record,
 // and the cable's refusals. Attaching, hot-plug and unknown models are the manager's tests.
-#include "link_support.h"
 #include "orqsdk_sim.h"
+#include "tests/support/support.h"
 
 namespace linktest {
+using namespace orqtest;
 namespace {
 
 TEST(SimExports, RefusalsAndACardThatOutlivesTheCable) {
-    QuietNotify notify;
+    struct : orq::IUsbLib_Notify {
+        void OnDeviceChange() override {}
+    } notify;
     orq::SDKConfig config;
     auto usb = orqsim::CreateVirtualUsbLib(&notify);
     EXPECT_EQ(OrqSimAttachCamera(nullptr), 0);
@@ -18,17 +21,17 @@ TEST(SimExports, RefusalsAndACardThatOutlivesTheCable) {
     ASSERT_GE(OrqSimAddFile(camera, reinterpret_cast<const OrqChar*>(u"A.JPG"), "abc", 3), 0);
 
     // A zero-filled fault record: any operation, once.
-    auto link = std::make_unique<orq::DeviceLL>(usb.get(), &config, path);
-    ASSERT_EQ(link->OpenCamera(), ORQ_OK);
+    auto device = std::make_unique<orq::DeviceLL>(usb.get(), &config, path);
+    ASSERT_EQ(device->OpenCamera(), ORQ_OK);
     OrqSimFault fault{};
     fault.kind = ORQSIM_RESPONSE_CODE;
     fault.value = 0x2019;
     ASSERT_EQ(OrqSimInjectFault(camera, &fault), ORQ_OK);
-    EXPECT_EQ(link->PTPOpenSession(), ORQ_ERROR);
-    EXPECT_EQ(link->PTPOpenSession(), ORQ_OK);
+    EXPECT_EQ(device->PTPOpenSession(), ORQ_ERROR);
+    EXPECT_EQ(device->PTPOpenSession(), ORQ_OK);
     fault.kind = 99;
     EXPECT_EQ(OrqSimInjectFault(camera, &fault), ORQ_ERROR);
-    link.reset();
+    device.reset();
 
     // The cable can be pulled once and plugged again; the card stays with the camera.
     ASSERT_EQ(OrqSimDetachCamera(camera), ORQ_OK);

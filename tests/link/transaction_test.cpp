@@ -2,22 +2,28 @@
 #include <chrono>
 #include <thread>
 
-#include "link_support.h"
+#include "tests/support/support.h"
 
 namespace linktest {
+using namespace orqtest;
 namespace {
 
 using namespace std::chrono_literals;
 using orq::PTP_NO_DATA;
 using orq::PTP_OC_Vendor;
 
-class TransactionTest : public LinkTest {
+class TransactionTest : public DeviceTest<> {
 public:
+    TransactionTest() { load = false; }
     // Operations of the two shapes: no data, and a short data phase.
     bool NoData() { return Probe(); }
+    bool Probe() {
+        return device->PtpTransactionRetry(PTP_OC_Vendor, {orq::ORQM_UpdateAEAF}, PTP_NO_DATA,
+                                           nullptr, nullptr);
+    }
     bool Mode() {
         uint32_t mode = 0;
-        return link->PTPGetMode(mode) == ORQ_OK;
+        return device->PTPGetMode(mode) == ORQ_OK;
     }
 };
 
@@ -25,9 +31,9 @@ TEST_F(TransactionTest, TransactionIdRisesFromTheSessionsZeroFailuresIncluded) {
     camera->InjectFault(Fault::Operation(Fault::ResponseCode, PTP_OC_Vendor, orq::ORQM_Shoot,
                                          orqsim::RC_DeviceBusy));
     EXPECT_TRUE(Probe());
-    EXPECT_EQ(link->PTPShoot(), ORQ_ERROR);
+    EXPECT_EQ(device->PTPShoot(), ORQ_ERROR);
     EXPECT_TRUE(Probe());
-    ASSERT_EQ(link->PTPOpenSession(), ORQ_OK);
+    ASSERT_EQ(device->PTPOpenSession(), ORQ_OK);
     EXPECT_TRUE(Probe());
     std::vector<uint32_t> ids;
     for (const auto& op : camera->Operations()) ids.push_back(op.transactionId);
@@ -37,16 +43,16 @@ TEST_F(TransactionTest, TransactionIdRisesFromTheSessionsZeroFailuresIncluded) {
 
 TEST_F(TransactionTest, EmptyDataAndShortResponses) {
     orq::PtpDataBlock block;
-    ASSERT_EQ(link->PTPGetMemory(0x1234, 0, block), ORQ_OK);
+    ASSERT_EQ(device->PTPGetMemory(0x1234, 0, block), ORQ_OK);
     EXPECT_EQ(block.size, 0u);
     // Response parameters are five words, zero-filled: a bare 12-byte response, one with two.
     const uint16_t ready = orq::ORQM_RemoteCaptureIsReady;
     std::vector<uint32_t> params{7, 7};
     camera->InjectFault(Raw(PTP_OC_Vendor, ready, Container(3, 0x2001)));
-    ASSERT_TRUE(link->PtpTransactionRetry(PTP_OC_Vendor, {ready}, PTP_NO_DATA, nullptr, &params));
+    ASSERT_TRUE(device->PtpTransactionRetry(PTP_OC_Vendor, {ready}, PTP_NO_DATA, nullptr, &params));
     EXPECT_EQ(params, (std::vector<uint32_t>(5, 0)));
     camera->InjectFault(Raw(PTP_OC_Vendor, ready, Container(3, 0x2001, Words({9, 8}))));
-    ASSERT_TRUE(link->PtpTransactionRetry(PTP_OC_Vendor, {ready}, PTP_NO_DATA, nullptr, &params));
+    ASSERT_TRUE(device->PtpTransactionRetry(PTP_OC_Vendor, {ready}, PTP_NO_DATA, nullptr, &params));
     EXPECT_EQ(params, (std::vector<uint32_t>{9, 8, 0, 0, 0}));
 }
 
@@ -86,7 +92,7 @@ TEST_F(TransactionTest, EachBrokenStageFailsOnceWithItsLinesAndTheEdgesPass) {
         SCOPED_TRACE("case " + std::to_string(&c - cases));
         // What a broken answer leaves on the pipe is not this case's business: start over.
         camera->Reset();
-        ASSERT_EQ(link->PTPOpenSession(), ORQ_OK);
+        ASSERT_EQ(device->PTPOpenSession(), ORQ_OK);
         camera->ClearOperations();
         logStart = LogSize();
         camera->InjectFault(c.fault);
@@ -106,7 +112,7 @@ TEST_F(TransactionTest, EachBrokenStageFailsOnceWithItsLinesAndTheEdgesPass) {
 
 TEST_F(TransactionTest, GeneralErrorIsRetriedThriceWithSleepsOutsideTheLock) {
     camera->InjectFault(Fault::Operation(Fault::GeneralError, PTP_OC_Vendor, orq::ORQM_Shoot));
-    std::thread shooter([&] { EXPECT_EQ(link->PTPShoot(), ORQ_OK); });
+    std::thread shooter([&] { EXPECT_EQ(device->PTPShoot(), ORQ_OK); });
     // While the shooter sleeps before its second attempt, another thread gets through.
     while (camera->CountOperations(PTP_OC_Vendor, orq::ORQM_Shoot) == 0) {
         std::this_thread::sleep_for(1ms);
@@ -128,7 +134,7 @@ TEST_F(TransactionTest, GeneralErrorIsRetriedThriceWithSleepsOutsideTheLock) {
     camera->ClearOperations();
     logStart = LogSize();
     auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(link->PTPShoot(), ORQ_ERROR);
+    EXPECT_EQ(device->PTPShoot(), ORQ_ERROR);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 900ms);
     EXPECT_EQ(camera->CountOperations(PTP_OC_Vendor, orq::ORQM_Shoot), 3u);
     EXPECT_TRUE(InOrder(
@@ -162,7 +168,7 @@ TEST_F(TransactionTest, ResponseInPlaceOfData) {
 }
 
 TEST_F(TransactionTest, ClosedDeviceSendsNothing) {
-    link->ForceCloseUSB();
+    device->ForceCloseUSB();
     EXPECT_FALSE(Probe());
     EXPECT_TRUE(InOrder(Log(), {"PtpTransaction failed", "PtpTransaction: device is closed"}));
     EXPECT_TRUE(camera->Operations().empty());
@@ -174,11 +180,11 @@ TEST_F(TransactionTest, DeclaredDataLengthsAreBoundedBeforeAllocating) {
     EXPECT_FALSE(Mode());
     // A file brings no more than the camera lists for it.
     camera->Reset();
-    ASSERT_EQ(link->PTPOpenSession(), ORQ_OK);
+    ASSERT_EQ(device->PTPOpenSession(), ORQ_OK);
     const uint32_t handle = camera->AddFile(u"IMG_0001.JPG", Bytes(100, 7));
     camera->InjectFault(Fault::Operation(Fault::DataLength, orq::PTP_OC_GetObject, -1, 12 + 101));
     orq::PtpDataBlock block;
-    EXPECT_EQ(link->PTPGetObject(handle, block), ORQ_ERROR);
+    EXPECT_EQ(device->PTPGetObject(handle, block), ORQ_ERROR);
     EXPECT_TRUE(InOrder(Log(), {"GETDATA failed: container length 4294967295 above limit 33554432",
                                 "GETDATA failed: container length 113 above limit 100",
                                 "PTP_OC_GetObject failed"}));

@@ -83,62 +83,41 @@ int RunProbe(const std::string& mode, const std::string& lockName) {
 constexpr int kProbeAcquired = 0;
 constexpr int kProbeHeldElsewhere = 1;
 
-TEST(InstanceLock, RefusesAnotherProcessWhileHeldAndFreesOnRelease) {
-    std::string name = LockName();
+TEST(InstanceLock, RefusesAnotherProcessWhileHeldAndIsFreedOnReleaseOrTheHoldersDeath) {
+    const std::string name = LockName();
     InstanceLock::Status status = InstanceLock::Status::Failed;
     auto lock = InstanceLock::Acquire(name, status);
     ASSERT_EQ(status, InstanceLock::Status::Acquired);
     ASSERT_NE(lock, nullptr);
-
     EXPECT_EQ(RunProbe("try", name), kProbeHeldElsewhere);
-
     lock.reset();
     EXPECT_EQ(RunProbe("try", name), kProbeAcquired);
-}
-
-TEST(InstanceLock, CanBeTakenAgainInTheSameProcessAfterRelease) {
-    std::string name = LockName();
-    for (int round = 0; round < 3; ++round) {
-        InstanceLock::Status status = InstanceLock::Status::Failed;
-        auto lock = InstanceLock::Acquire(name, status);
-        EXPECT_EQ(status, InstanceLock::Status::Acquired) << "round " << round;
-        EXPECT_NE(lock, nullptr) << "round " << round;
+    // Taken again in this process after its release, and after a holder died holding it.
+    for (const char* before : {"", "die"}) {
+        if (*before) {
+            ASSERT_EQ(RunProbe(before, name), kProbeAcquired);
+        }
+        status = InstanceLock::Status::Failed;
+        lock = InstanceLock::Acquire(name, status);
+        EXPECT_EQ(status, InstanceLock::Status::Acquired) << before;
+        EXPECT_NE(lock, nullptr);
+        lock.reset();
     }
 }
 
-TEST(InstanceLock, IsFreedWhenTheHolderDiesWithoutReleasing) {
-    std::string name = LockName();
-    ASSERT_EQ(RunProbe("die", name), 0);
-
-    InstanceLock::Status status = InstanceLock::Status::Failed;
-    auto lock = InstanceLock::Acquire(name, status);
-    EXPECT_EQ(status, InstanceLock::Status::Acquired);
-    EXPECT_NE(lock, nullptr);
-}
-
-TEST(Folders, ExecutableFolderHoldsTheRunningTestNotTheWorkingDirectory) {
-    std::u16string folder = ExecutableFolder();
-    ASSERT_FALSE(folder.empty());
-    EXPECT_NE(folder.back(), PathSeparator());
-    EXPECT_TRUE(fs::path(folder).is_absolute()) << ToUtf8(folder);
-    // ctest starts this test in the build root, which holds neither file.
-    EXPECT_TRUE(
-        fs::is_regular_file(fs::path(Join(folder, u"platform_test" + std::u16string(kExeSuffix)))))
-        << ToUtf8(folder);
-    EXPECT_TRUE(
-        fs::is_regular_file(fs::path(Join(folder, u"lock_probe" + std::u16string(kExeSuffix)))));
-}
-
-TEST(Folders, TempAndLogFoldersAreUsableDirectories) {
-    std::u16string temp = TempFolder();
-    ASSERT_FALSE(temp.empty());
+TEST(Folders, ExecutableTempAndLogFoldersAreUsableDirectories) {
+    const std::u16string folder = ExecutableFolder(), temp = TempFolder(), log = LogFolder();
+    for (const std::u16string& f : {folder, log}) {
+        ASSERT_FALSE(f.empty());
+        EXPECT_NE(f.back(), PathSeparator());
+        EXPECT_TRUE(fs::path(f).is_absolute()) << ToUtf8(f);
+    }
     EXPECT_TRUE(fs::is_directory(fs::path(temp))) << ToUtf8(temp);
-
-    std::u16string log = LogFolder();
-    ASSERT_FALSE(log.empty());
-    EXPECT_NE(log.back(), PathSeparator());
-    EXPECT_TRUE(fs::path(log).is_absolute()) << ToUtf8(log);
     EXPECT_TRUE(fs::is_directory(fs::path(log))) << ToUtf8(log);
+    // The running test's, not the working directory (ctest starts it in the build root).
+    for (const char16_t* exe : {u"platform_test", u"lock_probe"})
+        EXPECT_TRUE(fs::is_regular_file(fs::path(Join(folder, exe + std::u16string(kExeSuffix)))))
+            << ToUtf8(folder);
 }
 
 TEST(Text, Utf8ConversionRoundTripsNonAscii) {

@@ -6,73 +6,44 @@
 #include <functional>
 #include <memory>
 
-#include "Kernel/DeviceLL.h"
-#include "SDKConfig.h"
-#include "sim/VirtualBus.h"
-#include "sim/VirtualCamera.h"
-#include "tests/core/test_support.h"
+#include "tests/support/support.h"
 
 namespace {
 
 using orqsim::VirtualCamera;
-using Ops = std::vector<std::pair<int64_t, std::vector<uint32_t>>>;
+using Sent = std::vector<std::pair<int64_t, std::vector<uint32_t>>>;
 
 constexpr int64_t kSetPropCase = 130, kSetCaptureMode = 160;
 
 class Camera : public orq::DeviceLL {
 public:
-    Camera(orq::UsbLib* usb, std::u16string path) : DeviceLL(usb, &settings, std::move(path)) {}
+    using DeviceLL::DeviceLL;
     void OnPropertyChanged(int id) override { changed.push_back(id); }
     void OnPropertyListChanged() override { ++listChanges; }
     int Value(int id) { return propertyValues.at(id); }
 
     std::vector<int> changed;
     int listChanges = 0;
-    static inline orq::SDKConfig settings;
 };
 
-// One virtual camera of a model, opened by a DeviceLL, its cases set by `prepare` before loading.
-struct Rig : orq::IUsbLib_Notify {
+// A camera of a model, its cases set by `prepare` before loading.
+struct Rig : orqtest::Rig<Camera> {
     explicit Rig(const std::string& model, std::function<void(VirtualCamera&)> prepare = {}) {
-        static int serial = 0;
-        std::u16string path = u"props-unit-" + std::u16string(1, char16_t(u'A' + serial++ % 26));
         orqsim::CameraOptions options;
         options.model = model;
-        sim = std::make_shared<VirtualCamera>(options);
-        EXPECT_TRUE(sim->PlugIn(path));
-        usb = orqsim::CreateVirtualUsbLib(this);
-        camera = std::make_unique<Camera>(usb.get(), path);
-        EXPECT_EQ(camera->OpenCamera(), ORQ_OK);
-        EXPECT_EQ(camera->PTPOpenSession(), ORQ_OK);
-        if (prepare) prepare(*sim);
-        logStart = orqtest::MainLogSize();
-        loaded = camera->LoadProperties();
-        sim->ClearOperations();
+        loaded = Open(options, true, prepare);
     }
-    ~Rig() override {
-        camera.reset();
-        sim->Unplug();
-    }
-    void OnDeviceChange() override {}
     // Vendor operations since the load (or the last call), with their further parameters.
-    Ops Take() {
-        Ops ops;
-        for (const auto& op : sim->Operations()) {
+    Sent Take() {
+        Sent ops;
+        for (const auto& op : camera->Operations()) {
             if (op.SubCommand() < 0) continue;
             ops.emplace_back(op.SubCommand(),
                              std::vector<uint32_t>(op.params.begin() + 1, op.params.end()));
         }
-        sim->ClearOperations();
+        camera->ClearOperations();
         return ops;
     }
-    int Logged(const std::string& text) const {
-        return orqtest::CountContaining(orqtest::MainLogSince(logStart), text);
-    }
-
-    std::shared_ptr<VirtualCamera> sim;
-    std::unique_ptr<orq::UsbLib> usb;
-    std::unique_ptr<Camera> camera;
-    size_t logStart = 0;
     OrqResult loaded = ORQ_ERROR;
 };
 
@@ -112,7 +83,7 @@ TEST(PropertyLoad, TranslatesRawValuesStopsAtAnUnknownOneAndStartsSdkOnlySetting
         c.SetZoomPosition(40);
     });
     ASSERT_EQ(rig.loaded, ORQ_OK);
-    Camera& cam = *rig.camera;
+    Camera& cam = *rig.device;
     EXPECT_EQ(cam.Value(10), 0);
     EXPECT_EQ(cam.GetZoom(), 40);
     int any = 0;
@@ -127,9 +98,9 @@ TEST(PropertyLoad, TranslatesRawValuesStopsAtAnUnknownOneAndStartsSdkOnlySetting
     EXPECT_EQ(cam.SetPropertyData(25, 0), ORQ_OK);
     EXPECT_EQ(cam.SetPropertyData(25, 1), ORQ_OK);
     EXPECT_EQ(cam.SetPropertyData(25, 1), ORQ_OK);
-    EXPECT_EQ(rig.Take(), (Ops{{154, {}}, {155, {}}, {155, {}}}));
-    rig.sim->InjectFault(orqsim::Fault::Operation(orqsim::Fault::ResponseCode, 0x9999, 154,
-                                                  orqsim::RC_AccessDenied));
+    EXPECT_EQ(rig.Take(), (Sent{{154, {}}, {155, {}}, {155, {}}}));
+    rig.camera->InjectFault(orqsim::Fault::Operation(orqsim::Fault::ResponseCode, 0x9999, 154,
+                                                     orqsim::RC_AccessDenied));
     EXPECT_EQ(cam.SetPropertyData(25, 0), ORQ_ERROR);
     EXPECT_EQ(rig.Logged("PTPManualFocusEnable failed: 0"), 1);
 }
@@ -137,7 +108,7 @@ TEST(PropertyLoad, TranslatesRawValuesStopsAtAnUnknownOneAndStartsSdkOnlySetting
 TEST(PropertySet, ChecksComeInOrderAndTheModeAndMyColorsShowAndHideProperties) {
     Rig rig("G15", [](VirtualCamera& c) { c.SetModeWheel(32772); });  // Program
     ASSERT_EQ(rig.loaded, ORQ_OK);
-    Camera& cam = *rig.camera;
+    Camera& cam = *rig.device;
     EXPECT_EQ(cam.SetPropertyData(12, 0), ORQ_UNKNOWN_PROPERTY);
     EXPECT_EQ(cam.SetPropertyData(13, 0), ORQ_ERROR);  // read-only before value checks
     EXPECT_EQ(rig.Logged("failed to set read only property"), 1);
@@ -155,9 +126,9 @@ TEST(PropertySet, ChecksComeInOrderAndTheModeAndMyColorsShowAndHideProperties) {
     EXPECT_EQ(cam.SetPropertyData(0, cam.Value(0)), ORQ_OK);
     EXPECT_TRUE(rig.Take().empty());
     EXPECT_EQ(cam.SetPropertyData(3, cam.Value(3)), ORQ_OK);
-    EXPECT_EQ(rig.Take(), (Ops{Set(157, 0)}));
+    EXPECT_EQ(rig.Take(), (Sent{Set(157, 0)}));
     EXPECT_EQ(cam.SetPropertyData(0, 3), ORQ_OK);  // Av
-    EXPECT_EQ(rig.Take(), (Ops{{kSetCaptureMode, {32770}}}));
+    EXPECT_EQ(rig.Take(), (Sent{{kSetCaptureMode, {32770}}}));
     EXPECT_TRUE(Lists(cam, 8) && !Lists(cam, 9));
     EXPECT_EQ(cam.listChanges, 1);
     EXPECT_EQ(cam.SetPropertyData(8, 40), ORQ_OK);
@@ -167,14 +138,37 @@ TEST(PropertySet, ChecksComeInOrderAndTheModeAndMyColorsShowAndHideProperties) {
     EXPECT_EQ(cam.listChanges, 2);
 
     // The wheel turned at the camera, and then to a mode the profile lacks.
-    rig.sim->SetModeWheel(32771);  // Tv
+    rig.camera->SetModeWheel(32771);  // Tv
     EXPECT_EQ(cam.ReadCameraMode(), ORQ_OK);
     EXPECT_EQ(cam.ReadCameraMode(), ORQ_OK);
     EXPECT_EQ(cam.changed, (std::vector<int>{0}));
     EXPECT_TRUE(Lists(cam, 9) && !Lists(cam, 8));
-    rig.sim->SetModeWheel(54321);
+    rig.camera->SetModeWheel(54321);
     EXPECT_EQ(cam.ReadCameraMode(), ORQ_ERROR);
     EXPECT_EQ(cam.Value(0), 4);
+}
+
+// A description carries the size of each offered image size, and only the battery is read-only.
+TEST(PropertyDesc, SizesAndReadOnlyFlags) {
+    Rig rig("A1400");
+    ASSERT_EQ(rig.loaded, ORQ_OK);
+    for (int id : {1, 7, 13}) {
+        SCOPED_TRACE(id);
+        OrqPropertyDesc* desc = nullptr;
+        ASSERT_EQ(rig.device->GetPropertyDesc(id, &desc), ORQ_OK);
+        EXPECT_EQ(desc->readOnly, id == 13 ? 1 : 0);
+        std::vector<std::pair<int, int>> sizes;
+        for (int i = 0; desc->sizes && i < desc->count; ++i)
+            sizes.emplace_back(desc->sizes[i].width, desc->sizes[i].height);
+        if (id == 1) {
+            EXPECT_EQ(sizes,
+                      (std::vector<std::pair<int, int>>{
+                          {4608, 3456}, {3264, 2448}, {1600, 1200}, {640, 480}, {2304, 1728}}));
+        } else {
+            EXPECT_EQ(desc->sizes, nullptr);
+        }
+        rig.device->FreePointer(desc);
+    }
 }
 
 TEST(PropertySet, LargestImageSizeStepsQualityDownFirst) {
@@ -183,17 +177,17 @@ TEST(PropertySet, LargestImageSizeStepsQualityDownFirst) {
         c.SetPropCase(167, 0);  // Superfine, allowed below the largest size
     });
     ASSERT_EQ(rig.loaded, ORQ_OK);
-    Camera& cam = *rig.camera;
+    Camera& cam = *rig.device;
     EXPECT_EQ(Offered(cam, 2), (std::vector<int>{0, 1, 2, 3}));
     EXPECT_EQ(cam.SetPropertyData(1, 0), ORQ_OK);
-    EXPECT_EQ(rig.Take(), (Ops{Set(167, 1), Set(221, 0)}));
+    EXPECT_EQ(rig.Take(), (Sent{Set(167, 1), Set(221, 0)}));
     EXPECT_EQ(cam.changed, (std::vector<int>{2}));  // the set property raises nothing itself
     EXPECT_EQ(cam.listChanges, 1);
     EXPECT_EQ(cam.Value(2), 1);
     EXPECT_EQ(Offered(cam, 2), (std::vector<int>{1, 2, 3}));
     // Back to a smaller size: quality stays, Superfine is on offer again.
     EXPECT_EQ(cam.SetPropertyData(1, 5), ORQ_OK);
-    EXPECT_EQ(rig.Take(), (Ops{Set(221, 7)}));
+    EXPECT_EQ(rig.Take(), (Sent{Set(221, 7)}));
     EXPECT_EQ(cam.changed.size(), 1u);
     EXPECT_EQ(cam.listChanges, 2);
 }
@@ -215,7 +209,7 @@ TEST(CompoundProperty, FlashPowerLoadsFromTwoCasesAndWritesOneOrBoth) {
         });
         EXPECT_EQ(rig.loaded, c.value < 0 ? ORQ_ERROR : ORQ_OK);
         if (c.value >= 0) {
-            EXPECT_EQ(rig.camera->Value(23), c.value);
+            EXPECT_EQ(rig.device->Value(23), c.value);
         } else {
             EXPECT_EQ(rig.Logged(c.line), 1);
             EXPECT_EQ(rig.Logged("LoadFlashPowerProp failed"), 1);
@@ -224,60 +218,60 @@ TEST(CompoundProperty, FlashPowerLoadsFromTwoCasesAndWritesOneOrBoth) {
 
     Rig rig("A495");
     ASSERT_EQ(rig.loaded, ORQ_OK);
-    EXPECT_EQ(rig.camera->SetPropertyData(23, 3), ORQ_OK);
-    EXPECT_EQ(rig.Take(), (Ops{Set(121, 1), Set(141, 2)}));
-    EXPECT_EQ(rig.camera->SetPropertyData(23, 0), ORQ_OK);
-    EXPECT_EQ(rig.Take(), (Ops{Set(121, 0)}));  // the manual output is left where it was
+    EXPECT_EQ(rig.device->SetPropertyData(23, 3), ORQ_OK);
+    EXPECT_EQ(rig.Take(), (Sent{Set(121, 1), Set(141, 2)}));
+    EXPECT_EQ(rig.device->SetPropertyData(23, 0), ORQ_OK);
+    EXPECT_EQ(rig.Take(), (Sent{Set(121, 0)}));  // the manual output is left where it was
 }
 
 TEST(CompoundProperty, SubCasesFollowTheMainCaseWithTheSameRawValue) {
     Rig rig("A810");
     ASSERT_EQ(rig.loaded, ORQ_OK);
-    EXPECT_EQ(rig.camera->SetPropertyData(6, 1), ORQ_OK);  // inverted on the camera: raw 0
-    EXPECT_EQ(rig.Take(), (Ops{Set(220, 0), Set(217, 0), Set(5, 0)}));
+    EXPECT_EQ(rig.device->SetPropertyData(6, 1), ORQ_OK);  // inverted on the camera: raw 0
+    EXPECT_EQ(rig.Take(), (Sent{Set(220, 0), Set(217, 0), Set(5, 0)}));
 
     // A failing second case: the first stays written, the third is never sent, the new value kept.
     orqsim::Fault fault = orqsim::Fault::Operation(orqsim::Fault::ResponseCode, 0x9999,
                                                    kSetPropCase, orqsim::RC_AccessDenied);
     fault.skip = 1;
-    rig.sim->InjectFault(fault);
-    EXPECT_EQ(rig.camera->SetPropertyData(6, 0), ORQ_ERROR);
+    rig.camera->InjectFault(fault);
+    EXPECT_EQ(rig.device->SetPropertyData(6, 0), ORQ_ERROR);
     EXPECT_EQ(rig.Logged("PTP_ORQM_SetPropCase failed (SubPropery2 - 1)"), 1);
-    EXPECT_EQ(rig.Take(), (Ops{Set(220, 1), Set(217, 1)}));
-    EXPECT_EQ(rig.camera->Value(6), 0);
-    EXPECT_TRUE(rig.camera->changed.empty());
+    EXPECT_EQ(rig.Take(), (Sent{Set(220, 1), Set(217, 1)}));
+    EXPECT_EQ(rig.device->Value(6), 0);
+    EXPECT_TRUE(rig.device->changed.empty());
 }
 
 TEST(BatteryLevel, LevelsFromTheAverageLowFromTheSample) {
     Rig rig("SX500");
     ASSERT_EQ(rig.loaded, ORQ_OK);
-    Camera& cam = *rig.camera;
+    Camera& cam = *rig.device;
     // A first read starts the average on the sample; an average on a threshold keeps the lower.
     for (auto [present, level] : {std::pair{450, 0}, {451, 1}, {701, 2}, {951, 3}}) {
-        rig.sim->SetBattery(present, 1000, 0);
+        rig.camera->SetBattery(present, 1000, 0);
         EXPECT_EQ(cam.ReadBatteryLevel(true), ORQ_OK);
         EXPECT_EQ(cam.Value(13), level) << present;
     }
     EXPECT_TRUE(cam.changed.empty());
 
     // Later reads move the average slowly and report each change of level once.
-    rig.sim->SetBattery(1000, 1000, 0);
+    rig.camera->SetBattery(1000, 1000, 0);
     EXPECT_EQ(cam.ReadBatteryLevel(true), ORQ_OK);
-    rig.sim->SetBattery(500, 1000, 0);
+    rig.camera->SetBattery(500, 1000, 0);
     int reads = 0;
     for (; cam.Value(13) > 1 && reads < 100; ++reads)
         ASSERT_EQ(cam.ReadBatteryLevel(false), ORQ_OK);
     EXPECT_GT(reads, 10);
     EXPECT_EQ(cam.changed, (std::vector<int>{13, 13}));
     // One low sample ends it, though the average stands well above the cutoff.
-    rig.sim->SetBattery(199, 1000, 0);
+    rig.camera->SetBattery(199, 1000, 0);
     EXPECT_EQ(cam.ReadBatteryLevel(false), ORQ_BATTERY_LOW);
     EXPECT_EQ(cam.Value(13), 1);
     // On external power the level is 4 at once; a reading with no range does not hang the count.
-    rig.sim->SetBattery(1001, 1000, 0);
+    rig.camera->SetBattery(1001, 1000, 0);
     EXPECT_EQ(cam.ReadBatteryLevel(false), ORQ_OK);
     EXPECT_EQ(cam.Value(13), 4);
-    rig.sim->SetBattery(5, 5, 5);
+    rig.camera->SetBattery(5, 5, 5);
     EXPECT_EQ(cam.ReadBatteryLevel(false), ORQ_OK);
     EXPECT_EQ(cam.Value(13), 0);
 

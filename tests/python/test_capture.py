@@ -28,14 +28,6 @@ def test_shots_to_card_and_host(session, camera, tmp_path):
         session.download(host, tmp_path / "again.jpg")
 
 
-def test_download_byte_for_byte(session, camera, tmp_path):
-    payload = os.urandom(3 * 1024 * 1024 + 17)
-    camera.add_file("PIC_0001.JPG", payload)
-    session.shoot(timeout=10)  # lists the card
-    (listed,) = [file for file in session.files() if file.name == "PIC_0001.JPG"]
-    assert session.download(listed, tmp_path / "copy.jpg").read_bytes() == payload
-
-
 def test_live_view_frames(session):
     frame = session.next_frame(timeout=5)
     assert (frame.width, frame.height) == (320, 240)
