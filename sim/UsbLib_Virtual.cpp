@@ -85,11 +85,20 @@ public:
         if (device && !device->closed.exchange(true)) device->endpoint->Abort();
     }
 
+    // The record holds the camera itself: keeping it would keep every unplugged camera alive.
+    void ReleaseDevice(UsbDevice* device) override {
+        if (!device) return;
+        CloseDevice(device);
+        std::lock_guard<std::mutex> guard(lock);
+        devices.remove_if([device](const auto& record) { return record.get() == device; });
+    }
+
     std::u16string GetDeviceName(UsbDevice* device) override {
         return device ? device->name : std::u16string();
     }
 
     bool UsbReadExactly(UsbBuffer buffer, UsbDevice* device) override {
+        orq::ReadBudget budget(buffer.size);
         uint64_t received = 0;
         while (received < buffer.size) {
             TransferResult result{TransferResult::Disconnected, 0};
@@ -104,6 +113,11 @@ public:
                 return false;
             }
             received += result.count;
+            if (received < buffer.size && !budget.Spend(result.count)) {
+                ORQ_LOG(ERR, "UsbRead failed %d", ErrorNumber(TransferResult::Timeout));
+                ORQ_LOG(ERR, "UsbReadExactly failed");
+                return false;
+            }
         }
         return true;
     }

@@ -1,6 +1,8 @@
 #include "CameraManager.h"
 
 #include <algorithm>
+#include <chrono>
+#include <functional>
 
 #include "Logger.h"
 #include "memmgr.h"
@@ -23,12 +25,17 @@ CameraManager::CameraManager() {
 
 CameraManager::~CameraManager() {
     // From here a notification does nothing, so that no camera is started while the table is
-    // being emptied. The transport itself is stopped last: the cameras close through it.
+    // being emptied. Closing fails every transfer at once, so that neither a main loop nor a
+    // start-up under way waits out a stalled camera. The transport itself is stopped last: the
+    // cameras close through it.
     terminating = true;
     {
         std::lock_guard<std::recursive_mutex> guard(lock);
         for (auto& row : devices) row.second->ForceCloseUSB();
+        if (starting) starting->ForceCloseUSB();
     }
+    // A reconciliation under way ends quickly now; wait for it, as it uses the transport.
+    std::lock_guard<std::recursive_timed_mutex> refreshing(refreshLock);
     std::map<int32_t, std::unique_ptr<Device>> gone;
     {
         std::lock_guard<std::recursive_mutex> guard(lock);
@@ -38,29 +45,52 @@ CameraManager::~CameraManager() {
     usb.reset();
 }
 
+void CameraManager::StopDeliveries() {
+    terminating = true;
+    std::vector<std::function<void()>> drains{connectionEvent.Stop(), initErrorEvent.Stop()};
+    {
+        std::lock_guard<std::recursive_mutex> guard(lock);
+        for (auto& row : devices) {
+            for (auto& drain : row.second->StopEvents()) drains.push_back(std::move(drain));
+        }
+    }
+    // Outside the mutex: a callback still running may be waiting for it.
+    for (auto& drain : drains) drain();
+}
+
 void CameraManager::OnDeviceChange() {
     RefreshDevices();
 }
 
-void CameraManager::RefreshDevices() {
+namespace {
+// How long a reconciliation waits for one under way on another thread: longer than a camera's
+// start-up, whose every step is bounded.
+constexpr std::chrono::seconds kRefreshWait(60);
+}  // namespace
+
+void CameraManager::RefreshDevices(bool wait) {
+    std::unique_lock<std::recursive_timed_mutex> refreshing(refreshLock, std::defer_lock);
+    if (wait ? !refreshing.try_lock_for(kRefreshWait) : !refreshing.try_lock()) {
+        if (wait) ORQ_LOG(ERR, "RefreshDevices: another refresh did not end");
+        return;
+    }
+    if (terminating) return;
     std::vector<ChangeRecord> changes;
+    std::vector<std::unique_ptr<Device>> deleted;
+    std::vector<std::u16string> added;
+    std::set<std::u16string> connected = usb->GetAllConnectedDevicePaths();
     {
         std::lock_guard<std::recursive_mutex> guard(lock);
-        if (terminating) return;
-        std::set<std::u16string> connected = usb->GetAllConnectedDevicePaths();
         for (auto it = FailedPaths.begin(); it != FailedPaths.end();) {
             it = connected.count(*it) ? std::next(it) : FailedPaths.erase(it);
         }
-        std::vector<std::u16string> added;
-        for (const auto& path : connected) {
-            bool known = std::any_of(devices.begin(), devices.end(), [&](const auto& row) {
-                return row.second->DevicePath() == path;
-            });
-            if (!known) added.push_back(path);
-        }
+        // A row marked disconnected stays gone even when its path is back: the path is then a
+        // new plug, which starts as a new camera once the old row is deleted.
         std::vector<int32_t> gone;
         for (const auto& row : devices) {
-            if (!connected.count(row.second->DevicePath())) gone.push_back(row.first);
+            if (!connected.count(row.second->DevicePath()) || !row.second->IsConnected()) {
+                gone.push_back(row.first);
+            }
         }
         for (int32_t deviceId : gone) {
             Device* device = devices[deviceId].get();
@@ -73,37 +103,62 @@ void CameraManager::RefreshDevices() {
             }
             if (!device->IsSessionOpen()) {
                 ORQ_LOG(INF, "delete device object: \n    %s\n    %s", name.c_str(), path.c_str());
-                std::unique_ptr<Device> owned = std::move(devices[deviceId]);
+                deleted.push_back(std::move(devices[deviceId]));
                 devices.erase(deviceId);
-                owned.reset();
             }
         }
-        for (const auto& path : added) {
-            if (FailedPaths.count(path)) continue;
-            int32_t deviceId = static_cast<int32_t>(++nextId);
-            auto device = std::make_unique<Device>(usb.get(), &config, path, deviceId);
-            OrqResult result = device->Initialise();
-            if (result != ORQ_OK) {
-                ORQ_LOG(ERR, "new device initialization failed: %d", result);
-                initErrorEvent.Raise([path, result](OrqCameraInitializationErrorCallback callback,
-                                                    void* context) {
-                    auto* copy = new OrqChar[256]();
-                    size_t length = std::min<size_t>(path.size(), 255);
-                    std::copy(path.begin(), path.begin() + length, copy);
-                    ORQ_REGISTER_POINTER(copy, [](void* p) { delete[] static_cast<OrqChar*>(p); });
-                    callback(context, result, copy);
-                });
-                FailedPaths.insert(path);
-                continue;
-            }
-            ORQ_LOG(INF, "new device found: \n    %s\n    %s\n    %s\n    %s",
-                    platform::ToUtf8(device->DeviceName()).c_str(),
-                    platform::ToUtf8(device->DevicePath()).c_str(),
-                    platform::ToUtf8(device->OrqmVersion()).c_str(),
-                    platform::ToUtf8(device->SerialNumber()).c_str());
-            changes.push_back({device->CameraInfo(deviceId ^ kCameraIdPattern), 0});
-            devices.emplace(deviceId, std::move(device));
+        for (const auto& path : connected) {
+            bool known = std::any_of(devices.begin(), devices.end(), [&](const auto& row) {
+                return row.second->DevicePath() == path;
+            });
+            if (!known && !FailedPaths.count(path)) added.push_back(path);
         }
+    }
+    // Stopping a camera's thread and starting a camera both talk to cameras: neither holds the
+    // table's mutex, so that calls on the other cameras go on meanwhile.
+    deleted.clear();
+    std::vector<std::pair<std::u16string, OrqResult>> failures;
+    for (const auto& path : added) {
+        if (terminating) break;
+        int32_t deviceId;
+        std::unique_ptr<Device> device;
+        {
+            std::lock_guard<std::recursive_mutex> guard(lock);
+            deviceId = static_cast<int32_t>(++nextId);
+            device = std::make_unique<Device>(usb.get(), &config, path, deviceId);
+            starting = device.get();
+        }
+        OrqResult result = device->Initialise();
+        // Declared after the device, so that a camera left out of the table is deleted after
+        // the mutex is released.
+        std::lock_guard<std::recursive_mutex> guard(lock);
+        starting = nullptr;
+        if (terminating) break;
+        if (result != ORQ_OK) {
+            ORQ_LOG(ERR, "new device initialization failed: %d", result);
+            failures.emplace_back(path, result);
+            FailedPaths.insert(path);
+            continue;
+        }
+        ORQ_LOG(INF, "new device found: \n    %s\n    %s\n    %s\n    %s",
+                platform::ToUtf8(device->DeviceName()).c_str(),
+                platform::ToUtf8(device->DevicePath()).c_str(),
+                platform::ToUtf8(device->OrqmVersion()).c_str(),
+                platform::ToUtf8(device->SerialNumber()).c_str());
+        changes.push_back({device->CameraInfo(deviceId ^ kCameraIdPattern), 0});
+        devices.emplace(deviceId, std::move(device));
+    }
+    for (const auto& failure : failures) {
+        const std::u16string& path = failure.first;
+        OrqResult result = failure.second;
+        initErrorEvent.Raise(
+            [path, result](OrqCameraInitializationErrorCallback callback, void* context) {
+                auto* copy = new OrqChar[256]();
+                size_t length = std::min<size_t>(path.size(), 255);
+                std::copy(path.begin(), path.begin() + length, copy);
+                ORQ_REGISTER_POINTER(copy, [](void* p) { delete[] static_cast<OrqChar*>(p); });
+                callback(context, result, copy);
+            });
     }
     if (changes.empty()) return;
     connectionEvent.Raise([changes](OrqCameraListChangedCallback callback, void* context) {
@@ -116,7 +171,8 @@ void CameraManager::RefreshDevices() {
 }
 
 OrqResult CameraManager::GetCameraList(OrqCameraInfo** list, int* count) {
-    RefreshDevices();
+    // A camera that another thread is starting is listed once it has started.
+    RefreshDevices(false);
     std::lock_guard<std::recursive_mutex> guard(lock);
     *count = static_cast<int>(devices.size());
     if (devices.empty()) {

@@ -30,7 +30,12 @@ public:
     ~CameraManager() override;
 
     void OnDeviceChange() override;
-    void RefreshDevices();
+    // wait: whether to wait for a reconciliation under way on another thread; without it the
+    // call leaves the work to that one.
+    void RefreshDevices(bool wait = true);
+    // First step of termination: no event reaches the application any more, and the callbacks
+    // already running have returned (except one on the calling thread).
+    void StopDeliveries();
 
     OrqResult GetCameraList(OrqCameraInfo** list, int* count);
     OrqResult OpenSession(int cameraId, OrqSessionHandle* session);
@@ -58,6 +63,12 @@ private:
     std::map<int32_t, std::unique_ptr<Device>> devices;
     uint32_t nextId = 0;
     std::recursive_mutex lock;
+    // Serialises reconciliations, which start cameras outside the table's mutex. Recursive, as
+    // the events of a reconciliation are raised under it and a callback may list the cameras.
+    std::recursive_timed_mutex refreshLock;
+    // The camera being started by the reconciliation under way, so that termination can close
+    // it; guarded by lock.
+    Device* starting = nullptr;
     std::set<std::u16string> FailedPaths;
     std::atomic<bool> terminating{false};
 };

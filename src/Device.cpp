@@ -328,6 +328,14 @@ void Device::FailDevice(OrqResult code) {
     });
 }
 
+std::vector<std::function<void()>> Device::StopEvents() {
+    return {previewEvent.Stop(),           shootCompletedEvent.Stop(),
+            downloadCompletedEvent.Stop(), propertyListChangedEvent.Stop(),
+            propertyChangedEvent.Stop(),   zoomChangedEvent.Stop(),
+            zoomCompletedEvent.Stop(),     focusChangedEvent.Stop(),
+            cameraErrorEvent.Stop()};
+}
+
 OrqCameraInfo Device::CameraInfo(uint32_t publicId) const {
     OrqCameraInfo info{};
     info.id = publicId;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "Event.h"
 #include "Kernel/DeviceLL.h"
@@ -66,6 +67,9 @@ public:
     OrqResult FocusShiftCommand(int shift);
     OrqResult SetPreviewState(int state);
     bool PreviewState() const { return previewOn.load(); }
+
+    // Stops all nine events; the results wait for deliveries already running.
+    std::vector<std::function<void()>> StopEvents();
 
     // Events (subscriptions go through Subscribe on each).
     Event<OrqNotifyCallback> previewEvent;

@@ -3,10 +3,14 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Logger.h"
@@ -92,12 +96,13 @@ public:
             name = core->name;
         }
         for (auto& subscriber : list) {
-            bool present;
             {
                 std::lock_guard<std::recursive_mutex> guard(core->lock);
-                present = core->subscribers.count(subscriber.get()) != 0;
+                if (core->stopped) break;
+                if (!core->subscribers.count(subscriber.get())) continue;
+                core->delivering.insert(std::this_thread::get_id());
             }
-            if (!present) continue;
+            Delivering mark{core.get()};
             Deliver copy = deliver;
             copy(subscriber->callback, subscriber->context);
         }
@@ -110,6 +115,22 @@ public:
         }
     }
 
+    // No delivery starts from now on. The result waits for the deliveries already running on
+    // other threads; it may be called after the event is gone.
+    std::function<void()> Stop() {
+        {
+            std::lock_guard<std::recursive_mutex> guard(core->lock);
+            core->stopped = true;
+        }
+        std::shared_ptr<Core> held = core;
+        return [held] {
+            std::unique_lock<std::recursive_mutex> guard(held->lock);
+            auto self = std::this_thread::get_id();
+            held->idle.wait(
+                guard, [&] { return held->delivering.size() == held->delivering.count(self); });
+        };
+    }
+
     size_t SubscriberCount() const {
         std::lock_guard<std::recursive_mutex> guard(core->lock);
         return core->subscribers.size();
@@ -120,6 +141,19 @@ private:
         mutable std::recursive_mutex lock;
         std::map<Subscriber*, std::shared_ptr<Subscriber>> subscribers;
         std::string name = "<unknown>";
+        bool stopped = false;
+        // Threads inside a callback of this event, once per delivery.
+        std::multiset<std::thread::id> delivering;
+        std::condition_variable_any idle;
+    };
+    // Ends one delivery's entry, also when the callback throws.
+    struct Delivering {
+        Core* core;
+        ~Delivering() {
+            std::lock_guard<std::recursive_mutex> guard(core->lock);
+            core->delivering.erase(core->delivering.find(std::this_thread::get_id()));
+            core->idle.notify_all();
+        }
     };
     std::shared_ptr<Core> core;
 };

@@ -139,6 +139,8 @@ ORQ_API void OrqTerminateSDK(void) {
             ORQ_LOG(INF, "OrqTerminateSDK: CamMgr don't initialize");
             return 0;
         }
+        // Nothing the sweep frees may still be in a callback's hands.
+        current->StopDeliveries();
         memmgr::Sweep();
         manager = nullptr;
         delete current;

@@ -32,16 +32,16 @@ DeviceLL::DeviceLL(UsbLib* usb, const SDKConfig* sdkConfig, std::u16string devic
     : sdkConfig(sdkConfig), usb(usb), devicePath(std::move(devicePath)) {}
 
 DeviceLL::~DeviceLL() {
-    std::lock_guard<std::mutex> guard(ptpLock);
-    if (device) {
-        usb->CloseDevice(device);
-        device = nullptr;
-    }
+    // Every thread that transferred on the record has ended by now.
+    std::lock_guard<std::mutex> guard(closeLock);
+    usb->ReleaseDevice(device);
+    device = nullptr;
 }
 
 OrqResult DeviceLL::OpenCamera() {
     {
-        std::lock_guard<std::mutex> guard(ptpLock);
+        std::lock_guard<std::mutex> guard(closeLock);
+        if (forceClosed) return ORQ_ERROR;
         device = usb->OpenDevice(devicePath);
         if (!device) return usb->OpenDenied(devicePath) ? ORQ_NO_PERMISSION : ORQ_ERROR;
         deviceName = usb->GetDeviceName(device);
@@ -57,11 +57,13 @@ OrqResult DeviceLL::OpenCamera() {
 }
 
 void DeviceLL::ForceCloseUSB() {
-    std::lock_guard<std::mutex> guard(ptpLock);
+    // Not under ptpLock: that is held by the very transfer this is to fail. The record stays
+    // until destruction, so a transfer in flight keeps a valid handle and fails at once.
+    std::lock_guard<std::mutex> guard(closeLock);
+    forceClosed = true;
     if (device) {
         ORQ_LOG(DEB, "ForceCloseUSB");
         usb->CloseDevice(device);
-        device = nullptr;
     }
 }
 

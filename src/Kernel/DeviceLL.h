@@ -304,7 +304,13 @@ protected:
 
     // Identity and transport.
     UsbLib* usb;
+    // Set by OpenCamera before the main loop starts, released at destruction; between the two
+    // it is only closed, so readers need no lock.
     UsbDevice* device = nullptr;
+    // Orders ForceCloseUSB against OpenCamera, so that a camera closed while it was being
+    // opened stays closed.
+    std::mutex closeLock;
+    std::atomic<bool> forceClosed{false};
     std::u16string devicePath;
     std::u16string deviceName;
     CameraConfig config;

@@ -88,7 +88,7 @@ bool DeviceLL::PtpTransaction(uint16_t code, PtpParams params, int32_t direction
                               std::vector<uint32_t>* responseParams, uint64_t dataLimit) {
     std::lock_guard<std::mutex> guard(ptpLock);
     generalError = false;
-    if (!device) {
+    if (!device || forceClosed) {
         // Closed under us (the cable went, or the session is being torn down).
         ORQ_LOG(ERR, "PtpTransaction failed");
         ORQ_LOG(ERR, "PtpTransaction: device is closed");
@@ -300,12 +300,22 @@ OrqResult DeviceLL::PTPGetMode(uint32_t& mode) {
 }
 
 OrqResult DeviceLL::PTPWaitRecMode() {
+    // A camera left in play mode fails its start-up rather than hold up the others; it is
+    // tried again when it is plugged in again.
+    constexpr auto kPace = std::chrono::milliseconds(100);
+    constexpr auto kLimit = std::chrono::milliseconds(8000);
+    const auto deadline = std::chrono::steady_clock::now() + kLimit;
     while (true) {
         uint32_t mode = 0;
         OrqResult result = PTPGetMode(mode);
         if (result != ORQ_OK) return result;
         if (mode == 1) return ORQ_OK;
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (std::chrono::steady_clock::now() + kPace > deadline) {
+            ORQ_LOG(ERR, "Camera is not in record mode after %d ms",
+                    static_cast<int>(kLimit.count()));
+            return ORQ_ERROR;
+        }
+        std::this_thread::sleep_for(kPace);
     }
 }
 

@@ -313,12 +313,28 @@ public:
         return denied.count(path) != 0;
     }
 
+    void ReleaseDevice(UsbDevice* device) override {
+        if (!device) return;
+        std::unique_ptr<LibUsbDevice> released;
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            auto found = std::find_if(devices.begin(), devices.end(), [&](const auto& record) {
+                return record.get() == Record(device);
+            });
+            if (found == devices.end()) return;
+            released = std::move(*found);
+            devices.erase(found);
+        }
+        Close(*released);
+    }
+
     std::u16string GetDeviceName(UsbDevice* device) override {
         return device ? Record(device)->name : std::u16string();
     }
 
     bool UsbReadExactly(UsbBuffer buffer, UsbDevice* handle) override {
         LibUsbDevice* device = Record(handle);
+        ReadBudget budget(buffer.size);
         uint64_t received = 0;
         while (received < buffer.size) {
             uint64_t wanted = buffer.size - received;
@@ -343,12 +359,15 @@ public:
                     count = TakeSpill(*device, buffer.data + received, wanted);
                 }
             }
+            received += static_cast<uint64_t>(count);
+            if (error == 0 && received < buffer.size && !budget.Spend(count)) {
+                error = LIBUSB_ERROR_TIMEOUT;
+            }
             if (error != 0) {
                 ORQ_LOG(ERR, "UsbRead failed %d", error);
                 ORQ_LOG(ERR, "UsbReadExactly failed");
                 return false;
             }
-            received += static_cast<uint64_t>(count);
         }
         return true;
     }
@@ -560,7 +579,7 @@ private:
     std::condition_variable wake;
     bool changed = false;
     bool stopping = false;
-    // Records stay until the backend goes: callers may close a record twice.
+    // Records stay until released: callers may close a record twice.
     std::list<std::unique_ptr<LibUsbDevice>> devices;
     // Paths whose last open was refused for lack of permission.
     std::set<std::u16string> denied;

@@ -236,6 +236,21 @@ public:
         if (device) Close(*Record(device));
     }
 
+    void ReleaseDevice(UsbDevice* device) override {
+        if (!device) return;
+        std::unique_ptr<WinUsbDevice> released;
+        {
+            std::lock_guard<std::mutex> guard(devicesLock);
+            auto found = std::find_if(devices.begin(), devices.end(), [&](const auto& record) {
+                return record.get() == Record(device);
+            });
+            if (found == devices.end()) return;
+            released = std::move(*found);
+            devices.erase(found);
+        }
+        Close(*released);
+    }
+
     std::u16string GetDeviceName(UsbDevice* device) override {
         return device ? Record(device)->name : std::u16string();
     }
@@ -243,6 +258,7 @@ public:
     bool UsbReadExactly(UsbBuffer buffer, UsbDevice* handle) override {
         if (buffer.size == 0) return true;
         WinUsbDevice& device = *Record(handle);
+        ReadBudget budget(buffer.size);
         uint64_t received = 0;
         while (received < buffer.size) {
             ULONG wanted = static_cast<ULONG>(std::min<uint64_t>(buffer.size - received, MAXDWORD));
@@ -251,12 +267,18 @@ public:
                 return calls.readPipe(winusb, device.pipeIn, buffer.data + received, wanted, &count,
                                       nullptr);
             });
+            if (ok) {
+                received += std::min(count, wanted);
+                if (received < buffer.size && !budget.Spend(count)) {
+                    ok = false;
+                    SetLastError(ERROR_SEM_TIMEOUT);
+                }
+            }
             if (!ok) {
                 ORQ_LOG(ERR, "UsbRead failed %d", static_cast<int>(GetLastError()));
                 ORQ_LOG(ERR, "UsbReadExactly failed");
                 return false;
             }
-            received += std::min(count, wanted);
         }
         return true;
     }
