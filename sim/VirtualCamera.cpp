@@ -3,6 +3,7 @@
 #include "sim/VirtualCamera.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <thread>
 
@@ -88,7 +89,12 @@ void VirtualCamera::Answer::Fail(uint16_t rc) {
     params.clear();
 }
 
+namespace {
+std::atomic<int> alive{0};
+}
+
 VirtualCamera::VirtualCamera(CameraOptions options) : options(std::move(options)) {
+    ++alive;
     productString = this->options.productString.empty()
                         ? u"Orq Camera " +
                               std::u16string(this->options.model.begin(), this->options.model.end())
@@ -97,7 +103,13 @@ VirtualCamera::VirtualCamera(CameraOptions options) : options(std::move(options)
     InitialiseFromProfile();
 }
 
-VirtualCamera::~VirtualCamera() = default;
+VirtualCamera::~VirtualCamera() {
+    --alive;
+}
+
+int VirtualCamera::Alive() {
+    return alive.load();
+}
 
 std::u16string VirtualCamera::ProductString() const {
     return productString;

@@ -120,6 +120,8 @@ class VirtualCamera : public VirtualEndpoint, public std::enable_shared_from_thi
 public:
     explicit VirtualCamera(CameraOptions options = {});
     ~VirtualCamera() override;
+    // Cameras in existence, whoever holds them: what a host keeps after a camera has gone.
+    static int Alive();
 
     // --- VirtualEndpoint --------------------------------------------------------------------
     std::u16string ProductString() const override;

@@ -174,6 +174,14 @@ TEST_F(TransactionTest, ClosedDeviceSendsNothing) {
     EXPECT_TRUE(camera->Operations().empty());
 }
 
+TEST_F(TransactionTest, EndlessEmptyPacketsFailTheRead) {
+    Fault empty = Fault::Transfer(Fault::TransferShort, Pipe::In, 1, 0);
+    empty.times = -1;
+    camera->InjectFault(empty);
+    EXPECT_FALSE(Mode());
+    EXPECT_TRUE(InOrder(Log(), {"UsbRead failed -7", "UsbReadExactly failed"}));
+}
+
 // A declared length beyond what the operation can need fails before anything is allocated.
 TEST_F(TransactionTest, DeclaredDataLengthsAreBoundedBeforeAllocating) {
     camera->InjectFault(Fault::Operation(Fault::DataLength, PTP_OC_Vendor, -1, 0xFFFFFFFF));

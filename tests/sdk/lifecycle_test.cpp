@@ -1,3 +1,6 @@
+#include <algorithm>
+#include <thread>
+
 #include "sdk_fixture.h"
 
 using namespace orqtest;
@@ -76,4 +79,60 @@ TEST_F(SdkTest, TerminationSweepsWhatTheApplicationKept) {
     OrqFree(session);
     OrqFree(list);
     EXPECT_TRUE(recorder.cameraErrors.empty());
+}
+
+namespace {
+// Shows frames to a callback that reads each through its session, slowly.
+struct Viewer {
+    OrqSessionHandle session = nullptr;
+    std::atomic<int> inside{0};
+    static void OnFrame(void* self) {
+        auto* viewer = static_cast<Viewer*>(self);
+        ++viewer->inside;
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        void* frame = nullptr;
+        int size = 0;
+        if (OrqGetPreviewFrame(viewer->session, &frame, &size) == ORQ_OK) OrqFree(frame);
+        --viewer->inside;
+    }
+};
+}  // namespace
+
+TEST_F(SdkTest, TerminationWaitsForCallbacksButNotForHangingOrTricklingCameras) {
+    std::vector<OrqSimCamera> attached;
+    for (int i = 0; i < 9; ++i) attached.push_back(OrqSimAttachCamera("SX160"));
+    Start();
+    auto cameras = Cameras();
+    ASSERT_EQ(cameras.size(), 9u);
+    // Listed in path order; each camera's id by its path.
+    auto idOf = [&](OrqSimCamera camera) {
+        OrqChar path[256] = {};
+        OrqSimGetCameraPath(camera, path, 256);
+        for (const auto& info : cameras) {
+            if (std::equal(path, path + 256, info.path)) return info.id;
+        }
+        return 0u;
+    };
+    Viewer viewer;
+    viewer.session = Open(idOf(attached[0]));
+    OrqNewPreviewFrameSubscribe(viewer.session, Viewer::OnFrame, &viewer);
+    OrqSetPreviewState(viewer.session, 1);
+    // Eight cameras are in the middle of a read that stalls, or that gets a byte at a time.
+    for (size_t i = 1; i < attached.size(); ++i) {
+        OrqSimFault fault{};
+        fault.kind = i % 2 ? ORQSIM_TRANSFER_STALL : ORQSIM_TRANSFER_SHORT;
+        fault.pipe = ORQSIM_BULK_IN;
+        fault.times = -1;
+        fault.value = 1;
+        OrqSimInjectFault(attached[i], &fault);
+        if (i % 2 == 0) OrqSimSetLatency(attached[i], 20000, 0);
+        OrqUpdateAEAF(Open(idOf(attached[i])));
+    }
+    ASSERT_TRUE(WaitFor([&] { return viewer.inside > 0; }));
+    OrqFree(manager);
+    manager = nullptr;  // sessions and subscriptions are left for the sweep
+    auto start = std::chrono::steady_clock::now();
+    OrqTerminateSDK();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_EQ(viewer.inside, 0);
 }

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "sdk_fixture.h"
+#include "sim/VirtualCamera.h"
 
 using namespace orqtest;
 
@@ -99,13 +100,51 @@ TEST_F(SdkTest, SessionsClaimARowAndKeepItAfterUnplug) {
     EXPECT_EQ(recorder.cameraErrors[0], ORQ_DISCONNECTED);
     EXPECT_EQ(OrqShoot(session), ORQ_DISCONNECTED);
 
-    // Same path back while the session is open: no new camera.
+    // Same path back while the session is open: no new camera until the session is freed;
+    // then the old row goes and the path starts as a new camera.
     OrqSimReattachCamera(camera);
     EXPECT_EQ(Cameras().size(), 1u);
     OrqFree(errors);
     OrqFree(session);
-    OrqSimDetachCamera(camera);
+    ASSERT_TRUE(WaitFor([&] {
+        auto now = Cameras();
+        return now.size() == 1 && now[0].id != cameras[0].id;
+    }));
+    OrqFree(Open(Cameras()[0].id));
+    // Once the camera is gone for good, nothing of it is kept.
+    OrqSimRemoveCamera(camera);
     EXPECT_TRUE(WaitFor([&] { return Cameras().empty(); }));
+    EXPECT_TRUE(WaitFor([] { return orqsim::VirtualCamera::Alive() == 0; }));
+}
+
+TEST_F(SdkTest, ACameraLeftInPlayModeHoldsUpNoOtherCallAndFailsInTheEnd) {
+    OrqSimAttachCamera("SX160");
+    OrqSimCamera playing = OrqSimAttachCamera("G15");
+    OrqSimDetachCamera(playing);
+    OrqSimSetCameraMode(playing, 0);
+    Start();
+    Recorder recorder;
+    OrqSubscription errors =
+        OrqCameraInitializationErrorSubscribe(manager, Recorder::OnInitError, &recorder);
+    OrqSessionHandle session = Open(Cameras().at(0).id);
+    OrqSimReattachCamera(playing);
+    ASSERT_TRUE(WaitFor([&] { return OrqSimCountOperations(playing, 0x9999, 150) > 2; }));
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Cameras().size(), 1u);
+    int value = -1;
+    EXPECT_EQ(OrqGetPropertyData(session, 0, &value), ORQ_OK);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            std::lock_guard<std::mutex> guard(recorder.lock);
+            return !recorder.initErrors.empty();
+        },
+        12000));
+    EXPECT_EQ(recorder.initErrors.at(0), ORQ_ERROR);
+    EXPECT_LT(OrqSimCountOperations(playing, 0x9999, 150), 120) << "asked at a pace";
+    EXPECT_EQ(Cameras().size(), 1u);
+    OrqFree(errors);
+    OrqFree(session);
 }
 
 // Start-up clears img_ numbers from 10 up off the card, but only behind a copy on the host that

@@ -196,6 +196,11 @@ TEST_F(UsbTransferTest, FailuresAreLoggedWithLibusbNumbers) {
     EXPECT_FALSE(Read(device, buffer));
     EXPECT_TRUE(log.Has("UsbRead failed -9"));
     EXPECT_TRUE(log.Has("UsbReadExactly failed"));
+    // A run of empty packets ends the read rather than holding it for ever.
+    for (int i = 0; i < 8; ++i) endpoint->QueueIn({});
+    endpoint->QueueIn(Pattern(12, 9));
+    Bytes header(12);
+    EXPECT_FALSE(Read(device, header));
     endpoint->SetOut(orqsim::TransferResult::Ok, 60);
     EXPECT_FALSE(Write(device, Pattern(100, 6)));
     EXPECT_TRUE(log.Has("usb write missmath bytes count: 100 60"));
