@@ -148,7 +148,9 @@ void Device::MainLoop() {
         bool frameDue = now - lastPreview > frameInterval;
         bool pollDue = now - lastPoll > kPollIntervalMs;
 
-        if (contProc && contProcDue - now <= 0) {
+        // Once the object is being destroyed, an operation's pause is cut short: its next step
+        // meets the closed link and ends, rather than hold up the halt behind it.
+        if (contProc && (contProcDue - now <= 0 || halting)) {
             milliseconds delay(0);
             OrqResult stepResult = ORQ_OK;
             bool again = false;
@@ -198,7 +200,7 @@ void Device::MainLoop() {
         std::unique_lock<std::mutex> guard(queueLock);
         if (contProc) {
             // Messages wait for the operation; only its step or a frame may wake the loop.
-            queueCondition.wait_for(guard, milliseconds(wait), [] { return false; });
+            queueCondition.wait_for(guard, milliseconds(wait), [this] { return halting.load(); });
         } else {
             queueCondition.wait_for(guard, milliseconds(wait), [this] { return !queue.empty(); });
         }
