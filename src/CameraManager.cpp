@@ -9,6 +9,31 @@
 
 namespace orq {
 
+namespace {
+// How long a reconciliation waits for one under way on another thread: longer than a camera's
+// start-up, whose every step is bounded.
+constexpr std::chrono::milliseconds kRefreshWait(60000);
+}  // namespace
+
+bool CameraManager::RefreshGate::Enter(std::chrono::milliseconds wait) {
+    std::unique_lock<std::mutex> guard(lock);
+    auto self = std::this_thread::get_id();
+    if (depth == 0 || owner != self) {
+        if (!free.wait_for(guard, wait, [this] { return depth == 0; })) return false;
+        owner = self;
+    }
+    ++depth;
+    return true;
+}
+
+void CameraManager::RefreshGate::Leave() {
+    std::lock_guard<std::mutex> guard(lock);
+    if (--depth == 0) {
+        owner = std::thread::id();
+        free.notify_all();
+    }
+}
+
 CameraManager::CameraManager() {
     connectionEvent.SetName("dev connection state");
     initErrorEvent.SetName("camera init error");
@@ -35,13 +60,15 @@ CameraManager::~CameraManager() {
         if (starting) starting->ForceCloseUSB();
     }
     // A reconciliation under way ends quickly now; wait for it, as it uses the transport.
-    std::lock_guard<std::recursive_timed_mutex> refreshing(refreshLock);
+    bool entered = refreshGate.Enter(kRefreshWait);
+    if (!entered) ORQ_LOG(ERR, "RefreshDevices: another refresh did not end");
     std::map<int32_t, std::unique_ptr<Device>> gone;
     {
         std::lock_guard<std::recursive_mutex> guard(lock);
         gone.swap(devices);
     }
     gone.clear();
+    if (entered) refreshGate.Leave();
     usb.reset();
 }
 
@@ -62,18 +89,15 @@ void CameraManager::OnDeviceChange() {
     RefreshDevices();
 }
 
-namespace {
-// How long a reconciliation waits for one under way on another thread: longer than a camera's
-// start-up, whose every step is bounded.
-constexpr std::chrono::seconds kRefreshWait(60);
-}  // namespace
-
 void CameraManager::RefreshDevices(bool wait) {
-    std::unique_lock<std::recursive_timed_mutex> refreshing(refreshLock, std::defer_lock);
-    if (wait ? !refreshing.try_lock_for(kRefreshWait) : !refreshing.try_lock()) {
+    if (!refreshGate.Enter(wait ? kRefreshWait : std::chrono::milliseconds(0))) {
         if (wait) ORQ_LOG(ERR, "RefreshDevices: another refresh did not end");
         return;
     }
+    struct Leave {
+        RefreshGate& gate;
+        ~Leave() { gate.Leave(); }
+    } leave{refreshGate};
     if (terminating) return;
     std::vector<ChangeRecord> changes;
     std::vector<std::unique_ptr<Device>> deleted;

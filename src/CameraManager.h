@@ -3,11 +3,14 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Device.h"
@@ -63,9 +66,21 @@ private:
     std::map<int32_t, std::unique_ptr<Device>> devices;
     uint32_t nextId = 0;
     std::recursive_mutex lock;
-    // Serialises reconciliations, which start cameras outside the table's mutex. Recursive, as
-    // the events of a reconciliation are raised under it and a callback may list the cameras.
-    std::recursive_timed_mutex refreshLock;
+    // Serialises reconciliations, which start cameras outside the table's mutex. Re-entrant, as
+    // the events of a reconciliation are raised inside it and a callback may list the cameras.
+    // (Not a timed mutex: the thread sanitizer cannot follow its timed lock.)
+    class RefreshGate {
+    public:
+        bool Enter(std::chrono::milliseconds wait);
+        void Leave();
+
+    private:
+        std::mutex lock;
+        std::condition_variable free;
+        std::thread::id owner;
+        int depth = 0;
+    };
+    RefreshGate refreshGate;
     // The camera being started by the reconciliation under way, so that termination can close
     // it; guarded by lock.
     Device* starting = nullptr;
