@@ -34,7 +34,7 @@ DeviceLL::DeviceLL(UsbLib* usb, const SDKConfig* sdkConfig, std::u16string devic
 DeviceLL::~DeviceLL() {
     // Every thread that transferred on the record has ended by now.
     std::lock_guard<std::mutex> guard(closeLock);
-    usb->ReleaseDevice(device);
+    if (device) usb->ReleaseDevice(device);
     device = nullptr;
 }
 
