@@ -132,7 +132,8 @@ bool DeviceLL::KeepVerifiedCopy(const OrqFileInfo& file) {
         folder += separator + level;
         if (!platform::MakeFolder(folder)) return false;
     }
-    std::u16string name(file.name, std::char_traits<char16_t>::length(file.name));
+    std::u16string name;
+    for (size_t i = 0; i < 128 && file.name[i]; ++i) name += static_cast<char16_t>(file.name[i]);
     // An earlier clean-up's copy of the same name is never replaced.
     std::u16string candidate = name, path;
     for (int n = 1;; ++n) {
