@@ -23,6 +23,7 @@ from ._errors import (
     Disconnected,
     NotReady,
     OldModule,
+    NoPermission,
     OrqError,
     PropertyConstraint,
     Result,
@@ -63,6 +64,7 @@ __all__ = [
     "Disconnected",
     "SecondProcess",
     "OldModule",
+    "NoPermission",
 ]
 
 __version__ = "1.1.0.4"

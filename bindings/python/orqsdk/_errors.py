@@ -20,6 +20,7 @@ class Result(enum.IntEnum):
     DISCONNECTED = 9
     SECOND_PROCESS = 10
     OLD_MODULE = 13
+    NO_PERMISSION = 14
 
     @property
     def c_name(self) -> str:
@@ -84,6 +85,10 @@ class OldModule(OrqError):
     """The module on the camera is older than the SDK requires."""
 
 
+class NoPermission(OrqError):
+    """The camera cannot be opened for lack of permission (install the SDK's udev rule)."""
+
+
 class ClosedError(OrqError):
     """The session or SDK object was closed; the SDK answers a closed session with ERROR too."""
 
@@ -101,6 +106,7 @@ _BY_RESULT: Dict[int, Type[OrqError]] = {
     Result.DISCONNECTED: Disconnected,
     Result.SECOND_PROCESS: SecondProcess,
     Result.OLD_MODULE: OldModule,
+    Result.NO_PERMISSION: NoPermission,
 }
 
 
