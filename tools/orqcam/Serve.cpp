@@ -25,7 +25,9 @@ namespace {
 constexpr int kPort = 8080;
 constexpr size_t kMaxBody = 4096;
 
-volatile std::sig_atomic_t signalled = 0;
+// Read by the thread that stops the server; a lock-free atomic may be written from a handler.
+std::atomic<int> signalled{0};
+static_assert(std::atomic<int>::is_always_lock_free, "signal handlers need a lock-free flag");
 
 extern "C" void OnSignal(int) {
     signalled = 1;
