@@ -213,7 +213,7 @@ private:
 
 // A device of class D on a fresh virtual camera, driven from the test's thread alone.
 template <class D = orq::DeviceLL>
-struct Rig : orq::IUsbLib_Notify {
+struct Rig {
     // Opens a session; `prepare` sets the camera up before the properties load. Answers what
     // the loading answered.
     OrqResult Open(const orqsim::CameraOptions& options = {}, bool load = true,
@@ -224,7 +224,7 @@ struct Rig : orq::IUsbLib_Notify {
         camera = std::make_shared<orqsim::VirtualCamera>(options);
         if (!camera->PlugIn(path)) return ORQ_ERROR;
         camera->SetStallLimit(60);  // stalls cost little
-        usb = orqsim::CreateVirtualUsbLib(this);
+        usb = orqsim::CreateVirtualUsbLib(&quiet);
         device = std::make_unique<D>(usb.get(), &config, path);
         if (device->OpenCamera() != ORQ_OK || device->PTPOpenSession() != ORQ_OK) return ORQ_ERROR;
         if (prepare) prepare(*camera);
@@ -233,11 +233,11 @@ struct Rig : orq::IUsbLib_Notify {
         camera->ClearOperations();
         return loaded;
     }
-    ~Rig() override {
+    ~Rig() {
         device.reset();
+        usb.reset();
         if (camera) camera->Unplug();
     }
-    void OnDeviceChange() override {}
 
     // Forgets the camera's operations and the log so far.
     void Mark() {
@@ -268,6 +268,11 @@ struct Rig : orq::IUsbLib_Notify {
         camera->InjectFault(fault);
     }
 
+    // Plug changes are not followed; a member, so that the transport's thread never calls
+    // through this object's vtable while a derived fixture is destroyed.
+    struct Quiet : orq::IUsbLib_Notify {
+        void OnDeviceChange() override {}
+    } quiet;
     std::shared_ptr<orqsim::VirtualCamera> camera;
     orq::SDKConfig config;
     std::unique_ptr<orq::UsbLib> usb;
