@@ -6,6 +6,7 @@ import atexit
 import ctypes
 import logging
 import threading
+import time
 import weakref
 from dataclasses import dataclass
 from typing import TYPE_CHECKING, Callable, List, Optional, Set
@@ -191,11 +192,18 @@ class SDK:
         finally:
             self._free(pointer.value)
 
-    def camera(self, model: Optional[str] = None) -> Camera:
-        """The first camera (of that model, if given); raises :class:`DeviceNotReady` if none."""
-        for camera in self.cameras():
-            if model is None or camera.model == model:
-                return camera
+    def camera(self, model: Optional[str] = None, timeout: float = 5.0) -> Camera:
+        """The first camera (of that model, if given), waiting up to ``timeout`` seconds for one
+        to be attached, since a camera plugged in is listed only once the SDK has enumerated it;
+        raises :class:`DeviceNotReady` if none came."""
+        deadline = time.monotonic() + max(timeout, 0.0)
+        while True:
+            for camera in self.cameras():
+                if model is None or camera.model == model:
+                    return camera
+            if time.monotonic() >= deadline:
+                break
+            time.sleep(0.02)
         raise error_for(Result.DEVICE_NOT_READY, f"no camera{' ' + model if model else ''} attached")
 
     def _open_session(self, camera: Camera) -> "Session":
