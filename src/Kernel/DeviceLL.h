@@ -167,6 +167,8 @@ public:
                              std::vector<uint32_t>* responseParams,
                              uint64_t dataLimit = kDataLimit);
     bool PtpReadContainer(uint8_t (&response)[512]);
+    // The data phase's size bytes into payload, which grows as they arrive (see the .cpp).
+    bool ReadDataPhase(std::unique_ptr<uint8_t[]>& payload, uint64_t size);
 
     // --- Standard operations ----------------------------------------------------------------
     OrqResult PTPOpenSession();

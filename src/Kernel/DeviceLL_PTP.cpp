@@ -1,5 +1,6 @@
 // The camera link: PTP transactions on the two bulk pipes, the standard and vendor operations
 // built on them, and the polled camera events.
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <new>
@@ -60,6 +61,35 @@ bool RunSimple(DeviceLL& link, Simple op, PtpParams rest = {}) {
 
 // ---------------------------------------------------------------------------------------------
 // Transactions
+
+// The declared length is the camera's word; only the bytes it sends are worth memory. The buffer
+// starts at 1 MiB at most and doubles as they arrive, so a camera that declares 32 MiB and sends
+// a few bytes costs what it sent (or 1 MiB), never the 32 MiB.
+bool DeviceLL::ReadDataPhase(std::unique_ptr<uint8_t[]>& payload, uint64_t size) {
+    constexpr uint64_t kFirstStep = 1 << 20;
+    uint64_t capacity = std::min(size, kFirstStep);
+    uint64_t received = 0;
+    do {
+        // new may fail on an absurd length: that fails the transaction, it does not throw.
+        std::unique_ptr<uint8_t[]> grown(new (std::nothrow) uint8_t[capacity ? capacity : 1]);
+        if (!grown) {
+            ORQ_LOG(ERR, "PtpTransaction failed");
+            ORQ_LOG(ERR, "GETDATA failed: can't allocate %llu bytes",
+                    static_cast<unsigned long long>(capacity));
+            return false;
+        }
+        if (received) std::memcpy(grown.get(), payload.get(), received);
+        payload = std::move(grown);
+        if (!usb->UsbReadExactly({payload.get() + received, capacity - received}, device)) {
+            ORQ_LOG(ERR, "PtpTransaction failed");
+            ORQ_LOG(ERR, "GETDATA failed: tail data stage");
+            return false;
+        }
+        received = capacity;
+        capacity = std::min(size, capacity * 2);
+    } while (received < size);
+    return true;
+}
 
 bool DeviceLL::PtpReadContainer(uint8_t (&response)[512]) {
     std::memset(response, 0, sizeof response);
@@ -155,19 +185,8 @@ bool DeviceLL::PtpTransaction(uint16_t code, PtpParams params, int32_t direction
                     static_cast<unsigned long long>(dataLimit));
             return false;
         }
-        // The length comes from the device: an absurd one must fail here, not throw.
-        payload.reset(new (std::nothrow) uint8_t[payloadSize ? payloadSize : 1]);
-        if (!payload) {
+        if (!ReadDataPhase(payload, payloadSize)) {
             generalError = false;
-            ORQ_LOG(ERR, "PtpTransaction failed");
-            ORQ_LOG(ERR, "GETDATA failed: can't allocate %llu bytes",
-                    static_cast<unsigned long long>(payloadSize));
-            return false;
-        }
-        if (!usb->UsbReadExactly({payload.get(), payloadSize}, device)) {
-            generalError = false;
-            ORQ_LOG(ERR, "PtpTransaction failed");
-            ORQ_LOG(ERR, "GETDATA failed: tail data stage");
             return false;
         }
         // That container was the response: there is no other to read.

@@ -49,11 +49,7 @@ public:
             buffer.size < size - offset ? static_cast<size_t>(buffer.size) : size - offset;
         if (count) std::memcpy(buffer.data, data + offset, count);
         offset += count;
-        const bool dataHeader = commandSent && buffer.size == 12;
-        commandSent = false;
-        if (count != buffer.size) return false;
-        if (dataHeader) CapDeclaredLength(buffer.data);
-        return true;
+        return count == buffer.size;
     }
 
     bool UsbWrite(UsbBuffer buffer, UsbDevice* device) override {
@@ -63,7 +59,6 @@ public:
         const uint8_t* p = buffer.data;
         const uint32_t length = p[0] | p[1] << 8 | p[2] << 16 | uint32_t(p[3]) << 24;
         if (length != buffer.size || p[4] != 1 || p[5] != 0) std::abort();
-        commandSent = true;
         return true;
     }
 
@@ -76,17 +71,6 @@ public:
     void Wait(std::chrono::milliseconds delay) override { orqfuzz::AdvanceVirtualTime(delay); }
 
 private:
-    // TEMPORARY, until the link caps the lengths a camera declares before it allocates: a data
-    // container that declares more than the input still holds declares one byte more than that.
-    // The read fails just the same, without a useless allocation of up to 4 GiB each time.
-    void CapDeclaredLength(uint8_t* header) const {
-        const uint32_t length =
-            header[0] | header[1] << 8 | header[2] << 16 | uint32_t(header[3]) << 24;
-        const uint64_t most = 12 + uint64_t(size - offset) + 1;
-        if (length <= most) return;
-        for (int i = 0; i < 4; ++i) header[i] = static_cast<uint8_t>(most >> (8 * i));
-    }
-
     UsbDevice* Handle() { return reinterpret_cast<UsbDevice*>(this); }
 
     std::u16string name;
@@ -95,7 +79,6 @@ private:
     size_t offset = 0;
     bool opened = false;
     bool closed = false;
-    bool commandSent = false;  // the next read is the first of a transaction
 };
 
 std::u16string downloadPath;
