@@ -1,6 +1,7 @@
 #include "Logger.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdarg>
 #include <cstddef>
@@ -30,6 +31,8 @@ struct Logger {
     bool echo = false;
 };
 
+std::atomic<LogSink> logSink{nullptr};
+
 const char* LevelTag(int32_t level) {
     switch (level) {
         case INF:
@@ -48,6 +51,10 @@ void Output(Logger& logger, uint32_t log, char* text, size_t size) {
     platform::DebuggerOutput(text);
     platform::DebuggerOutput("\n");
     if (logger.echo) std::printf("%s\n", text);
+    if (LogSink sink = logSink.load(std::memory_order_relaxed)) {
+        sink(log, text, size);
+        return;
+    }
     text[size] = '\n';
     platform::AppendToFile(log == LOG_API ? logger.apiPathUtf8 : logger.mainPathUtf8, text,
                            size + 1);
@@ -321,6 +328,10 @@ void TrimLogFile(const std::u16string& path, uint64_t maxBytes) {
         std::fputc('\n', file);
     }
     std::fclose(file);
+}
+
+void SetLogSink(LogSink sink) {
+    logSink.store(sink, std::memory_order_relaxed);
 }
 
 std::u16string MainLogPath() {

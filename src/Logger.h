@@ -28,6 +28,11 @@ std::string SourceName(const char* path);
 // Keeps the newest whole lines of a log so that their text stays within maxBytes.
 void TrimLogFile(const std::u16string& path, uint64_t maxBytes = 0x100000);
 
+// Where finished lines go in place of the two files; null (the default) writes the files. A
+// harness that wants every line formatted but none on disk sets one.
+using LogSink = void (*)(uint32_t log, const char* line, size_t size);
+void SetLogSink(LogSink sink);
+
 // Full paths of the two logs (valid after the first LogWrite or LogPaths call).
 std::u16string MainLogPath();
 std::u16string ApiLogPath();

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "Logger.h"
 #include "camera_session.h"
 #include "models/CameraConfig.h"
 #include "virtual_clock.h"
@@ -93,6 +94,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     // Log lines are formatted but go nowhere, unless ORQ_FUZZ_LOG names a folder for them.
     const char* logFolder = std::getenv("ORQ_FUZZ_LOG");
     setenv("XDG_STATE_HOME", logFolder ? logFolder : "/dev/null/orq-fuzz", 1);
+    if (!logFolder) orq::SetLogSink([](uint32_t, const char*, size_t) {});
 
     const char* tmp = std::getenv("TMPDIR");
     std::string folder = std::string(tmp && *tmp ? tmp : "/tmp") + "/orq-fuzz-XXXXXX";
