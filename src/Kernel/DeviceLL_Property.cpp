@@ -132,8 +132,13 @@ bool DeviceLL::IsValueAvailable(int id, int value) {
 
 std::vector<std::pair<int, int>> DeviceLL::BuildAvailableValues() {
     std::lock_guard<std::recursive_mutex> guard(propertyLock);
+    // Built on every poll: sized once, and a property whose mode rules it out skipped whole.
+    size_t count = 0;
+    for (const auto& item : config.properties) count += item.second.values.size();
     std::vector<std::pair<int, int>> available;
+    available.reserve(count);
     for (const auto& [id, entry] : config.properties) {
+        if (entry.values.empty() || !IsPropertyAvailable(id)) continue;
         for (const PropertyValue& record : entry.values) {
             if (IsValueAvailable(id, record.value)) available.emplace_back(id, record.value);
         }
