@@ -40,6 +40,8 @@ public:
         if (device == Handle()) closed = true;
     }
 
+    void ReleaseDevice(UsbDevice* device) override { CloseDevice(device); }
+
     std::u16string GetDeviceName(UsbDevice* device) override {
         return device == Handle() ? name : std::u16string();
     }

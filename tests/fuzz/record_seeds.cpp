@@ -33,6 +33,7 @@ public:
     }
     UsbDevice* OpenDevice(std::u16string path) override { return inner->OpenDevice(path); }
     void CloseDevice(UsbDevice* device) override { inner->CloseDevice(device); }
+    void ReleaseDevice(UsbDevice* device) override { inner->ReleaseDevice(device); }
     std::u16string GetDeviceName(UsbDevice* device) override {
         return inner->GetDeviceName(device);
     }
