@@ -122,10 +122,6 @@ TEST_F(CaptureApi, CameraFileNamesStayInsideTheTemporaryFolder) {
     // The list shows the names as the camera gave them; the log escapes them.
     EXPECT_NE(std::find(names.begin(), names.end(), "../escape.jpg"), names.end());
     EXPECT_EQ(Logged("Download file: file name refused: bell\\x07.jpg"), 1);
-    int refusals = 0;
-    for (const auto& line : MessagesSince(logStart))
-        refusals += line.rfind("Download file: file name refused: ", 0) == 0;
-    EXPECT_EQ(refusals, static_cast<int>(std::size(refused)));
     for (int32_t id : ids) EXPECT_TRUE(camera->FileBytes(static_cast<uint32_t>(id)));
 
     ASSERT_EQ(OrqDownloadFile(session, plain, 0), ORQ_OK);
