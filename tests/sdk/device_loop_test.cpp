@@ -1,5 +1,5 @@
 #include "Device.h"
-#include "sdk_fixture.h"
+#include "tests/support/support.h"
 
 using namespace orqtest;
 
@@ -21,7 +21,6 @@ protected:
         SdkTest::TearDown();
     }
     OrqSimCamera camera = 0;
-    OrqSessionHandle session = nullptr;
     OrqSubscription errors = nullptr;
     Recorder recorder;
 };
@@ -30,16 +29,17 @@ protected:
 
 TEST_F(DeviceLoopTest, ZoomRequestsQueuedBehindAnOperationCollapse) {
     StartWith("SX160");
-    size_t start = MainLogSize();
+    size_t start = LogSize();
     OrqSimClearOperations(camera);
     ASSERT_EQ(OrqUpdateAEAF(session), ORQ_OK);  // holds the loop for a second
     ASSERT_TRUE(WaitFor([&] { return OrqSimCountOperations(camera, 0x9999, 148) == 1; }));
     EXPECT_EQ(OrqSetZoom(session, 1), ORQ_OK);
     EXPECT_EQ(OrqSetZoom(session, 2), ORQ_OK);
     EXPECT_EQ(OrqSetZoom(session, 3), ORQ_OK);
-    ASSERT_TRUE(WaitFor(
-        [&] { return CountContaining(MainLogSince(start), "Main loop: set zoom (next) 3") == 1; }));
-    auto lines = MainLogSince(start);
+    ASSERT_TRUE(WaitFor([&] {
+        return CountContaining(LogLinesSince(start), "Main loop: set zoom (next) 3") == 1;
+    }));
+    auto lines = LogLinesSince(start);
     EXPECT_EQ(CountContaining(lines, "Main loop: set zoom 1"), 1);
     EXPECT_EQ(CountContaining(lines, "Main loop: set zoom (next) 2"), 1);
     EXPECT_EQ(CountContaining(lines, "Main loop: set zoom 2"), 0);
@@ -49,7 +49,7 @@ TEST_F(DeviceLoopTest, ZoomRequestsQueuedBehindAnOperationCollapse) {
 TEST_F(DeviceLoopTest, LowBatteryEndsTheLoopWithoutWaiting) {
     StartWith("SX160");
     OrqSimSetBattery(camera, 3000, 4200, 3400);  // below minimum + 20 %
-    ASSERT_TRUE(WaitFor([&] { return recorder.CameraErrors() == 1; }, 4000));
+    ASSERT_TRUE(recorder.Await(recorder.cameraErrors, 1, 4000));
     EXPECT_EQ(recorder.cameraErrors[0], ORQ_BATTERY_LOW);
     EXPECT_EQ(OrqShoot(session), ORQ_BATTERY_LOW);
     // Calls that run no check still answer.
@@ -66,7 +66,7 @@ TEST_F(DeviceLoopTest, AFailedPollOnAConnectedCameraKeepsItsCode) {
     fault.value = 0x2005;
     ASSERT_EQ(OrqSimInjectFault(camera, &fault), ORQ_OK);
     // The loop waits up to 8 s for a removal before it reports.
-    ASSERT_TRUE(WaitFor([&] { return recorder.CameraErrors() == 1; }, 14000));
+    ASSERT_TRUE(recorder.Await(recorder.cameraErrors, 1, 14000));
     EXPECT_EQ(recorder.cameraErrors[0], ORQ_ERROR);
     int value;
     EXPECT_EQ(OrqGetPropertyData(session, 0, &value), ORQ_ERROR);
@@ -75,7 +75,7 @@ TEST_F(DeviceLoopTest, AFailedPollOnAConnectedCameraKeepsItsCode) {
 TEST_F(DeviceLoopTest, UnsupportedModeTurnedAtRunTimeEndsTheLoop) {
     StartWith("SX160");
     OrqSimSetModeWheel(camera, 0x7FFF);
-    ASSERT_TRUE(WaitFor([&] { return recorder.CameraErrors() == 1; }, 14000));
+    ASSERT_TRUE(recorder.Await(recorder.cameraErrors, 1, 14000));
     EXPECT_EQ(recorder.cameraErrors[0], ORQ_ERROR);
 }
 

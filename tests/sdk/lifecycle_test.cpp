@@ -1,14 +1,14 @@
 #include <algorithm>
 #include <thread>
 
-#include "sdk_fixture.h"
+#include "tests/support/support.h"
 
 using namespace orqtest;
 
 TEST_F(SdkTest, StartStopAndStartAgain) {
-    size_t start = MainLogSize();
+    size_t start = LogSize();
     OrqTerminateSDK();
-    auto lines = MainLogSince(start);
+    auto lines = LogLinesSince(start);
     EXPECT_EQ(CountContaining(lines, "Terminate SDK"), 1);
     EXPECT_EQ(CountContaining(lines, "OrqTerminateSDK: CamMgr don't initialize"), 1);
 
@@ -18,7 +18,7 @@ TEST_F(SdkTest, StartStopAndStartAgain) {
     OrqFree(manager);
     manager = nullptr;
     OrqTerminateSDK();
-    lines = MainLogSince(start);
+    lines = LogLinesSince(start);
     EXPECT_EQ(CountContaining(lines, "Initilize SDK: 64 bit ver"), 1);
     EXPECT_EQ(CountContaining(lines, "CamMgr deleted"), 1);
 
@@ -46,7 +46,7 @@ TEST_F(SdkTest, NullAndStaleSessionsAreRefused) {
     Start();
     auto cameras = Cameras();
     ASSERT_EQ(cameras.size(), 1u);
-    OrqSessionHandle session = Open(cameras[0].id);
+    session = Open(cameras[0].id);
     EXPECT_EQ(OrqIsVideoSupported(session), 1);
     int state = -1;
     EXPECT_EQ(OrqSetPreviewState(session, 2), ORQ_OK);
@@ -64,15 +64,15 @@ TEST_F(SdkTest, TerminationSweepsWhatTheApplicationKept) {
     auto cameras = Cameras();
     ASSERT_EQ(cameras.size(), 1u);
     Recorder recorder;
-    OrqSessionHandle session = Open(cameras[0].id);
+    session = Open(cameras[0].id);
     OrqCameraErrorSubscribe(session, Recorder::OnCameraError, &recorder);
     OrqCameraInfo* list = nullptr;
     int count = 0;
     OrqGetCameraList(manager, &list, &count);
-    size_t start = MainLogSize();
+    size_t start = LogSize();
     manager = nullptr;  // left for the sweep, with the session, subscription and list
     OrqTerminateSDK();
-    auto lines = MainLogSince(start);
+    auto lines = LogLinesSince(start);
     EXPECT_EQ(CountContaining(lines, "active free func:"), 4);
     EXPECT_EQ(CountContaining(lines, "Delete Event object with active subscribers!"), 0);
     // Late releases after the sweep must be harmless.

@@ -4,8 +4,8 @@
 #include <iterator>
 #include <string>
 
-#include "sdk_fixture.h"
 #include "sim/VirtualCamera.h"
+#include "tests/support/support.h"
 
 using namespace orqtest;
 
@@ -24,7 +24,7 @@ TEST_F(SdkTest, CamerasPresentAtStartAreListedWithoutEvents) {
     ASSERT_EQ(cameras.size(), 2u);
     EXPECT_EQ(cameras[0].id, 1u ^ kIdPattern);
     EXPECT_EQ(cameras[1].id, 2u ^ kIdPattern);
-    EXPECT_EQ(recorder.Changes(), 0u);
+    EXPECT_EQ(recorder.Size(recorder.cameraChanges), 0u);
     OrqFree(subscription);
 }
 
@@ -34,10 +34,10 @@ TEST_F(SdkTest, HotPlugRaisesOneChangePerCamera) {
     OrqSubscription subscription =
         OrqCameraListChangedSubscribe(manager, Recorder::OnCameraList, &recorder);
     OrqSimCamera camera = OrqSimAttachCamera("SX150");
-    ASSERT_TRUE(WaitFor([&] { return recorder.Changes() == 1; }));
+    ASSERT_TRUE(recorder.Await(recorder.cameraChanges, 1));
     EXPECT_EQ(recorder.cameraChanges[0].second, 0);
     OrqSimDetachCamera(camera);
-    ASSERT_TRUE(WaitFor([&] { return recorder.Changes() == 2; }));
+    ASSERT_TRUE(recorder.Await(recorder.cameraChanges, 2));
     EXPECT_EQ(recorder.cameraChanges[1], std::make_pair(recorder.cameraChanges[0].first, 1));
     EXPECT_TRUE(Cameras().empty());
     OrqFree(subscription);
@@ -49,24 +49,15 @@ TEST_F(SdkTest, FailedStartUpIsReportedOnceUntilReplugged) {
     OrqSubscription errors =
         OrqCameraInitializationErrorSubscribe(manager, Recorder::OnInitError, &recorder);
     OrqSimCamera unknown = OrqSimAttachCamera("XZ999");
-    ASSERT_TRUE(WaitFor([&] {
-        std::lock_guard<std::mutex> guard(recorder.lock);
-        return recorder.initErrors.size() == 1;
-    }));
+    ASSERT_TRUE(recorder.Await(recorder.initErrors, 1));
     EXPECT_EQ(recorder.initErrors[0], ORQ_ERROR);
     EXPECT_TRUE(Cameras().empty());
     EXPECT_TRUE(Cameras().empty());
-    {
-        std::lock_guard<std::mutex> guard(recorder.lock);
-        EXPECT_EQ(recorder.initErrors.size(), 1u);
-    }
+    EXPECT_EQ(recorder.Size(recorder.initErrors), 1u);
     OrqSimDetachCamera(unknown);
     EXPECT_TRUE(Cameras().empty());
     OrqSimReattachCamera(unknown);
-    ASSERT_TRUE(WaitFor([&] {
-        std::lock_guard<std::mutex> guard(recorder.lock);
-        return recorder.initErrors.size() == 2;
-    }));
+    ASSERT_TRUE(recorder.Await(recorder.initErrors, 2));
     OrqFree(errors);
 }
 
@@ -78,7 +69,7 @@ TEST_F(SdkTest, SessionsClaimARowAndKeepItAfterUnplug) {
     OrqSessionHandle wrong = nullptr;
     EXPECT_EQ(OrqOpenSession(manager, static_cast<int>(cameras[0].id ^ 1), &wrong),
               ORQ_DEVICE_NOT_READY);
-    OrqSessionHandle session = Open(cameras[0].id);
+    session = Open(cameras[0].id);
     OrqSessionHandle second = reinterpret_cast<OrqSessionHandle>(&wrong);
     EXPECT_EQ(OrqOpenSession(manager, static_cast<int>(cameras[0].id), &second), ORQ_SESSION_BUSY);
     EXPECT_EQ(second, nullptr);
@@ -96,7 +87,7 @@ TEST_F(SdkTest, SessionsClaimARowAndKeepItAfterUnplug) {
     OrqResult refused = OrqGetPropertyData(session, 0, &value);
     EXPECT_TRUE(refused == ORQ_DEVICE_NOT_READY || refused == ORQ_DISCONNECTED) << refused;
     // The camera's loop ends on its next poll, seen as a disconnection.
-    ASSERT_TRUE(WaitFor([&] { return recorder.CameraErrors() == 1; }, 6000));
+    ASSERT_TRUE(recorder.Await(recorder.cameraErrors, 1, 6000));
     EXPECT_EQ(recorder.cameraErrors[0], ORQ_DISCONNECTED);
     EXPECT_EQ(OrqShoot(session), ORQ_DISCONNECTED);
 
@@ -126,7 +117,7 @@ TEST_F(SdkTest, ACameraLeftInPlayModeHoldsUpNoOtherCallAndFailsInTheEnd) {
     Recorder recorder;
     OrqSubscription errors =
         OrqCameraInitializationErrorSubscribe(manager, Recorder::OnInitError, &recorder);
-    OrqSessionHandle session = Open(Cameras().at(0).id);
+    session = Open(Cameras().at(0).id);
     OrqSimReattachCamera(playing);
     ASSERT_TRUE(WaitFor([&] { return OrqSimCountOperations(playing, 0x9999, 150) > 2; }));
     auto start = std::chrono::steady_clock::now();
@@ -134,12 +125,7 @@ TEST_F(SdkTest, ACameraLeftInPlayModeHoldsUpNoOtherCallAndFailsInTheEnd) {
     int value = -1;
     EXPECT_EQ(OrqGetPropertyData(session, 0, &value), ORQ_OK);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
-    ASSERT_TRUE(WaitFor(
-        [&] {
-            std::lock_guard<std::mutex> guard(recorder.lock);
-            return !recorder.initErrors.empty();
-        },
-        12000));
+    ASSERT_TRUE(recorder.Await(recorder.initErrors, 1, 12000));
     EXPECT_EQ(recorder.initErrors.at(0), ORQ_ERROR);
     EXPECT_LT(OrqSimCountOperations(playing, 0x9999, 150), 120) << "asked at a pace";
     EXPECT_EQ(Cameras().size(), 1u);

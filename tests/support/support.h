@@ -21,6 +21,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -295,6 +296,42 @@ protected:
 
 // ---- A started SDK with virtual cameras
 
+// What the SDK's events delivered, for subscriptions that pass it as their context.
+struct Recorder {
+    std::mutex lock;
+    std::vector<std::pair<uint32_t, int>> cameraChanges;  // public id, state
+    std::vector<int> initErrors, cameraErrors;
+
+    static void OnCameraList(void* self, OrqCameraInfo* info, int state) {
+        static_cast<Recorder*>(self)->Add(
+            [&](Recorder& r) { r.cameraChanges.emplace_back(info->id, state); });
+        OrqFree(info);
+    }
+    static void OnInitError(void* self, int result, OrqChar* path) {
+        static_cast<Recorder*>(self)->Add([&](Recorder& r) { r.initErrors.push_back(result); });
+        OrqFree(path);
+    }
+    static void OnCameraError(void* self, OrqResult result) {
+        static_cast<Recorder*>(self)->Add([&](Recorder& r) { r.cameraErrors.push_back(result); });
+    }
+    // Waits until `list` holds `count` entries; false after `timeoutMs`.
+    template <class T>
+    bool Await(const std::vector<T>& list, size_t count, int timeoutMs = 5000) {
+        return WaitFor([&] { return Size(list) == count; }, timeoutMs);
+    }
+    template <class T>
+    size_t Size(const std::vector<T>& list) {
+        std::lock_guard<std::mutex> guard(lock);
+        return list.size();
+    }
+
+private:
+    void Add(const std::function<void(Recorder&)>& change) {
+        std::lock_guard<std::mutex> guard(lock);
+        change(*this);
+    }
+};
+
 class SdkTest : public ::testing::Test {
 protected:
     // Termination frees what the test kept: subscriptions, sessions and the manager.
@@ -329,6 +366,11 @@ protected:
         std::vector<OrqCameraInfo> cameras(list, list + count);
         OrqFree(list);
         return cameras;
+    }
+    OrqSessionHandle Open(uint32_t id) {
+        OrqSessionHandle opened = nullptr;
+        EXPECT_EQ(OrqOpenSession(manager, static_cast<int>(id), &opened), ORQ_OK);
+        return opened;
     }
     // A session on the listed camera plugged as `camera`.
     OrqSessionHandle Open(const std::shared_ptr<orqsim::VirtualCamera>& camera) {
