@@ -13,7 +13,7 @@
 #include "SDKConfig.h"
 #include "sim/VirtualBus.h"
 #include "sim/VirtualCamera.h"
-#include "tests/controls/preview_reference.h"
+#include "bench/preview_reference.h"
 
 namespace {
 
@@ -51,7 +51,7 @@ void Conversion(double budget, uint32_t width, uint32_t height) {
         orq::preview::WriteBmpHeader(image.data(), g);
     });
     const double literal = MicrosPerCall(budget / 2, [&] {
-        auto copy = controlstest::Reference(source, int(width), int(height));
+        auto copy = orqbench::Reference(source, int(width), int(height));
         if (copy.size() != image.size()) std::exit(1);
     });
     const double pixels = double(width) * height;
