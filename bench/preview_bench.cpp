@@ -11,9 +11,9 @@
 #include "Kernel/DeviceLL.h"
 #include "Kernel/PreviewFrame.h"
 #include "SDKConfig.h"
+#include "bench/preview_reference.h"
 #include "sim/VirtualBus.h"
 #include "sim/VirtualCamera.h"
-#include "bench/preview_reference.h"
 
 namespace {
 
