@@ -5,12 +5,6 @@
 
 namespace orq {
 
-uint32_t PtpDataBlock::Word(size_t i) const {
-    if (!data || size < 4 * (static_cast<uint64_t>(i) + 1)) return 0;
-    const uint8_t* p = data.get() + 4 * i;
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
-
 std::string DeviceLL::EscapeCameraText(const std::string& text) {
     static const char kHex[] = "0123456789ABCDEF";
     std::string out;
@@ -29,23 +23,15 @@ std::string DeviceLL::EscapeCameraText(const std::string& text) {
 }
 
 DeviceLL::DeviceLL(UsbLib* usb, const SDKConfig* sdkConfig, std::u16string devicePath)
-    : sdkConfig(sdkConfig), usb(usb), devicePath(std::move(devicePath)) {}
+    : sdkConfig(sdkConfig),
+      link(std::make_unique<PtpLink>(usb)),
+      devicePath(std::move(devicePath)) {}
 
-DeviceLL::~DeviceLL() {
-    // Every thread that transferred on the record has ended by now.
-    std::lock_guard<std::mutex> guard(closeLock);
-    if (device) usb->ReleaseDevice(device);
-    device = nullptr;
-}
+DeviceLL::~DeviceLL() = default;
 
 OrqResult DeviceLL::OpenCamera() {
-    {
-        std::lock_guard<std::mutex> guard(closeLock);
-        if (forceClosed) return ORQ_ERROR;
-        device = usb->OpenDevice(devicePath);
-        if (!device) return usb->OpenDenied(devicePath) ? ORQ_NO_PERMISSION : ORQ_ERROR;
-        deviceName = usb->GetDeviceName(device);
-    }
+    OrqResult opened = link->Open(devicePath, deviceName);
+    if (opened != ORQ_OK) return opened;
     const CameraConfig* profile = FindCameraConfig(deviceName);
     if (!profile) {
         ORQ_LOG(ERR, "camera config not found: %S", deviceName.c_str());
@@ -57,14 +43,7 @@ OrqResult DeviceLL::OpenCamera() {
 }
 
 void DeviceLL::ForceCloseUSB() {
-    // Not under ptpLock: that is held by the very transfer this is to fail. The record stays
-    // until destruction, so a transfer in flight keeps a valid handle and fails at once.
-    std::lock_guard<std::mutex> guard(closeLock);
-    forceClosed = true;
-    if (device) {
-        ORQ_LOG(DEB, "ForceCloseUSB");
-        usb->CloseDevice(device);
-    }
+    link->ForceClose();
 }
 
 OrqResult DeviceLL::SetPreShootProperty() {

@@ -1,6 +1,6 @@
-// The low-level half of a camera: the PTP link, the property engine, the file table, zoom, focus
-// and preview. It knows nothing of the main loop or of the application; Device derives from it and
-// overrides the upward virtual operations.
+// The low-level half of a camera: the operations on its PTP link, the property engine, the file
+// table, zoom, focus and preview. It knows nothing of the main loop or of the application; Device
+// derives from it and overrides the upward virtual operations.
 #pragma once
 
 #include <array>
@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "Kernel/PtpLink.h"
 #include "Kernel/UsbLib.h"
 #include "models/CameraConfig.h"
 #include "orqsdk.h"
@@ -24,33 +25,6 @@
 namespace orq {
 
 struct SDKConfig;
-
-// Data phase of a transaction; owned by the caller after a successful return.
-struct PtpDataBlock {
-    std::unique_ptr<uint8_t[]> data;
-    uint64_t size = 0;
-
-    // Little-endian 32-bit word at index i; 0 past the end.
-    uint32_t Word(size_t i) const;
-};
-
-using PtpParams = std::vector<uint32_t>;
-
-// Direction of a transaction's data phase.
-enum PtpDirection : int32_t { PTP_DATA_IN = 1, PTP_NO_DATA = 2 };
-
-// Operation codes.
-enum : uint16_t {
-    PTP_OC_OpenSession = 0x1002,
-    PTP_OC_GetStorageIDs = 0x1004,
-    PTP_OC_GetObjectHandles = 0x1007,
-    PTP_OC_GetObjectInfo = 0x1008,
-    PTP_OC_GetObject = 0x1009,
-    PTP_OC_DeleteObject = 0x100B,
-    PTP_OC_Vendor = 0x9999,
-};
-
-enum : uint16_t { PTP_RC_OK = 0x2001, PTP_RC_GeneralError = 0x2002 };
 
 // Sub-commands of the vendor operation.
 enum PtpSubCommand : uint32_t {
@@ -156,19 +130,12 @@ public:
     void ForceCloseUSB();
 
     // --- PTP link ---------------------------------------------------------------------------
-    // Most that a data phase may bring unless the operation says otherwise: far above any answer
-    // but a file's, a picture chunk's or a live-view frame's, which set their own bound.
-    static constexpr uint64_t kDataLimit = 32ull << 20;
-    // A data phase announcing more than dataLimit bytes fails before anything is allocated.
-    bool PtpTransaction(uint16_t code, PtpParams params, int32_t direction, bool& generalError,
-                        PtpDataBlock* data, std::vector<uint32_t>* responseParams,
-                        uint64_t dataLimit = kDataLimit);
-    bool PtpTransactionRetry(uint16_t code, PtpParams params, int32_t direction, PtpDataBlock* data,
-                             std::vector<uint32_t>* responseParams,
-                             uint64_t dataLimit = kDataLimit);
-    bool PtpReadContainer(uint8_t (&response)[512]);
-    // The data phase's size bytes into payload, which grows as they arrive (see the .cpp).
-    bool ReadDataPhase(std::unique_ptr<uint8_t[]>& payload, uint64_t size);
+    // The one entry point to the camera for every operation below.
+    bool PtpTransactionRetry(uint16_t code, const PtpParams& params, int32_t direction,
+                             PtpDataBlock* data, std::vector<uint32_t>* responseParams,
+                             uint64_t dataLimit = PtpLink::kDataLimit) {
+        return link->PtpTransactionRetry(code, params, direction, data, responseParams, dataLimit);
+    }
 
     // --- Standard operations ----------------------------------------------------------------
     OrqResult PTPOpenSession();
@@ -206,7 +173,7 @@ public:
     OrqResult PTPRemoteCaptureIsReady(bool& ready);
     // Five response words; word 1 non-zero: more chunks follow.
     OrqResult PTPRemoteCaptureGetData(PtpDataBlock& chunk, std::vector<uint32_t>& responseParams,
-                                      uint64_t limit = kDataLimit);
+                                      uint64_t limit = PtpLink::kDataLimit);
     OrqResult PTPStartVideoRequest();
     OrqResult PTPStopVideoRequest();
     OrqResult PTPGetMemory(uint32_t address, uint32_t size, PtpDataBlock& block);
@@ -304,15 +271,8 @@ public:
 protected:
     const SDKConfig* sdkConfig;  // owned by the camera manager
 
-    // Identity and transport.
-    UsbLib* usb;
-    // Set by OpenCamera before the main loop starts, released at destruction; between the two
-    // it is only closed, so readers need no lock.
-    UsbDevice* device = nullptr;
-    // Orders ForceCloseUSB against OpenCamera, so that a camera closed while it was being
-    // opened stays closed.
-    std::mutex closeLock;
-    std::atomic<bool> forceClosed{false};
+    // Identity and the wire.
+    std::unique_ptr<PtpLink> link;
     std::u16string devicePath;
     std::u16string deviceName;
     CameraConfig config;
@@ -320,12 +280,9 @@ protected:
     std::u16string orqmVersion;
     std::atomic<bool> connected{false};
 
-    // PTP link.
-    uint32_t transactionId = 0;
-    uint32_t sessionId = 0;
+    // Camera events and handed-out pointers.
     std::map<int32_t, bool> cameraEvents{{CAMERA_EVENT_SHOOT_FINISHED, false},
                                          {CAMERA_EVENT_ZOOM_FINISHED, false}};
-    std::mutex ptpLock;
     std::map<void*, std::function<void(void*)>> pointerTable;
 
     // File table.
@@ -350,7 +307,6 @@ protected:
     // Set when an event read met a general error: the bits it carried may be lost, so a waiting
     // operation looks for its end another way.
     std::atomic<bool> eventsMissed{false};
-    std::atomic<uint64_t> generalErrors{0};
 
     // Steps of the shoot chains (DeviceLL_Shoot.cpp); each returns the step's result, with
     // 'done' false while the step is to run again.

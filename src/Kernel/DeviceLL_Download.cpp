@@ -7,23 +7,12 @@
 #include <utility>
 #include <vector>
 
+#include "Kernel/Bytes.h"
 #include "Kernel/DeviceLL.h"
 #include "Logger.h"
 #include "platform/Platform.h"
 
 namespace orq {
-
-namespace {
-
-// Each 16-bit unit narrowed to its low byte.
-std::string NarrowPath(const std::u16string& path) {
-    std::string out;
-    out.reserve(path.size());
-    for (char16_t unit : path) out += static_cast<char>(unit & 0xFF);
-    return out;
-}
-
-}  // namespace
 
 bool DeviceLL::DownloadTarget(std::u16string folder, const std::u16string& name,
                               std::u16string& path) {
@@ -75,7 +64,7 @@ OrqResult DeviceLL::PTPDownloadFile(int32_t fileId, const std::u16string& path) 
         }
         block = PtpDataBlock();
         ORQ_LOG(INF, "Download file completed:\n    id:   %d\n    path: %s", fileId,
-                NarrowPath(path).c_str());
+                bytes::LowBytes(path.c_str(), path.size()).c_str());
         OnDownloadCompleted(fileId, path);
         return ORQ_OK;
     }
@@ -103,7 +92,7 @@ OrqResult DeviceLL::PTPDownloadFile(int32_t fileId, const std::u16string& path) 
             return ORQ_ERROR;
         }
         ORQ_LOG(INF, "DirectTransfer download file completed:\n    id:   %d\n    path: %s", fileId,
-                NarrowPath(path).c_str());
+                bytes::LowBytes(path.c_str(), path.size()).c_str());
     }
     OnDownloadCompleted(fileId, path);
     return ORQ_OK;

@@ -1,9 +1,6 @@
-// The camera link: PTP transactions on the two bulk pipes, the standard and vendor operations
-// built on them, and the polled camera events.
-#include <algorithm>
+// The standard and vendor operations built on the camera's PTP link, and the polled camera events.
 #include <chrono>
 #include <cstring>
-#include <new>
 #include <thread>
 
 #include "Kernel/DeviceLL.h"
@@ -12,29 +9,6 @@
 namespace orq {
 
 namespace {
-
-enum : uint16_t { CONTAINER_COMMAND = 1, CONTAINER_DATA = 2, CONTAINER_RESPONSE = 3 };
-
-constexpr size_t kContainerBuffer = 512;
-constexpr size_t kHeaderSize = 12;
-constexpr size_t kMaxCommandParams = (kContainerBuffer - kHeaderSize) / 4;
-
-void Put16(uint8_t* p, uint16_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
-
-void Put32(uint8_t* p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
-
-uint16_t Get16(const uint8_t* p) {
-    return static_cast<uint16_t>(p[0] | p[1] << 8);
-}
-
-uint32_t Get32(const uint8_t* p) {
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
 
 // A vendor operation: the sub-command first, then its own parameters.
 PtpParams Vendor(uint32_t subCommand, PtpParams rest = {}) {
@@ -48,9 +22,9 @@ struct Simple {
     const char* failure;
 };
 
-bool RunSimple(DeviceLL& link, Simple op, PtpParams rest = {}) {
-    if (!link.PtpTransactionRetry(PTP_OC_Vendor, Vendor(op.subCommand, std::move(rest)),
-                                  PTP_NO_DATA, nullptr, nullptr)) {
+bool RunSimple(DeviceLL& camera, Simple op, PtpParams rest = {}) {
+    if (!camera.PtpTransactionRetry(PTP_OC_Vendor, Vendor(op.subCommand, std::move(rest)),
+                                    PTP_NO_DATA, nullptr, nullptr)) {
         ORQ_LOG(ERR, "%s", op.failure);
         return false;
     }
@@ -60,205 +34,13 @@ bool RunSimple(DeviceLL& link, Simple op, PtpParams rest = {}) {
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
-// Transactions
-
-// The declared length is the camera's word; only the bytes it sends are worth memory. The buffer
-// starts at 1 MiB at most and doubles as they arrive, so a camera that declares 32 MiB and sends
-// a few bytes costs what it sent (or 1 MiB), never the 32 MiB.
-bool DeviceLL::ReadDataPhase(std::unique_ptr<uint8_t[]>& payload, uint64_t size) {
-    constexpr uint64_t kFirstStep = 1 << 20;
-    uint64_t capacity = std::min(size, kFirstStep);
-    uint64_t received = 0;
-    do {
-        // new may fail on an absurd length: that fails the transaction, it does not throw.
-        std::unique_ptr<uint8_t[]> grown(new (std::nothrow) uint8_t[capacity ? capacity : 1]);
-        if (!grown) {
-            ORQ_LOG(ERR, "PtpTransaction failed");
-            ORQ_LOG(ERR, "GETDATA failed: can't allocate %llu bytes",
-                    static_cast<unsigned long long>(capacity));
-            return false;
-        }
-        if (received) std::memcpy(grown.get(), payload.get(), received);
-        payload = std::move(grown);
-        if (!usb->UsbReadExactly({payload.get() + received, capacity - received}, device)) {
-            ORQ_LOG(ERR, "PtpTransaction failed");
-            ORQ_LOG(ERR, "GETDATA failed: tail data stage");
-            return false;
-        }
-        received = capacity;
-        capacity = std::min(size, capacity * 2);
-    } while (received < size);
-    return true;
-}
-
-bool DeviceLL::PtpReadContainer(uint8_t (&response)[512]) {
-    std::memset(response, 0, sizeof response);
-    if (!usb->UsbReadExactly({response, 4}, device)) {
-        ORQ_LOG(ERR, "PtpReadContainer: packed length read failed");
-        return false;
-    }
-    uint32_t length = Get32(response);
-    if (length > kContainerBuffer) {
-        ORQ_LOG(ERR, "PtpReadContainer: packed to long");
-        return false;
-    }
-    if (length < kHeaderSize) {
-        ORQ_LOG(ERR, "PtpReadContainer: packed length %u below header", length);
-        return false;
-    }
-    if (!usb->UsbReadExactly({response + 4, length - 4}, device)) {
-        ORQ_LOG(ERR, "PtpReadContainer: packed data read failed");
-        return false;
-    }
-    return true;
-}
-
-bool DeviceLL::PtpTransaction(uint16_t code, PtpParams params, int32_t direction,
-                              bool& generalError, PtpDataBlock* data,
-                              std::vector<uint32_t>* responseParams, uint64_t dataLimit) {
-    std::lock_guard<std::mutex> guard(ptpLock);
-    generalError = false;
-    if (!device || forceClosed) {
-        // Closed under us (the cable went, or the session is being torn down).
-        ORQ_LOG(ERR, "PtpTransaction failed");
-        ORQ_LOG(ERR, "PtpTransaction: device is closed");
-        return false;
-    }
-    if (params.size() > kMaxCommandParams) {
-        ORQ_LOG(ERR, "PtpTransaction failed");
-        ORQ_LOG(ERR, "PtpTransaction: too many parameters: %d", static_cast<int>(params.size()));
-        return false;
-    }
-
-    uint8_t command[kContainerBuffer] = {};
-    const uint32_t length = static_cast<uint32_t>(kHeaderSize + 4 * params.size());
-    Put32(command, length);
-    Put16(command + 4, CONTAINER_COMMAND);
-    Put16(command + 6, code);
-    Put32(command + 8, transactionId);
-    for (size_t i = 0; i < params.size(); ++i) Put32(command + kHeaderSize + 4 * i, params[i]);
-    // The id is spent even if the transaction fails further on.
-    ++transactionId;
-
-    if (!usb->UsbWrite({command, length}, device)) {
-        ORQ_LOG(ERR, "PtpTransaction failed");
-        return false;
-    }
-
-    std::unique_ptr<uint8_t[]> payload;
-    uint64_t payloadSize = 0;
-    if (direction == PTP_DATA_IN) {
-        uint8_t header[kHeaderSize];
-        if (!usb->UsbReadExactly({header, kHeaderSize}, device)) {
-            ORQ_LOG(ERR, "PtpTransaction failed");
-            ORQ_LOG(ERR, "GETDATA failed: can't read header");
-            return false;
-        }
-        const uint32_t dataLength = Get32(header);
-        const uint16_t type = Get16(header + 4);
-        const uint16_t dataCode = Get16(header + 6);
-        if (type == CONTAINER_DATA && dataCode != code) {
-            ORQ_LOG(ERR, "PtpTransaction failed");
-            ORQ_LOG(ERR, "GETDATA failed: wrong code");
-            return false;
-        }
-        if (type != CONTAINER_DATA) {
-            ORQ_LOG(ERR, "PtpTransaction failed");
-            ORQ_LOG(ERR, "GETDATA failed: wrong CONTAINER_DATA");
-            if (type != CONTAINER_RESPONSE || dataCode != PTP_RC_GeneralError) return false;
-            // A general error in place of the data: take the rest of it off the pipe, so that
-            // the retry starts in step.
-            ORQ_LOG(ERR, "PTP_RC_GeneralError");
-            generalError = true;
-        }
-        if (dataLength < kHeaderSize) {
-            generalError = false;
-            ORQ_LOG(ERR, "PtpTransaction failed");
-            ORQ_LOG(ERR, "GETDATA failed: container length %u below header", dataLength);
-            return false;
-        }
-        payloadSize = dataLength - kHeaderSize;
-        if (payloadSize > dataLimit) {
-            generalError = false;
-            ORQ_LOG(ERR, "PtpTransaction failed");
-            ORQ_LOG(ERR, "GETDATA failed: container length %u above limit %llu", dataLength,
-                    static_cast<unsigned long long>(dataLimit));
-            return false;
-        }
-        if (!ReadDataPhase(payload, payloadSize)) {
-            generalError = false;
-            return false;
-        }
-        // That container was the response: there is no other to read.
-        if (generalError) return false;
-    }
-
-    uint8_t response[kContainerBuffer];
-    if (!PtpReadContainer(response)) {
-        ORQ_LOG(ERR, "PtpTransaction failed");
-        return false;
-    }
-    const uint16_t type = Get16(response + 4);
-    const uint16_t responseCode = Get16(response + 6);
-    if (type != CONTAINER_RESPONSE) {
-        ORQ_LOG(ERR, "PtpTransaction failed");
-        ORQ_LOG(ERR, "incorrect response type %d", type);
-        return false;
-    }
-    // Some operations answer with their own code instead of OK.
-    if (responseCode != code && responseCode != PTP_RC_OK) {
-        if (responseCode == PTP_RC_GeneralError) {
-            generalError = true;
-            ORQ_LOG(ERR, "PTP_RC_GeneralError");
-        }
-        ORQ_LOG(ERR, "PtpTransaction failed");
-        ORQ_LOG(ERR, "incorrect response code %d", responseCode);
-        return false;
-    }
-    if (responseParams) {
-        responseParams->clear();
-        for (size_t i = 0; i < 5; ++i) responseParams->push_back(Get32(response + 12 + 4 * i));
-    }
-    if (data && direction == PTP_DATA_IN) {
-        data->data = std::move(payload);
-        data->size = payloadSize;
-    }
-    return true;
-}
-
-bool DeviceLL::PtpTransactionRetry(uint16_t code, PtpParams params, int32_t direction,
-                                   PtpDataBlock* data, std::vector<uint32_t>* responseParams,
-                                   uint64_t dataLimit) {
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        bool generalError = false;
-        if (PtpTransaction(code, params, direction, generalError, data, responseParams,
-                           dataLimit)) {
-            return true;
-        }
-        if (!generalError) return false;
-        ++generalErrors;
-        ORQ_LOG(ERR, "PTP General Error. Retry %d", attempt);
-        // ptpLock is free here: other threads may slip a transaction in.
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    }
-    return false;
-}
-
-// ---------------------------------------------------------------------------------------------
 // Standard operations
 
 OrqResult DeviceLL::PTPOpenSession() {
-    {
-        std::lock_guard<std::mutex> guard(ptpLock);
-        sessionId = 0;
-        transactionId = 0;
-    }
-    if (!PtpTransactionRetry(PTP_OC_OpenSession, {1}, PTP_NO_DATA, nullptr, nullptr)) {
+    if (!link->OpenSession()) {
         ORQ_LOG(ERR, "PTP_OC_OpenSession failed");
         return ORQ_ERROR;
     }
-    std::lock_guard<std::mutex> guard(ptpLock);
-    sessionId = 1;
     return ORQ_OK;
 }
 
@@ -533,13 +315,13 @@ OrqResult DeviceLL::PTPGetVideoSettings(PtpDataBlock& block) {
 
 OrqResult DeviceLL::PTPLoadEvents() {
     PtpDataBlock block;
-    const uint64_t errorsBefore = generalErrors.load();
+    const uint64_t errorsBefore = link->GeneralErrors();
     if (!PtpTransactionRetry(PTP_OC_Vendor, Vendor(ORQM_GetEvents), PTP_DATA_IN, &block, nullptr)) {
         ORQ_LOG(ERR, "PTP_ORQM_GetEvents failed");
         return ORQ_ERROR;
     }
     // The camera clears its bits as it answers, even with an error: they may be gone.
-    if (generalErrors.load() != errorsBefore) eventsMissed = true;
+    if (link->GeneralErrors() != errorsBefore) eventsMissed = true;
     // Only ever set here; the operation that waits clears its flag before it starts.
     const uint32_t bits = block.size ? block.data[0] : 0;
     if (bits & SHOOT_FINISHED) cameraEvents[CAMERA_EVENT_SHOOT_FINISHED] = true;

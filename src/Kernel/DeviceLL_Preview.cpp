@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 
+#include "Kernel/Bytes.h"
 #include "Kernel/DeviceLL.h"
 #include "Kernel/PreviewFrame.h"
 #include "Logger.h"
@@ -16,15 +17,8 @@ namespace preview {
 
 namespace {
 
-void PutLe16(uint8_t* p, uint32_t value) {
-    p[0] = static_cast<uint8_t>(value);
-    p[1] = static_cast<uint8_t>(value >> 8);
-}
-
-void PutLe32(uint8_t* p, uint32_t value) {
-    PutLe16(p, value);
-    PutLe16(p + 2, value >> 16);
-}
+using bytes::PutLe16;
+using bytes::PutLe32;
 
 // 0 .. 255 for every value a channel can take before clamping (-227 .. 480), by table: three
 // loads a pixel instead of six compares.
@@ -32,10 +26,7 @@ struct ClampTable {
     static constexpr int32_t kOffset = 256;
     uint8_t values[768];
     constexpr ClampTable() : values() {
-        for (int32_t i = 0; i < 768; ++i) {
-            const int32_t v = i - kOffset;
-            values[i] = static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v));
-        }
+        for (int32_t i = 0; i < 768; ++i) values[i] = bytes::ClampToByte(i - kOffset);
     }
 };
 constexpr ClampTable kClamp;

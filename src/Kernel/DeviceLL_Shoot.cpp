@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 
+#include "Kernel/Bytes.h"
 #include "Kernel/DeviceLL.h"
 #include "Kernel/ShotGate.h"
 #include "Logger.h"
@@ -27,13 +28,6 @@ constexpr int kListingAttempts = 5;
 // Beyond the largest picture these cameras make, in bytes and in chunks (empty ones included).
 constexpr uint64_t kMaxPictureBytes = 64ull << 20;
 constexpr int kMaxPictureChunks = 4096;
-
-// Each 16-bit unit narrowed to its low byte.
-std::string NarrowName(const OrqChar* name) {
-    std::string out;
-    for (size_t i = 0; i < 128 && name[i]; ++i) out += static_cast<char>(name[i] & 0xFF);
-    return out;
-}
 
 uint32_t ResponseParam(const std::vector<uint32_t>& params, size_t index) {
     return index < params.size() ? params[index] : 0;
@@ -182,7 +176,8 @@ OrqResult DeviceLL::ShootAwaitFile(bool& done, OrqFileInfo& file) {
                     file = record;
                     guard.unlock();
                     ORQ_LOG(INF, "Shoot Completed:\n    name: %s\n    id:   %d\n    size: %d",
-                            NarrowName(file.name).c_str(), file.id, static_cast<int>(file.size));
+                            bytes::LowBytes(file.name, 128).c_str(), file.id,
+                            static_cast<int>(file.size));
                     done = true;
                     return ORQ_OK;
                 }

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "Kernel/Bytes.h"
 #include "Kernel/DeviceLL.h"
 #include "Logger.h"
 #include "SDKConfig.h"
@@ -30,13 +31,6 @@ bool EqualsIgnoringAsciiCase(const std::string& a, const char* b) {
         if (x != y) return false;
     }
     return true;
-}
-
-// Each 16-bit unit narrowed to its low byte.
-std::string Narrow(const OrqChar* name) {
-    std::string out;
-    for (size_t i = 0; i < 128 && name[i]; ++i) out += static_cast<char>(name[i] & 0xFF);
-    return out;
 }
 
 // The name's bytes up to the first zero byte, as a narrow "%s" shows a 16-bit text.
@@ -89,7 +83,7 @@ OrqResult DeviceLL::CleanMemoryCard() {
     {
         std::lock_guard<std::mutex> guard(fileTableLock);
         for (const OrqFileInfo& file : fileTable) {
-            std::string name = Narrow(file.name);
+            std::string name = bytes::LowBytes(file.name, 128);
             if (name.size() < 4 || !EqualsIgnoringAsciiCase(name.substr(0, 4), "img_")) continue;
             long number = 0;
             for (size_t i = 4; i < name.size() && name[i] >= '0' && name[i] <= '9'; ++i) {
@@ -165,7 +159,7 @@ OrqResult DeviceLL::PTPGetCamLog() {
     }
     std::lock_guard<std::mutex> guard(fileTableLock);
     for (const OrqFileInfo& file : fileTable) {
-        if (!EqualsIgnoringAsciiCase(Narrow(file.name), "img_0002.jpg")) continue;
+        if (!EqualsIgnoringAsciiCase(bytes::LowBytes(file.name, 128), "img_0002.jpg")) continue;
         PtpDataBlock block;
         if (PTPGetObject(static_cast<uint32_t>(file.id), block) != ORQ_OK) return ORQ_ERROR;
         const char* text = reinterpret_cast<const char*>(block.data.get());

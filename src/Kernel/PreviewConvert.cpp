@@ -8,6 +8,7 @@
 #include <new>
 #include <vector>
 
+#include "Kernel/Bytes.h"
 #include "Kernel/PreviewFrame.h"
 
 #if (defined(__x86_64__) || defined(__i386__)) && defined(__GNUC__)
@@ -25,10 +26,6 @@ constexpr int kLumaAt[4] = {1, 3, 4, 5};
 // run, and a last chunk of four groups may write up to three groups past the row.
 constexpr size_t kScratchSlack = 64;
 
-uint8_t Clamp(int32_t value) {
-    return static_cast<uint8_t>(value < 0 ? 0 : (value > 255 ? 255 : value));
-}
-
 // One group's four pixels, as the plain loop converts them.
 void GroupPlain(const uint8_t* group, uint8_t* out) {
     const int32_t u = static_cast<int8_t>(group[0]);
@@ -38,9 +35,9 @@ void GroupPlain(const uint8_t* group, uint8_t* out) {
     const int32_t red = (2048 + 5743 * v) >> 12;
     for (int k = 0; k < 4; ++k, out += 3) {
         const int32_t y = group[kLumaAt[k]];
-        out[0] = Clamp(y + blue);
-        out[1] = Clamp(y + green);
-        out[2] = Clamp(y + red);
+        out[0] = bytes::ClampToByte(y + blue);
+        out[1] = bytes::ClampToByte(y + green);
+        out[2] = bytes::ClampToByte(y + red);
     }
 }
 
