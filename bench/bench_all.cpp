@@ -116,7 +116,9 @@ void Conversion(uint32_t width, uint32_t height) {
     };
     const double fast = convert(orq::preview::FastestPixelPath(), image);
     const double loop = convert(orq::preview::PixelPath::Plain, plain);
-    const bool exact = image == plain;
+    std::vector<uint8_t> narrow(g.Allocation());
+    const double ssse3 = convert(orq::preview::PixelPath::Ssse3, narrow);
+    const bool exact = image == plain && narrow == plain;
     // libyuv at the output size from planes of that size (its converter neither scales nor
     // reads this layout: a lower bound for a converter of the same frame).
     std::vector<uint8_t> y(size_t(g.outWidth) * height), u(y.size() / 4 + g.outWidth), v(u.size()),
@@ -131,7 +133,8 @@ void Conversion(uint32_t width, uint32_t height) {
     std::snprintf(figure, sizeof figure, "convert %ux%u -> %dx%u, ns/pixel%s", width, height,
                   g.outWidth, height, exact ? "" : " (NOT EXACT)");
     Row(figure, Text("%.3f", fast * 1e9 / pixels),
-        Text("libyuv %.3f", yuv * 1e9 / pixels) + Text(", plain %.2f", loop * 1e9 / pixels),
+        Text("libyuv %.3f", yuv * 1e9 / pixels) + Text(", plain %.2f", loop * 1e9 / pixels) +
+            Text(", ssse3 %.3f", ssse3 * 1e9 / pixels),
         "<= 0.3, exact", exact && fast * 1e9 / pixels <= 0.3);
 }
 
@@ -324,14 +327,18 @@ void Cameras(int count) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int cameras = argc > 1 ? std::atoi(argv[1]) : 64;
+    // "convert": the conversion figures alone.
+    const bool convertOnly = argc > 1 && std::strcmp(argv[1], "convert") == 0;
+    const int cameras = argc > 1 && !convertOnly ? std::atoi(argv[1]) : 64;
     std::printf("%-44s %-22s %-30s %-16s %s\n", "figure", "value", "reference, same run", "target",
                 "");
-    Cameras(cameras);
+    if (!convertOnly) Cameras(cameras);
+    Conversion(320, 240);
     Conversion(360, 240);
     Conversion(720, 240);
+    Conversion(720, 480);
     Conversion(704, 528);
     Conversion(1920, 1080);
-    Link();
+    if (!convertOnly) Link();
     return 0;
 }

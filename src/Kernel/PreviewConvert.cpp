@@ -1,9 +1,13 @@
 // Live-view conversion on x86-64 vector units. Each output channel is the pixel's luma plus an
 // offset its group of four shares, clamped: (4096 * y + 2048 + c) >> 12 is y + ((2048 + c) >> 12)
-// because 4096 * y has no bits below the shift. So a row is converted whole into a scratch row
-// (one pixel per source column, in order) with saturating byte adds, and the columns the map
-// keeps are then copied out in runs of neighbours. The bytes are those of the plain loop.
+// because 4096 * y has no bits below the shift, so saturating byte adds give the plain loop's
+// bytes. A map that shrinks the row picks its kept columns while converting (see "Kept columns
+// only" below); any other map, and a block that stops short, converts rows whole into a scratch
+// row (one pixel per source column) and copies the kept columns out in runs of neighbours.
+// Processors without SSSE3 take the plain loop: every step here, splitting the source and
+// picking columns, is a byte shuffle (pshufb).
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -325,7 +329,7 @@ __attribute__((target("avx2"))) void GatherPixelsAvx2(const std::vector<int32_t>
 
 void ConvertVector(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
                    const int32_t* map, uint8_t* pixels, RowConverter convertRow, RunCopier copyRuns,
-                   bool gathers) {
+                   bool gathers, int32_t firstRow = 0) {
     std::vector<Run> runs;
     std::vector<uint8_t> scratch;
     std::vector<int32_t> gather;
@@ -355,7 +359,7 @@ void ConvertVector(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
     const uint64_t direct = inPlace ? runs[0].bytes / 12 : 0;
     const uint64_t rowBytes = geometry.groupsPerRow * 6;
     const uint64_t stride = static_cast<uint64_t>(geometry.outWidth) * 3;
-    for (int32_t y = 0; y < geometry.height; ++y) {
+    for (int32_t y = firstRow; y < geometry.height; ++y) {
         const uint64_t rowStart = static_cast<uint64_t>(y) * rowBytes;
         if (!source || rowStart >= sourceSize) break;
         const uint8_t* row = source + rowStart;
@@ -394,6 +398,287 @@ void ConvertVector(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
     }
 }
 
+// ---- Kept columns only ----------------------------------------------------------------------
+// When the kept columns fill the output row in order (every map that shrinks or keeps the width),
+// a row goes in two passes: the source is split into a luma plane (one byte per column) and the
+// offsets above and below zero of each group (blue, green, red: three bytes a group); then each
+// 16 output bytes are picked from 16-byte windows of those planes by shuffles that a table holds,
+// the same for every row. Only kept pixels are computed and stored.
+
+struct PlaneMasks {
+    alignas(16) int8_t lumaLow[16];   // groups 0 and 1 from the window at 0
+    alignas(16) int8_t lumaHigh[16];  // groups 2 and 3 from the window at 12
+    alignas(16) int8_t byGroup[16];   // {blue 0..3, green 0..3, red 0..3} to blue, green, red
+};
+
+constexpr PlaneMasks MakePlaneMasks() {
+    PlaneMasks m{};
+    for (int j = 0; j < 16; ++j) m.lumaLow[j] = m.lumaHigh[j] = m.byGroup[j] = -128;
+    for (int j = 0; j < 8; ++j) {
+        m.lumaLow[j] = m.lumaHigh[j + 8] = static_cast<int8_t>(6 * (j / 4) + kLumaAt[j % 4]);
+    }
+    for (int j = 0; j < 12; ++j) m.byGroup[j] = static_cast<int8_t>(4 * (j % 3) + j / 3);
+    return m;
+}
+constexpr PlaneMasks kPlaneMasks = MakePlaneMasks();
+
+// A row's planes; each has room behind it for a window read past its last group.
+struct Planes {
+    uint8_t* luma;  // 4 bytes a group
+    uint8_t* up;    // 3 bytes a group
+    uint8_t* down;
+};
+constexpr size_t kPlaneSlack = 48;
+
+void GroupPlanes(const uint8_t* group, uint64_t g, const Planes& planes) {
+    const int32_t u = static_cast<int8_t>(group[0]);
+    const int32_t v = static_cast<int8_t>(group[2]);
+    const int32_t offsets[3] = {(2048 + 7258 * u) >> 12, (2048 - 1411 * u - 2925 * v) >> 12,
+                                (2048 + 5743 * v) >> 12};
+    for (int k = 0; k < 4; ++k) planes.luma[4 * g + k] = group[kLumaAt[k]];
+    for (int c = 0; c < 3; ++c) {
+        planes.up[3 * g + c] = static_cast<uint8_t>(std::max(offsets[c], 0));
+        planes.down[3 * g + c] = static_cast<uint8_t>(std::max(-offsets[c], 0));
+    }
+}
+
+// Four groups' planes from the windows at src and src + 12: 16 luma bytes, 12 bytes of each
+// offset plane (16 written).
+__attribute__((target("ssse3"))) inline void Planes4(__m128i window0, __m128i window2,
+                                                     uint8_t* luma, uint8_t* up, uint8_t* down) {
+    const __m128i chroma =
+        _mm_srai_epi16(_mm_or_si128(_mm_shuffle_epi8(window0, Load128(kMasks.chromaLow)),
+                                    _mm_shuffle_epi8(window2, Load128(kMasks.chromaHigh))),
+                       8);
+    __m128i above, below;
+    Offsets(chroma, above, below);
+    const __m128i byGroup = Load128(kPlaneMasks.byGroup);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(luma),
+                     _mm_or_si128(_mm_shuffle_epi8(window0, Load128(kPlaneMasks.lumaLow)),
+                                  _mm_shuffle_epi8(window2, Load128(kPlaneMasks.lumaHigh))));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(up), _mm_shuffle_epi8(above, byGroup));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(down), _mm_shuffle_epi8(below, byGroup));
+}
+
+using PlaneSplitter = void (*)(const uint8_t* row, uint64_t available, uint64_t groups,
+                               const Planes& planes);
+
+__attribute__((target("ssse3"))) void PlanesSsse3(const uint8_t* row, uint64_t available,
+                                                  uint64_t groups, const Planes& planes) {
+    uint64_t g = 0;
+    for (; g < groups && 6 * g + 28 <= available; g += 4) {
+        const uint8_t* src = row + 6 * g;
+        Planes4(Load128(src), Load128(src + 12), planes.luma + 4 * g, planes.up + 3 * g,
+                planes.down + 3 * g);
+    }
+    for (; g < groups; ++g) GroupPlanes(row + 6 * g, g, planes);
+}
+
+__attribute__((target("avx2"))) void PlanesAvx2(const uint8_t* row, uint64_t available,
+                                                uint64_t groups, const Planes& planes) {
+    // Lanes hold groups 0..3 and 4..7; the offsets' 12 bytes a lane are closed up by dwords.
+    const __m256i close = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7);
+    uint64_t g = 0;
+    for (; g < groups && 6 * g + 52 <= available; g += 8) {
+        const uint8_t* src = row + 6 * g;
+        const __m256i window0 = Window(src), window2 = Window(src + 12);
+        const __m256i chroma = _mm256_srai_epi16(
+            _mm256_or_si256(_mm256_shuffle_epi8(window0, Both(kMasks.chromaLow)),
+                            _mm256_shuffle_epi8(window2, Both(kMasks.chromaHigh))),
+            8);
+        __m256i above, below;
+        Offsets(chroma, above, below);
+        const __m256i byGroup = Both(kPlaneMasks.byGroup);
+        _mm256_storeu_si256(
+            reinterpret_cast<__m256i*>(planes.luma + 4 * g),
+            _mm256_or_si256(_mm256_shuffle_epi8(window0, Both(kPlaneMasks.lumaLow)),
+                            _mm256_shuffle_epi8(window2, Both(kPlaneMasks.lumaHigh))));
+        _mm256_storeu_si256(
+            reinterpret_cast<__m256i*>(planes.up + 3 * g),
+            _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(above, byGroup), close));
+        _mm256_storeu_si256(
+            reinterpret_cast<__m256i*>(planes.down + 3 * g),
+            _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(below, byGroup), close));
+    }
+    // The last groups by one more chunk where the source goes on (the planes have room).
+    for (; g < groups && 6 * g + 28 <= available; g += 4) {
+        const uint8_t* src = row + 6 * g;
+        Planes4(Load128(src), Load128(src + 12), planes.luma + 4 * g, planes.up + 3 * g,
+                planes.down + 3 * g);
+    }
+    for (; g < groups; ++g) GroupPlanes(row + 6 * g, g, planes);
+}
+
+// For each 16 output bytes of a row: where they go, the windows they come from and the shuffles
+// within them. The last block overlaps the one before it rather than pass the row's end.
+struct Picks {
+    std::vector<uint32_t> outAt, lumaAt, offsetAt;
+    std::vector<std::array<int8_t, 16>> lumaMask, offsetMask;
+};
+
+// False when the kept columns leave gaps in the output row, or lie too far apart for a window.
+bool MakePicks(const FrameGeometry& geometry, const int32_t* map, Picks& picks) {
+    std::vector<uint32_t> column;  // source column of each output pixel
+    for (uint64_t i = 0; i < geometry.groupsPerRow * 4; ++i) {
+        if (map[i] < 0) continue;
+        if (uint64_t(map[i]) != 3 * column.size()) return false;
+        column.push_back(static_cast<uint32_t>(i));
+    }
+    const uint64_t bytes = 3 * column.size();
+    if (bytes < 16) return false;
+    for (uint64_t at = 0;; at += 16) {
+        at = std::min(at, bytes - 16);
+        const uint32_t first = column[at / 3], group = first / 4;
+        std::array<int8_t, 16> luma{}, offset{};
+        for (int j = 0; j < 16; ++j) {
+            const uint32_t c = column[(at + j) / 3];
+            const uint32_t lumaAt = c - first, offsetAt = 3 * (c / 4 - group) + (at + j) % 3;
+            if (lumaAt > 15 || offsetAt > 15) return false;
+            luma[j] = static_cast<int8_t>(lumaAt);
+            offset[j] = static_cast<int8_t>(offsetAt);
+        }
+        picks.outAt.push_back(static_cast<uint32_t>(at));
+        picks.lumaAt.push_back(first);
+        picks.offsetAt.push_back(3 * group);
+        picks.lumaMask.push_back(luma);
+        picks.offsetMask.push_back(offset);
+        if (at + 16 == bytes) return true;
+    }
+}
+
+__attribute__((target("ssse3"))) inline __m128i Pick16(const Picks& picks, size_t k,
+                                                       const Planes& planes) {
+    const __m128i at = Load128(picks.offsetMask[k].data());
+    const __m128i luma =
+        _mm_shuffle_epi8(Load128(planes.luma + picks.lumaAt[k]), Load128(picks.lumaMask[k].data()));
+    const __m128i up = _mm_shuffle_epi8(Load128(planes.up + picks.offsetAt[k]), at);
+    const __m128i down = _mm_shuffle_epi8(Load128(planes.down + picks.offsetAt[k]), at);
+    return _mm_subs_epu8(_mm_adds_epu8(luma, up), down);
+}
+
+using Picker = void (*)(const Picks& picks, const Planes& planes, uint8_t* out);
+
+__attribute__((target("ssse3"))) void PickSsse3(const Picks& picks, const Planes& planes,
+                                                uint8_t* out) {
+    const size_t blocks = picks.outAt.size();
+    for (size_t k = 0; k < blocks; ++k) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + picks.outAt[k]),
+                         Pick16(picks, k, planes));
+    }
+}
+
+__attribute__((target("avx2"))) inline __m256i Windows(const uint8_t* plane, uint32_t low,
+                                                       uint32_t high) {
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(Load128(plane + low)),
+                                   Load128(plane + high), 1);
+}
+
+// Two blocks at a time, one in each lane; all but the last block follow one another.
+__attribute__((target("avx2"))) void PickAvx2(const Picks& picks, const Planes& planes,
+                                              uint8_t* out) {
+    const size_t blocks = picks.outAt.size();
+    const uint32_t* lumaAt = picks.lumaAt.data();
+    const uint32_t* offsetAt = picks.offsetAt.data();
+    const int8_t* lumaMask = picks.lumaMask.data()->data();
+    const int8_t* offsetMask = picks.offsetMask.data()->data();
+    const uint8_t* luma = planes.luma;
+    const uint8_t* up = planes.up;
+    const uint8_t* down = planes.down;
+    size_t k = 0;
+    for (; k + 3 <= blocks; k += 2) {
+        const __m256i at =
+            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(offsetMask + 16 * k));
+        const __m256i lumaShuffle =
+            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(lumaMask + 16 * k));
+        const uint32_t o0 = offsetAt[k], o1 = offsetAt[k + 1];
+        const __m256i y = _mm256_shuffle_epi8(Windows(luma, lumaAt[k], lumaAt[k + 1]), lumaShuffle);
+        const __m256i above = _mm256_shuffle_epi8(Windows(up, o0, o1), at);
+        const __m256i below = _mm256_shuffle_epi8(Windows(down, o0, o1), at);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + 16 * k),
+                            _mm256_subs_epu8(_mm256_adds_epu8(y, above), below));
+    }
+    for (; k < blocks; ++k) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + picks.outAt[k]),
+                         Pick16(picks, k, planes));
+    }
+}
+
+struct VectorPath {
+    RowConverter convertRow;
+    RunCopier copyRuns;
+    bool gathers;
+    PlaneSplitter split;
+    Picker pick;
+};
+
+// The tables for the last map converted on this thread: a live view keeps its size for long.
+struct PickCache {
+    std::vector<int32_t> map;
+    bool pickable = false;
+    Picks picks;
+    std::vector<uint8_t> scratch;
+};
+
+void ConvertPicked(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
+                   const int32_t* map, uint8_t* pixels, const VectorPath& path) {
+    thread_local PickCache cache;
+    const size_t columns = static_cast<size_t>(geometry.groupsPerRow * 4);
+    bool pickable = false;
+    try {
+        if (cache.map.size() != columns ||
+            std::memcmp(cache.map.data(), map, columns * sizeof(int32_t)) != 0) {
+            cache = PickCache();
+            // Every column kept in place goes straight into the output row by the whole-row path.
+            cache.pickable =
+                geometry.width != geometry.outWidth && MakePicks(geometry, map, cache.picks);
+            if (cache.pickable) {
+                cache.scratch.resize(
+                    2 * (static_cast<size_t>(geometry.groupsPerRow * 10) + 3 * kPlaneSlack));
+            }
+            cache.map.assign(map, map + columns);
+        }
+        pickable = cache.pickable;
+    } catch (const std::bad_alloc&) {
+        cache = PickCache();
+    }
+    const Picks& picks = cache.picks;
+    std::vector<uint8_t>& scratch = cache.scratch;
+    int32_t y = 0;
+    if (pickable) {
+        const uint64_t groups = geometry.groupsPerRow;
+        const uint64_t rowBytes = groups * 6;
+        const uint64_t stride = static_cast<uint64_t>(geometry.outWidth) * 3;
+        // Whole rows only; a block that stops short ends in the whole-row path.
+        const auto whole = [&](int32_t row) {
+            const uint64_t rowStart = static_cast<uint64_t>(row) * rowBytes;
+            return source && row < geometry.height && rowStart < sourceSize &&
+                   sourceSize - rowStart >= rowBytes;
+        };
+        // Two sets of planes: a row is split one row ahead of its picking, so that the windows
+        // read stores that have left the store buffer (a window across pending stores stalls).
+        const uint64_t set = groups * 10 + 3 * kPlaneSlack;
+        Planes planes[2];
+        for (int k = 0; k < 2; ++k) {
+            uint8_t* base = scratch.data() + k * set;
+            planes[k] = {base, base + 4 * groups + kPlaneSlack,
+                         base + 7 * groups + 2 * kPlaneSlack};
+        }
+        const auto split = [&](int32_t row) {
+            const uint64_t rowStart = static_cast<uint64_t>(row) * rowBytes;
+            path.split(source + rowStart, sourceSize - rowStart, groups, planes[row & 1]);
+        };
+        if (whole(0)) split(0);
+        for (; whole(y); ++y) {
+            if (whole(y + 1)) split(y + 1);
+            path.pick(
+                picks, planes[y & 1],
+                pixels + static_cast<uint64_t>(geometry.height - 1 - y) * stride + geometry.pad);
+        }
+    }
+    ConvertVector(source, sourceSize, geometry, map, pixels, path.convertRow, path.copyRuns,
+                  path.gathers, y);
+}
+
 }  // namespace
 
 PixelPath FastestPixelPath() {
@@ -410,9 +695,11 @@ void ConvertPixels(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
                    const int32_t* map, uint8_t* pixels, PixelPath path) {
     path = std::min(path, FastestPixelPath());
     if (path == PixelPath::Avx2) {
-        ConvertVector(source, sourceSize, geometry, map, pixels, RowAvx2, CopyRunsAvx2, true);
+        ConvertPicked(source, sourceSize, geometry, map, pixels,
+                      {RowAvx2, CopyRunsAvx2, true, PlanesAvx2, PickAvx2});
     } else if (path == PixelPath::Ssse3) {
-        ConvertVector(source, sourceSize, geometry, map, pixels, RowSsse3, CopyRunsSsse3, false);
+        ConvertPicked(source, sourceSize, geometry, map, pixels,
+                      {RowSsse3, CopyRunsSsse3, false, PlanesSsse3, PickSsse3});
     } else {
         ConvertPixelsPlain(source, sourceSize, geometry, map, pixels);
     }
