@@ -628,9 +628,11 @@ void ConvertPicked(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
         if (cache.map.size() != columns ||
             std::memcmp(cache.map.data(), map, columns * sizeof(int32_t)) != 0) {
             cache = PickCache();
-            // Every column kept in place goes straight into the output row by the whole-row path.
-            cache.pickable =
-                geometry.width != geometry.outWidth && MakePicks(geometry, map, cache.picks);
+            // Picking pays where it leaves many columns uncomputed: from a quarter of the row on
+            // (measured: 9 columns to 8 are faster whole, 4 to 3 and 9 to 4 faster picked). Every
+            // column kept in place goes straight into the output row by the whole-row path.
+            cache.pickable = int64_t(geometry.width) * 4 >= int64_t(geometry.outWidth) * 5 &&
+                             MakePicks(geometry, map, cache.picks);
             if (cache.pickable) {
                 cache.scratch.resize(
                     2 * (static_cast<size_t>(geometry.groupsPerRow * 10) + 3 * kPlaneSlack));
