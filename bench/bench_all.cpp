@@ -116,9 +116,10 @@ void Conversion(uint32_t width, uint32_t height) {
     };
     const double fast = convert(orq::preview::FastestPixelPath(), image);
     const double loop = convert(orq::preview::PixelPath::Plain, plain);
-    std::vector<uint8_t> narrow(g.Allocation());
+    std::vector<uint8_t> narrow(g.Allocation()), narrowest(g.Allocation());
     const double ssse3 = convert(orq::preview::PixelPath::Ssse3, narrow);
-    const bool exact = image == plain && narrow == plain;
+    const double sse2 = convert(orq::preview::PixelPath::Sse2, narrowest);
+    const bool exact = image == plain && narrow == plain && narrowest == plain;
     // libyuv at the output size from planes of that size (its converter neither scales nor
     // reads this layout: a lower bound for a converter of the same frame).
     std::vector<uint8_t> y(size_t(g.outWidth) * height), u(y.size() / 4 + g.outWidth), v(u.size()),
@@ -134,7 +135,7 @@ void Conversion(uint32_t width, uint32_t height) {
                   g.outWidth, height, exact ? "" : " (NOT EXACT)");
     Row(figure, Text("%.3f", fast * 1e9 / pixels),
         Text("libyuv %.3f", yuv * 1e9 / pixels) + Text(", plain %.2f", loop * 1e9 / pixels) +
-            Text(", ssse3 %.3f", ssse3 * 1e9 / pixels),
+            Text(", ssse3 %.3f", ssse3 * 1e9 / pixels) + Text(", sse2 %.3f", sse2 * 1e9 / pixels),
         "<= 0.3, exact", exact && fast * 1e9 / pixels <= 0.3);
 }
 

@@ -4,8 +4,9 @@
 // bytes. A map that shrinks the row picks its kept columns while converting (see "Kept columns
 // only" below); any other map, and a block that stops short, converts rows whole into a scratch
 // row (one pixel per source column) and copies the kept columns out in runs of neighbours.
-// Processors without SSSE3 take the plain loop: every step here, splitting the source and
-// picking columns, is a byte shuffle (pshufb).
+// Splitting the source and picking columns are byte shuffles (pshufb, SSSE3); with SSE2 alone
+// rows are converted whole in 16-bit words and put in order by unpacks and shifts. Other
+// processors take the plain loop.
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -82,12 +83,12 @@ constexpr int32_t Pair(int16_t low, int16_t high) {
 }
 constexpr int32_t kBlue = Pair(7258, 0), kGreen = Pair(-1411, -2925), kRed = Pair(0, 5743);
 
-__attribute__((target("ssse3"))) inline __m128i Load128(const void* at) {
+__attribute__((target("sse2"))) inline __m128i Load128(const void* at) {
     return _mm_loadu_si128(static_cast<const __m128i*>(at));
 }
 
 // A channel's offset for each group: (2048 + u * low + v * high) >> 12.
-__attribute__((target("ssse3"))) inline __m128i Term(__m128i chroma, int32_t pair) {
+__attribute__((target("sse2"))) inline __m128i Term(__m128i chroma, int32_t pair) {
     return _mm_srai_epi32(
         _mm_add_epi32(_mm_madd_epi16(chroma, _mm_set1_epi32(pair)), _mm_set1_epi32(2048)), 12);
 }
@@ -100,7 +101,7 @@ __attribute__((target("avx2"))) inline __m256i Term(__m256i chroma, int32_t pair
 
 // Offsets above and below zero as bytes, laid out {blue 0..3, green 0..3, red 0..3, red 0..3} by
 // group, from the (u, v) pairs of four groups.
-__attribute__((target("ssse3"))) inline void Offsets(__m128i chroma, __m128i& up, __m128i& down) {
+__attribute__((target("sse2"))) inline void Offsets(__m128i chroma, __m128i& up, __m128i& down) {
     const __m128i zero = _mm_setzero_si128();
     const __m128i blueGreen = _mm_packs_epi32(Term(chroma, kBlue), Term(chroma, kGreen));
     const __m128i red = Term(chroma, kRed);
@@ -178,10 +179,84 @@ __attribute__((target("avx2"))) inline void Chunk32(const uint8_t* src, uint8_t*
     _mm256_storeu_si256(to + 2, _mm256_permute2x128_si256(out1, out2, 0x31));
 }
 
+// ---- Without byte shuffles (SSE2) ----
+// Pixels are made in 16-bit words (luma plus its group's offset, packed with unsigned saturation)
+// and put in output order by unpacks and shifts.
+
+// Two groups (bytes u y0 v y1 y2 y3 each) as one a 64-bit lane: words (y0:u) (y1:v) (y3:y2) twice.
+__attribute__((target("sse2"))) inline __m128i Spread(__m128i twoGroups) {
+    const __m128i dwords = _mm_shuffle_epi32(twoGroups, _MM_SHUFFLE(2, 1, 1, 0));
+    return _mm_shufflehi_epi16(_mm_shufflelo_epi16(dwords, _MM_SHUFFLE(2, 2, 1, 0)),
+                               _MM_SHUFFLE(3, 3, 2, 1));
+}
+
+// Four pixels as B G R 0 in dwords: their 12 bytes, the first pixel's at 0, bytes 12..15 zero.
+// `pairs` leaves them as two runs of six bytes at 0 and 8 instead.
+__attribute__((target("sse2"))) inline __m128i Pairs(__m128i pixels) {
+    const __m128i low = _mm_set_epi32(0, -1, 0, -1);
+    return _mm_or_si128(_mm_and_si128(pixels, low),
+                        _mm_srli_epi64(_mm_andnot_si128(low, pixels), 8));
+}
+
+__attribute__((target("sse2"))) inline void StorePairs(__m128i pixels, uint8_t* dst) {
+    const __m128i pairs = Pairs(pixels);
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(dst), pairs);
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(dst + 6), _mm_srli_si128(pairs, 8));
+}
+
+// Four groups at src into 48 bytes at dst, nothing written past them; reads 28 source bytes.
+__attribute__((target("sse2"))) inline void Chunk16Sse2(const uint8_t* src, uint8_t* dst) {
+    const __m128i spread0 = Spread(Load128(src)), spread1 = Spread(Load128(src + 12));
+    const __m128i pairs = _mm_castps_si128(_mm_shuffle_ps(
+        _mm_castsi128_ps(spread0), _mm_castsi128_ps(spread1), _MM_SHUFFLE(2, 0, 2, 0)));
+    const __m128i chroma = _mm_srai_epi16(_mm_slli_epi16(pairs, 8), 8);
+    const __m128i blueGreen = _mm_packs_epi32(Term(chroma, kBlue), Term(chroma, kGreen));
+    const __m128i red = Term(chroma, kRed);
+    const __m128i redRed = _mm_packs_epi32(red, red);
+    // (y3:y2) times 256 keeps y2 in the high byte.
+    const __m128i scale = _mm_setr_epi16(1, 1, 256, 1, 1, 1, 256, 1);
+    const __m128i luma0 = _mm_srli_epi16(_mm_mullo_epi16(spread0, scale), 8);
+    const __m128i luma1 = _mm_srli_epi16(_mm_mullo_epi16(spread1, scale), 8);
+    // Each group's offset in its four pixels' words: groups 0, 1 with luma0, 2, 3 with luma1.
+    const auto channel = [&](__m128i twice) {
+        return _mm_packus_epi16(_mm_add_epi16(luma0, _mm_unpacklo_epi32(twice, twice)),
+                                _mm_add_epi16(luma1, _mm_unpackhi_epi32(twice, twice)));
+    };
+    const __m128i blue = channel(_mm_unpacklo_epi16(blueGreen, blueGreen));
+    const __m128i green = channel(_mm_unpackhi_epi16(blueGreen, blueGreen));
+    const __m128i redBytes = channel(_mm_unpacklo_epi16(redRed, redRed));
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i bg0 = _mm_unpacklo_epi8(blue, green), bg1 = _mm_unpackhi_epi8(blue, green);
+    const __m128i r0 = _mm_unpacklo_epi8(redBytes, zero), r1 = _mm_unpackhi_epi8(redBytes, zero);
+    StorePairs(_mm_unpacklo_epi16(bg0, r0), dst);
+    StorePairs(_mm_unpackhi_epi16(bg0, r0), dst + 12);
+    StorePairs(_mm_unpacklo_epi16(bg1, r1), dst + 24);
+    // The last twelve bytes exactly: 8 + 4.
+    const __m128i pairs3 = Pairs(_mm_unpackhi_epi16(bg1, r1));
+    const __m128i last =
+        _mm_or_si128(_mm_move_epi64(pairs3), _mm_slli_si128(_mm_srli_si128(pairs3, 8), 6));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(dst + 36), last);
+    const int32_t tail = _mm_cvtsi128_si32(_mm_srli_si128(last, 8));
+    std::memcpy(dst + 44, &tail, 4);
+}
+
 // Converts a row's first `groups` groups to dst; `available` bytes may be read from row. With
 // `spare`, dst has kScratchSlack bytes behind them for a last chunk that passes the end.
 using RowConverter = void (*)(const uint8_t* row, uint64_t available, uint64_t groups, uint8_t* dst,
                               bool spare);
+
+__attribute__((target("sse2"))) void RowSse2(const uint8_t* row, uint64_t available,
+                                             uint64_t groups, uint8_t* dst, bool spare) {
+    uint64_t g = 0;
+    for (; g + 4 <= groups && 6 * g + 28 <= available; g += 4) {
+        Chunk16Sse2(row + 6 * g, dst + 12 * g);
+    }
+    if (spare && g < groups && 6 * g + 28 <= available) {
+        Chunk16Sse2(row + 6 * g, dst + 12 * g);
+        return;
+    }
+    for (; g < groups; ++g) GroupPlain(row + 6 * g, dst + 12 * g);
+}
 
 __attribute__((target("ssse3"))) void RowSsse3(const uint8_t* row, uint64_t available,
                                                uint64_t groups, uint8_t* dst, bool spare) {
@@ -259,8 +334,8 @@ std::vector<Run> MakeRuns(const FrameGeometry& geometry, const int32_t* map) {
 // A row's kept columns from scratch into the output row; scratch has kScratchSlack behind it.
 using RunCopier = void (*)(const std::vector<Run>& runs, const uint8_t* scratch, uint8_t* out);
 
-__attribute__((target("ssse3"))) void CopyRunsSsse3(const std::vector<Run>& runs,
-                                                    const uint8_t* scratch, uint8_t* out) {
+__attribute__((target("sse2"))) void CopyRunsSse2(const std::vector<Run>& runs,
+                                                  const uint8_t* scratch, uint8_t* out) {
     for (const Run& run : runs) {
         uint8_t* to = out + run.to;
         const uint8_t* from = scratch + run.from;
@@ -628,9 +703,9 @@ void ConvertPicked(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
         if (cache.map.size() != columns ||
             std::memcmp(cache.map.data(), map, columns * sizeof(int32_t)) != 0) {
             cache = PickCache();
-            // Picking pays where it leaves many columns uncomputed: from a quarter of the row on
-            // (measured: 9 columns to 8 are faster whole, 4 to 3 and 9 to 4 faster picked). Every
-            // column kept in place goes straight into the output row by the whole-row path.
+            // Picking pays where it leaves a fifth of the columns or more uncomputed (measured: 9
+            // columns to 8 are faster whole, 4 to 3 and 9 to 4 faster picked). Every column kept
+            // in place goes straight into the output row by the whole-row path.
             cache.pickable = int64_t(geometry.width) * 4 >= int64_t(geometry.outWidth) * 5 &&
                              MakePicks(geometry, map, cache.picks);
             if (cache.pickable) {
@@ -639,7 +714,7 @@ void ConvertPicked(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
             }
             cache.map.assign(map, map + columns);
         }
-        pickable = cache.pickable;
+        pickable = cache.pickable && path.pick;
     } catch (const std::bad_alloc&) {
         cache = PickCache();
     }
@@ -688,6 +763,7 @@ PixelPath FastestPixelPath() {
         __builtin_cpu_init();
         if (__builtin_cpu_supports("avx2")) return PixelPath::Avx2;
         if (__builtin_cpu_supports("ssse3")) return PixelPath::Ssse3;
+        if (__builtin_cpu_supports("sse2")) return PixelPath::Sse2;
         return PixelPath::Plain;
     }();
     return fastest;
@@ -701,7 +777,10 @@ void ConvertPixels(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
                       {RowAvx2, CopyRunsAvx2, true, PlanesAvx2, PickAvx2});
     } else if (path == PixelPath::Ssse3) {
         ConvertPicked(source, sourceSize, geometry, map, pixels,
-                      {RowSsse3, CopyRunsSsse3, false, PlanesSsse3, PickSsse3});
+                      {RowSsse3, CopyRunsSse2, false, PlanesSsse3, PickSsse3});
+    } else if (path == PixelPath::Sse2) {
+        ConvertPicked(source, sourceSize, geometry, map, pixels,
+                      {RowSse2, CopyRunsSse2, false, nullptr, nullptr});
     } else {
         ConvertPixelsPlain(source, sourceSize, geometry, map, pixels);
     }

@@ -37,7 +37,7 @@ void BuildColumnMap(const FrameGeometry& geometry, std::vector<int32_t>& map);
 // Converts the rows that source holds (a short block leaves the remaining rows as they were)
 // into pixels, the first byte after the header; rows run bottom-up as in a BMP file. Every path
 // gives the same bytes; ConvertPixels takes the fastest this processor runs.
-enum class PixelPath { Plain, Ssse3, Avx2 };
+enum class PixelPath { Plain, Sse2, Ssse3, Avx2 };
 PixelPath FastestPixelPath();
 void ConvertPixels(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
                    const int32_t* map, uint8_t* pixels);

@@ -73,14 +73,15 @@ TEST(PreviewImage, VectorPathsMatchThePlainOneOnEverySizeAndShortBlock) {
                  {720, 480, -1},   {1920, 1080, -1},   {300, 240, -1}, {5, 100, -1},
                  {7, 5, -1},       {1, 1, -1},         {322, 241, -1}, {322, 241, 116403},
                  {360, 240, 5430}, {720, 240, 129658}, {322, 241, 5},  {322, 241, 0}};
+    // One size on every path in turn, widest first: what a path keeps for a size is not another's.
     using orq::preview::PixelPath;
-    for (PixelPath path : {PixelPath::Ssse3, PixelPath::Avx2}) {
-        if (path > orq::preview::FastestPixelPath()) continue;
-        for (const auto& c : cases) {
-            const long whole = long((c.width - 1) / 4 + 1) * 6 * c.height;
-            const Bytes source = RandomBytes(size_t(c.size < 0 ? whole : c.size), c.width);
-            EXPECT_EQ(Convert(source, c.width, c.height, path),
-                      Convert(source, c.width, c.height, PixelPath::Plain))
+    for (const auto& c : cases) {
+        const long whole = long((c.width - 1) / 4 + 1) * 6 * c.height;
+        const Bytes source = RandomBytes(size_t(c.size < 0 ? whole : c.size), c.width);
+        const Bytes plain = Convert(source, c.width, c.height, PixelPath::Plain);
+        for (PixelPath path : {PixelPath::Avx2, PixelPath::Ssse3, PixelPath::Sse2}) {
+            if (path > orq::preview::FastestPixelPath()) continue;
+            EXPECT_EQ(Convert(source, c.width, c.height, path), plain)
                 << "path " << int(path) << ", " << c.width << "x" << c.height << ", "
                 << source.size() << " bytes";
         }
