@@ -5,10 +5,9 @@
 // only" below); any other map, and a block that stops short, converts rows whole into a scratch
 // row (one pixel per source column) and copies the kept columns out in runs of neighbours.
 // Splitting the source and picking columns are byte shuffles (pshufb, SSSE3); with SSE2 alone
-// rows are converted whole in 16-bit words and put in order by unpacks and shifts. Other
-// processors take the plain loop.
+// rows are converted whole in 16-bit words, put in order by unpacks and shifts, and copied out in
+// runs. Other processors take the plain loop.
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -27,6 +26,10 @@ namespace orq::preview {
 namespace {
 
 constexpr int kLumaAt[4] = {1, 3, 4, 5};
+// Where Offsets puts a group's blue (0), green (1) and red (2) offset.
+constexpr int OffsetAt(int channel, int group) {
+    return channel == 1 ? 8 + group : 2 * group + channel / 2;
+}
 // Scratch has this much room behind its last pixel: the run copies read up to 32 bytes past a
 // run, and a last chunk of four groups may write up to three groups past the row.
 constexpr size_t kScratchSlack = 64;
@@ -50,7 +53,7 @@ void GroupPlain(const uint8_t* group, uint8_t* out) {
 // holds output bytes 16r .. 16r + 15 and reads a window of 16 source bytes starting at 6r.
 struct Masks {
     alignas(16) int8_t luma[3][16];
-    alignas(16) int8_t offset[3][16];   // into {blue 0..3, green 0..3, red 0..3} by group
+    alignas(16) int8_t offset[3][16];   // into Offsets' bytes, by OffsetAt
     alignas(16) int8_t chromaLow[16];   // u and v as the high bytes of 16-bit pairs, groups 0..2
     alignas(16) int8_t chromaHigh[16];  // group 3, from the window at 12
 };
@@ -62,7 +65,7 @@ constexpr Masks MakeMasks() {
             const int byte = 16 * r + j, pixel = byte / 3, channel = byte % 3;
             const int group = pixel / 4;
             m.luma[r][j] = static_cast<int8_t>(6 * group + kLumaAt[pixel % 4] - 6 * r);
-            m.offset[r][j] = static_cast<int8_t>(4 * channel + group);
+            m.offset[r][j] = static_cast<int8_t>(OffsetAt(channel, group));
         }
     }
     for (int j = 0; j < 16; ++j) m.chromaLow[j] = m.chromaHigh[j] = -128;
@@ -82,43 +85,42 @@ constexpr int32_t Pair(int16_t low, int16_t high) {
                                 static_cast<uint32_t>(static_cast<uint16_t>(high)) << 16);
 }
 constexpr int32_t kBlue = Pair(7258, 0), kGreen = Pair(-1411, -2925), kRed = Pair(0, 5743);
+constexpr int32_t kBlueRed = Pair(7258, 5743);
 
 __attribute__((target("sse2"))) inline __m128i Load128(const void* at) {
     return _mm_loadu_si128(static_cast<const __m128i*>(at));
 }
 
-// A channel's offset for each group: (2048 + u * low + v * high) >> 12.
+// A channel's offset for each group: (2048 + u * low + v * high) >> 12, from (u, v) pairs.
 __attribute__((target("sse2"))) inline __m128i Term(__m128i chroma, int32_t pair) {
     return _mm_srai_epi32(
         _mm_add_epi32(_mm_madd_epi16(chroma, _mm_set1_epi32(pair)), _mm_set1_epi32(2048)), 12);
 }
 
-__attribute__((target("avx2"))) inline __m256i Term(__m256i chroma, int32_t pair) {
-    return _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(chroma, _mm256_set1_epi32(pair)),
-                                              _mm256_set1_epi32(2048)),
-                             12);
-}
-
-// Offsets above and below zero as bytes, laid out {blue 0..3, green 0..3, red 0..3, red 0..3} by
-// group, from the (u, v) pairs of four groups.
-__attribute__((target("sse2"))) inline void Offsets(__m128i chroma, __m128i& up, __m128i& down) {
+// Offsets above and below zero as bytes, laid out {blue, red} by group then green 0..3 twice
+// (OffsetAt), from (8u, 8v) pairs of four groups: pmulhrsw's (8u * c + 2^14) >> 15 is
+// (2048 + c * u) >> 12; green sums its two products first. Unsigned saturation packs the negative
+// offsets to zero.
+__attribute__((target("ssse3"))) inline void Offsets(__m128i chroma, __m128i& up, __m128i& down) {
+    const __m128i blueRed = _mm_mulhrs_epi16(chroma, _mm_set1_epi32(kBlueRed));
+    const __m128i green = _mm_srai_epi32(
+        _mm_add_epi32(_mm_madd_epi16(chroma, _mm_set1_epi32(kGreen)), _mm_set1_epi32(1 << 14)), 15);
+    const __m128i greenTwice = _mm_packs_epi32(green, green);
     const __m128i zero = _mm_setzero_si128();
-    const __m128i blueGreen = _mm_packs_epi32(Term(chroma, kBlue), Term(chroma, kGreen));
-    const __m128i red = Term(chroma, kRed);
-    const __m128i redRed = _mm_packs_epi32(red, red);
-    up = _mm_packus_epi16(_mm_max_epi16(blueGreen, zero), _mm_max_epi16(redRed, zero));
-    down = _mm_packus_epi16(_mm_max_epi16(_mm_sub_epi16(zero, blueGreen), zero),
-                            _mm_max_epi16(_mm_sub_epi16(zero, redRed), zero));
+    up = _mm_packus_epi16(blueRed, greenTwice);
+    down = _mm_packus_epi16(_mm_sub_epi16(zero, blueRed), _mm_sub_epi16(zero, greenTwice));
 }
 
 __attribute__((target("avx2"))) inline void Offsets(__m256i chroma, __m256i& up, __m256i& down) {
+    const __m256i blueRed = _mm256_mulhrs_epi16(chroma, _mm256_set1_epi32(kBlueRed));
+    const __m256i green =
+        _mm256_srai_epi32(_mm256_add_epi32(_mm256_madd_epi16(chroma, _mm256_set1_epi32(kGreen)),
+                                           _mm256_set1_epi32(1 << 14)),
+                          15);
+    const __m256i greenTwice = _mm256_packs_epi32(green, green);
     const __m256i zero = _mm256_setzero_si256();
-    const __m256i blueGreen = _mm256_packs_epi32(Term(chroma, kBlue), Term(chroma, kGreen));
-    const __m256i red = Term(chroma, kRed);
-    const __m256i redRed = _mm256_packs_epi32(red, red);
-    up = _mm256_packus_epi16(_mm256_max_epi16(blueGreen, zero), _mm256_max_epi16(redRed, zero));
-    down = _mm256_packus_epi16(_mm256_max_epi16(_mm256_sub_epi16(zero, blueGreen), zero),
-                               _mm256_max_epi16(_mm256_sub_epi16(zero, redRed), zero));
+    up = _mm256_packus_epi16(blueRed, greenTwice);
+    down = _mm256_packus_epi16(_mm256_sub_epi16(zero, blueRed), _mm256_sub_epi16(zero, greenTwice));
 }
 
 // One output register: luma plus offset, saturated both ways.
@@ -147,7 +149,7 @@ __attribute__((target("ssse3"))) inline void Chunk16(const uint8_t* src, uint8_t
     const __m128i chroma =
         _mm_srai_epi16(_mm_or_si128(_mm_shuffle_epi8(window0, Load128(kMasks.chromaLow)),
                                     _mm_shuffle_epi8(window2, Load128(kMasks.chromaHigh))),
-                       8);
+                       5);
     __m128i up, down;
     Offsets(chroma, up, down);
     auto* to = reinterpret_cast<__m128i*>(dst);
@@ -166,7 +168,7 @@ __attribute__((target("avx2"))) inline void Chunk32(const uint8_t* src, uint8_t*
     const __m256i chroma =
         _mm256_srai_epi16(_mm256_or_si256(_mm256_shuffle_epi8(window0, Both(kMasks.chromaLow)),
                                           _mm256_shuffle_epi8(window2, Both(kMasks.chromaHigh))),
-                          8);
+                          5);
     __m256i up, down;
     Offsets(chroma, up, down);
     const __m256i out0 = Channels(window0, 0, up, down);
@@ -475,223 +477,217 @@ void ConvertVector(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
 
 // ---- Kept columns only ----------------------------------------------------------------------
 // When the kept columns fill the output row in order (every map that shrinks or keeps the width),
-// a row goes in two passes: the source is split into a luma plane (one byte per column) and the
-// offsets above and below zero of each group (blue, green, red: three bytes a group); then each
-// 16 output bytes are picked from 16-byte windows of those planes by shuffles that a table holds,
-// the same for every row. Only kept pixels are computed and stored.
+// each four groups (16 columns) are converted in one register: their luma and offsets stay there,
+// and up to three 16-byte pieces of output are picked from them by shuffles that a table holds,
+// the same for every row. Only kept pixels are computed and stored. Pieces go one after another,
+// a lane's first at the output byte of its first kept column, so that what a piece writes past
+// its lane's pixels the next lane writes over; the last lanes of a row go through a local buffer.
 
-struct PlaneMasks {
+struct PickMasks {
     alignas(16) int8_t lumaLow[16];   // groups 0 and 1 from the window at 0
     alignas(16) int8_t lumaHigh[16];  // groups 2 and 3 from the window at 12
-    alignas(16) int8_t byGroup[16];   // {blue 0..3, green 0..3, red 0..3} to blue, green, red
 };
 
-constexpr PlaneMasks MakePlaneMasks() {
-    PlaneMasks m{};
-    for (int j = 0; j < 16; ++j) m.lumaLow[j] = m.lumaHigh[j] = m.byGroup[j] = -128;
+constexpr PickMasks MakePickMasks() {
+    PickMasks m{};
+    for (int j = 0; j < 16; ++j) m.lumaLow[j] = m.lumaHigh[j] = -128;
     for (int j = 0; j < 8; ++j) {
         m.lumaLow[j] = m.lumaHigh[j + 8] = static_cast<int8_t>(6 * (j / 4) + kLumaAt[j % 4]);
     }
-    for (int j = 0; j < 12; ++j) m.byGroup[j] = static_cast<int8_t>(4 * (j % 3) + j / 3);
     return m;
 }
-constexpr PlaneMasks kPlaneMasks = MakePlaneMasks();
+constexpr PickMasks kPickMasks = MakePickMasks();
 
-// A row's planes; each has room behind it for a window read past its last group.
-struct Planes {
-    uint8_t* luma;  // 4 bytes a group
-    uint8_t* up;    // 3 bytes a group
-    uint8_t* down;
-};
-constexpr size_t kPlaneSlack = 48;
-
-void GroupPlanes(const uint8_t* group, uint64_t g, const Planes& planes) {
-    const int32_t u = static_cast<int8_t>(group[0]);
-    const int32_t v = static_cast<int8_t>(group[2]);
-    const int32_t offsets[3] = {(2048 + 7258 * u) >> 12, (2048 - 1411 * u - 2925 * v) >> 12,
-                                (2048 + 5743 * v) >> 12};
-    for (int k = 0; k < 4; ++k) planes.luma[4 * g + k] = group[kLumaAt[k]];
-    for (int c = 0; c < 3; ++c) {
-        planes.up[3 * g + c] = static_cast<uint8_t>(std::max(offsets[c], 0));
-        planes.down[3 * g + c] = static_cast<uint8_t>(std::max(-offsets[c], 0));
-    }
-}
-
-// Four groups' planes from the windows at src and src + 12: 16 luma bytes, 12 bytes of each
-// offset plane (16 written).
-__attribute__((target("ssse3"))) inline void Planes4(__m128i window0, __m128i window2,
-                                                     uint8_t* luma, uint8_t* up, uint8_t* down) {
-    const __m128i chroma =
-        _mm_srai_epi16(_mm_or_si128(_mm_shuffle_epi8(window0, Load128(kMasks.chromaLow)),
-                                    _mm_shuffle_epi8(window2, Load128(kMasks.chromaHigh))),
-                       8);
-    __m128i above, below;
-    Offsets(chroma, above, below);
-    const __m128i byGroup = Load128(kPlaneMasks.byGroup);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(luma),
-                     _mm_or_si128(_mm_shuffle_epi8(window0, Load128(kPlaneMasks.lumaLow)),
-                                  _mm_shuffle_epi8(window2, Load128(kPlaneMasks.lumaHigh))));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(up), _mm_shuffle_epi8(above, byGroup));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(down), _mm_shuffle_epi8(below, byGroup));
-}
-
-using PlaneSplitter = void (*)(const uint8_t* row, uint64_t available, uint64_t groups,
-                               const Planes& planes);
-
-__attribute__((target("ssse3"))) void PlanesSsse3(const uint8_t* row, uint64_t available,
-                                                  uint64_t groups, const Planes& planes) {
-    uint64_t g = 0;
-    for (; g < groups && 6 * g + 28 <= available; g += 4) {
-        const uint8_t* src = row + 6 * g;
-        Planes4(Load128(src), Load128(src + 12), planes.luma + 4 * g, planes.up + 3 * g,
-                planes.down + 3 * g);
-    }
-    for (; g < groups; ++g) GroupPlanes(row + 6 * g, g, planes);
-}
-
-__attribute__((target("avx2"))) void PlanesAvx2(const uint8_t* row, uint64_t available,
-                                                uint64_t groups, const Planes& planes) {
-    // Lanes hold groups 0..3 and 4..7; the offsets' 12 bytes a lane are closed up by dwords.
-    const __m256i close = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 7, 7);
-    uint64_t g = 0;
-    for (; g < groups && 6 * g + 52 <= available; g += 8) {
-        const uint8_t* src = row + 6 * g;
-        const __m256i window0 = Window(src), window2 = Window(src + 12);
-        const __m256i chroma = _mm256_srai_epi16(
-            _mm256_or_si256(_mm256_shuffle_epi8(window0, Both(kMasks.chromaLow)),
-                            _mm256_shuffle_epi8(window2, Both(kMasks.chromaHigh))),
-            8);
-        __m256i above, below;
-        Offsets(chroma, above, below);
-        const __m256i byGroup = Both(kPlaneMasks.byGroup);
-        _mm256_storeu_si256(
-            reinterpret_cast<__m256i*>(planes.luma + 4 * g),
-            _mm256_or_si256(_mm256_shuffle_epi8(window0, Both(kPlaneMasks.lumaLow)),
-                            _mm256_shuffle_epi8(window2, Both(kPlaneMasks.lumaHigh))));
-        _mm256_storeu_si256(
-            reinterpret_cast<__m256i*>(planes.up + 3 * g),
-            _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(above, byGroup), close));
-        _mm256_storeu_si256(
-            reinterpret_cast<__m256i*>(planes.down + 3 * g),
-            _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(below, byGroup), close));
-    }
-    // The last groups by one more chunk where the source goes on (the planes have room).
-    for (; g < groups && 6 * g + 28 <= available; g += 4) {
-        const uint8_t* src = row + 6 * g;
-        Planes4(Load128(src), Load128(src + 12), planes.luma + 4 * g, planes.up + 3 * g,
-                planes.down + 3 * g);
-    }
-    for (; g < groups; ++g) GroupPlanes(row + 6 * g, g, planes);
-}
-
-// For each 16 output bytes of a row: where they go, the windows they come from and the shuffles
-// within them. The last block overlaps the one before it rather than pass the row's end.
+// Per lane of four groups: where its output starts, and per piece its shuffles of luma and of
+// offsets. Lanes go in pairs (eight groups) so that the two lanes' shuffles are 32 bytes in a row:
+// piece r of pair p at 64 * (pieces * p + r): luma of both lanes, then offsets of both.
 struct Picks {
-    std::vector<uint32_t> outAt, lumaAt, offsetAt;
-    std::vector<std::array<int8_t, 16>> lumaMask, offsetMask;
+    int pieces = 0;
+    std::vector<int8_t> masks;
+    std::vector<uint32_t> outAt;  // per lane, and the row's kept bytes behind the last
+    size_t direct = 0;            // leading lanes whose pieces all end inside the kept bytes
+    // Per lane of 16 bytes or more, the shuffles of its last 16 bytes (luma, then offsets): the
+    // lanes behind `direct` end with them instead of passing the kept bytes.
+    std::vector<int8_t> lastMasks;
 };
 
-// False when the kept columns leave gaps in the output row, or lie too far apart for a window.
+// False when the kept columns leave gaps in the output row.
 bool MakePicks(const FrameGeometry& geometry, const int32_t* map, Picks& picks) {
-    std::vector<uint32_t> column;  // source column of each output pixel
-    for (uint64_t i = 0; i < geometry.groupsPerRow * 4; ++i) {
+    const size_t columns = static_cast<size_t>(geometry.groupsPerRow * 4);
+    const size_t lanes = (static_cast<size_t>(geometry.groupsPerRow) + 7) / 8 * 2;
+    std::vector<std::vector<uint32_t>> kept(lanes);  // columns each lane keeps
+    uint32_t count = 0;
+    for (size_t i = 0; i < columns; ++i) {
         if (map[i] < 0) continue;
-        if (uint64_t(map[i]) != 3 * column.size()) return false;
-        column.push_back(static_cast<uint32_t>(i));
+        if (uint64_t(map[i]) != 3 * uint64_t(count)) return false;
+        kept[i / 16].push_back(static_cast<uint32_t>(i % 16));
+        ++count;
     }
-    const uint64_t bytes = 3 * column.size();
-    if (bytes < 16) return false;
-    for (uint64_t at = 0;; at += 16) {
-        at = std::min(at, bytes - 16);
-        const uint32_t first = column[at / 3], group = first / 4;
-        std::array<int8_t, 16> luma{}, offset{};
-        for (int j = 0; j < 16; ++j) {
-            const uint32_t c = column[(at + j) / 3];
-            const uint32_t lumaAt = c - first, offsetAt = 3 * (c / 4 - group) + (at + j) % 3;
-            if (lumaAt > 15 || offsetAt > 15) return false;
-            luma[j] = static_cast<int8_t>(lumaAt);
-            offset[j] = static_cast<int8_t>(offsetAt);
+    picks.pieces = 1;
+    for (const auto& lane : kept) {
+        picks.pieces = std::max(picks.pieces, static_cast<int>(lane.size() * 3 + 15) / 16);
+    }
+    const int pieces = picks.pieces;
+    picks.masks.assign(lanes / 2 * pieces * 64, -128);
+    picks.lastMasks.assign(lanes * 32, -128);
+    uint32_t at = 0;
+    for (size_t l = 0; l < lanes; ++l) {
+        picks.outAt.push_back(at);
+        const size_t bytes = 3 * kept[l].size();
+        for (size_t j = 0; j < bytes; ++j) {
+            const uint32_t column = kept[l][j / 3];
+            const int8_t luma = static_cast<int8_t>(column);
+            const int8_t offset = static_cast<int8_t>(
+                OffsetAt(static_cast<int>(j % 3), static_cast<int>(column / 4)));
+            int8_t* piece = &picks.masks[64 * (pieces * (l / 2) + j / 16) + 16 * (l % 2) + j % 16];
+            piece[0] = luma;
+            piece[32] = offset;
+            if (bytes >= 16 && j + 16 >= bytes) {
+                picks.lastMasks[32 * l + j + 16 - bytes] = luma;
+                picks.lastMasks[32 * l + j + 32 - bytes] = offset;
+            }
         }
-        picks.outAt.push_back(static_cast<uint32_t>(at));
-        picks.lumaAt.push_back(first);
-        picks.offsetAt.push_back(3 * group);
-        picks.lumaMask.push_back(luma);
-        picks.offsetMask.push_back(offset);
-        if (at + 16 == bytes) return true;
+        at += static_cast<uint32_t>(bytes);
+    }
+    picks.outAt.push_back(at);
+    while (picks.direct < lanes && picks.outAt[picks.direct] + 16 * pieces <= at) ++picks.direct;
+    return true;
+}
+
+// Four groups' luma (16 columns) and offsets in a register from the windows at src and src + 12.
+__attribute__((target("ssse3"))) inline void Lane(__m128i window0, __m128i window2, __m128i& luma,
+                                                  __m128i& up, __m128i& down) {
+    Offsets(_mm_srai_epi16(_mm_or_si128(_mm_shuffle_epi8(window0, Load128(kMasks.chromaLow)),
+                                        _mm_shuffle_epi8(window2, Load128(kMasks.chromaHigh))),
+                           5),
+            up, down);
+    luma = _mm_or_si128(_mm_shuffle_epi8(window0, Load128(kPickMasks.lumaLow)),
+                        _mm_shuffle_epi8(window2, Load128(kPickMasks.lumaHigh)));
+}
+
+// 16 output bytes from a lane's registers by the luma shuffle at masks and the offset shuffle
+// `apart` bytes behind it.
+__attribute__((target("ssse3"))) inline __m128i Piece(__m128i luma, __m128i up, __m128i down,
+                                                      const int8_t* masks, int apart = 32) {
+    const __m128i at = Load128(masks + apart);
+    return _mm_subs_epu8(
+        _mm_adds_epu8(_mm_shuffle_epi8(luma, Load128(masks)), _mm_shuffle_epi8(up, at)),
+        _mm_shuffle_epi8(down, at));
+}
+
+// One lane at src (reads 28 bytes), its pieces from `masks` stored at out.
+template <int kPieces>
+__attribute__((target("ssse3"))) inline void PickLane(const uint8_t* src, const int8_t* masks,
+                                                      uint8_t* out) {
+    __m128i luma, up, down;
+    Lane(Load128(src), Load128(src + 12), luma, up, down);
+    for (int r = 0; r < kPieces; ++r) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16 * r),
+                         Piece(luma, up, down, masks + 64 * r));
     }
 }
 
-__attribute__((target("ssse3"))) inline __m128i Pick16(const Picks& picks, size_t k,
-                                                       const Planes& planes) {
-    const __m128i at = Load128(picks.offsetMask[k].data());
-    const __m128i luma =
-        _mm_shuffle_epi8(Load128(planes.luma + picks.lumaAt[k]), Load128(picks.lumaMask[k].data()));
-    const __m128i up = _mm_shuffle_epi8(Load128(planes.up + picks.offsetAt[k]), at);
-    const __m128i down = _mm_shuffle_epi8(Load128(planes.down + picks.offsetAt[k]), at);
-    return _mm_subs_epu8(_mm_adds_epu8(luma, up), down);
-}
-
-using Picker = void (*)(const Picks& picks, const Planes& planes, uint8_t* out);
-
-__attribute__((target("ssse3"))) void PickSsse3(const Picks& picks, const Planes& planes,
-                                                uint8_t* out) {
-    const size_t blocks = picks.outAt.size();
-    for (size_t k = 0; k < blocks; ++k) {
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + picks.outAt[k]),
-                         Pick16(picks, k, planes));
-    }
-}
-
-__attribute__((target("avx2"))) inline __m256i Windows(const uint8_t* plane, uint32_t low,
-                                                       uint32_t high) {
-    return _mm256_inserti128_si256(_mm256_castsi128_si256(Load128(plane + low)),
-                                   Load128(plane + high), 1);
-}
-
-// Two blocks at a time, one in each lane; all but the last block follow one another.
-__attribute__((target("avx2"))) void PickAvx2(const Picks& picks, const Planes& planes,
-                                              uint8_t* out) {
-    const size_t blocks = picks.outAt.size();
-    const uint32_t* lumaAt = picks.lumaAt.data();
-    const uint32_t* offsetAt = picks.offsetAt.data();
-    const int8_t* lumaMask = picks.lumaMask.data()->data();
-    const int8_t* offsetMask = picks.offsetMask.data()->data();
-    const uint8_t* luma = planes.luma;
-    const uint8_t* up = planes.up;
-    const uint8_t* down = planes.down;
-    size_t k = 0;
-    for (; k + 3 <= blocks; k += 2) {
+// Two lanes at src (reads 52 bytes), stored at out0 and then at out1.
+template <int kPieces>
+__attribute__((target("avx2"))) inline void PickPair(const uint8_t* src, const int8_t* masks,
+                                                     uint8_t* out0, uint8_t* out1) {
+    const __m256i window0 = Window(src), window2 = Window(src + 12);
+    __m256i up, down;
+    Offsets(
+        _mm256_srai_epi16(_mm256_or_si256(_mm256_shuffle_epi8(window0, Both(kMasks.chromaLow)),
+                                          _mm256_shuffle_epi8(window2, Both(kMasks.chromaHigh))),
+                          5),
+        up, down);
+    const __m256i luma = _mm256_or_si256(_mm256_shuffle_epi8(window0, Both(kPickMasks.lumaLow)),
+                                         _mm256_shuffle_epi8(window2, Both(kPickMasks.lumaHigh)));
+    __m256i out[kPieces];
+    for (int r = 0; r < kPieces; ++r) {
         const __m256i at =
-            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(offsetMask + 16 * k));
-        const __m256i lumaShuffle =
-            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(lumaMask + 16 * k));
-        const uint32_t o0 = offsetAt[k], o1 = offsetAt[k + 1];
-        const __m256i y = _mm256_shuffle_epi8(Windows(luma, lumaAt[k], lumaAt[k + 1]), lumaShuffle);
-        const __m256i above = _mm256_shuffle_epi8(Windows(up, o0, o1), at);
-        const __m256i below = _mm256_shuffle_epi8(Windows(down, o0, o1), at);
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + 16 * k),
-                            _mm256_subs_epu8(_mm256_adds_epu8(y, above), below));
+            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(masks + 64 * r + 32));
+        const __m256i y = _mm256_shuffle_epi8(
+            luma, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(masks + 64 * r)));
+        out[r] = _mm256_subs_epu8(_mm256_adds_epu8(y, _mm256_shuffle_epi8(up, at)),
+                                  _mm256_shuffle_epi8(down, at));
     }
-    for (; k < blocks; ++k) {
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + picks.outAt[k]),
-                         Pick16(picks, k, planes));
+    for (int r = 0; r < kPieces; ++r) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out0 + 16 * r), _mm256_castsi256_si128(out[r]));
     }
+    for (int r = 0; r < kPieces; ++r) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out1 + 16 * r),
+                         _mm256_extracti128_si256(out[r], 1));
+    }
+}
+
+// Lane l exactly: its whole pieces, then its last 16 bytes; a lane of fewer bytes, or whose
+// window would pass the block, through local buffers (the columns past the row are dropped).
+template <int kPieces>
+__attribute__((target("ssse3"))) void PickLaneExactly(const uint8_t* row, uint64_t available,
+                                                      const Picks& picks, size_t l, uint8_t* out) {
+    const uint32_t bytes = picks.outAt[l + 1] - picks.outAt[l];
+    if (bytes == 0) return;
+    const int8_t* masks = picks.masks.data() + 64 * kPieces * (l / 2) + 16 * (l % 2);
+    out += picks.outAt[l];
+    if (bytes >= 16 && 24 * l + 28 <= available) {
+        __m128i luma, up, down;
+        Lane(Load128(row + 24 * l), Load128(row + 24 * l + 12), luma, up, down);
+        for (uint32_t r = 0; r < bytes / 16; ++r) {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + 16 * r),
+                             Piece(luma, up, down, masks + 64 * r));
+        }
+        const int8_t* last = picks.lastMasks.data() + 32 * l;
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + bytes - 16),
+                         Piece(luma, up, down, last, 16));
+        return;
+    }
+    uint8_t src[28] = {}, local[48];
+    std::memcpy(src, row + 24 * l, static_cast<size_t>(std::min<uint64_t>(28, available - 24 * l)));
+    PickLane<kPieces>(src, masks, local);
+    std::memcpy(out, local, bytes);
+}
+
+// A whole row; `available` source bytes from row on, at least the row's.
+using Picker = void (*)(const uint8_t* row, uint64_t available, const Picks& picks, uint8_t* out);
+
+template <int kPieces>
+__attribute__((target("ssse3"))) void PickSsse3(const uint8_t* row, uint64_t available,
+                                                const Picks& picks, uint8_t* out) {
+    const size_t lanes = picks.outAt.size() - 1;
+    size_t l = 0;
+    for (; l < picks.direct && 24 * l + 28 <= available; ++l) {
+        PickLane<kPieces>(row + 24 * l, picks.masks.data() + 64 * kPieces * (l / 2) + 16 * (l % 2),
+                          out + picks.outAt[l]);
+    }
+    for (; l < lanes; ++l) PickLaneExactly<kPieces>(row, available, picks, l, out);
+}
+
+template <int kPieces>
+__attribute__((target("avx2"))) void PickAvx2(const uint8_t* row, uint64_t available,
+                                              const Picks& picks, uint8_t* out) {
+    const size_t lanes = picks.outAt.size() - 1;
+    const uint32_t* outAt = picks.outAt.data();
+    const int8_t* masks = picks.masks.data();
+    size_t l = 0;
+    for (; l + 2 <= picks.direct && 24 * l + 52 <= available; l += 2, masks += 64 * kPieces) {
+        PickPair<kPieces>(row + 24 * l, masks, out + outAt[l], out + outAt[l + 1]);
+    }
+    for (; l < lanes; ++l) PickLaneExactly<kPieces>(row, available, picks, l, out);
 }
 
 struct VectorPath {
     RowConverter convertRow;
     RunCopier copyRuns;
     bool gathers;
-    PlaneSplitter split;
-    Picker pick;
+    const Picker* pick;  // by pieces - 1
 };
+
+constexpr Picker kPickSsse3[3] = {PickSsse3<1>, PickSsse3<2>, PickSsse3<3>};
+constexpr Picker kPickAvx2[3] = {PickAvx2<1>, PickAvx2<2>, PickAvx2<3>};
 
 // The tables for the last map converted on this thread: a live view keeps its size for long.
 struct PickCache {
     std::vector<int32_t> map;
     bool pickable = false;
     Picks picks;
-    std::vector<uint8_t> scratch;
 };
 
 void ConvertPicked(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
@@ -703,53 +699,26 @@ void ConvertPicked(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
         if (cache.map.size() != columns ||
             std::memcmp(cache.map.data(), map, columns * sizeof(int32_t)) != 0) {
             cache = PickCache();
-            // Picking pays where it leaves a fifth of the columns or more uncomputed (measured: 9
-            // columns to 8 are faster whole, 4 to 3 and 9 to 4 faster picked). Every column kept
-            // in place goes straight into the output row by the whole-row path.
-            cache.pickable = int64_t(geometry.width) * 4 >= int64_t(geometry.outWidth) * 5 &&
-                             MakePicks(geometry, map, cache.picks);
-            if (cache.pickable) {
-                cache.scratch.resize(
-                    2 * (static_cast<size_t>(geometry.groupsPerRow * 10) + 3 * kPlaneSlack));
-            }
+            // Every column kept in place goes straight into the output row by the whole-row path.
+            cache.pickable =
+                geometry.width != geometry.outWidth && MakePicks(geometry, map, cache.picks);
             cache.map.assign(map, map + columns);
         }
         pickable = cache.pickable && path.pick;
     } catch (const std::bad_alloc&) {
         cache = PickCache();
     }
-    const Picks& picks = cache.picks;
-    std::vector<uint8_t>& scratch = cache.scratch;
     int32_t y = 0;
     if (pickable) {
-        const uint64_t groups = geometry.groupsPerRow;
-        const uint64_t rowBytes = groups * 6;
+        const Picker pick = path.pick[cache.picks.pieces - 1];
+        const uint64_t rowBytes = geometry.groupsPerRow * 6;
         const uint64_t stride = static_cast<uint64_t>(geometry.outWidth) * 3;
         // Whole rows only; a block that stops short ends in the whole-row path.
-        const auto whole = [&](int32_t row) {
-            const uint64_t rowStart = static_cast<uint64_t>(row) * rowBytes;
-            return source && row < geometry.height && rowStart < sourceSize &&
-                   sourceSize - rowStart >= rowBytes;
-        };
-        // Two sets of planes: a row is split one row ahead of its picking, so that the windows
-        // read stores that have left the store buffer (a window across pending stores stalls).
-        const uint64_t set = groups * 10 + 3 * kPlaneSlack;
-        Planes planes[2];
-        for (int k = 0; k < 2; ++k) {
-            uint8_t* base = scratch.data() + k * set;
-            planes[k] = {base, base + 4 * groups + kPlaneSlack,
-                         base + 7 * groups + 2 * kPlaneSlack};
-        }
-        const auto split = [&](int32_t row) {
-            const uint64_t rowStart = static_cast<uint64_t>(row) * rowBytes;
-            path.split(source + rowStart, sourceSize - rowStart, groups, planes[row & 1]);
-        };
-        if (whole(0)) split(0);
-        for (; whole(y); ++y) {
-            if (whole(y + 1)) split(y + 1);
-            path.pick(
-                picks, planes[y & 1],
-                pixels + static_cast<uint64_t>(geometry.height - 1 - y) * stride + geometry.pad);
+        for (; source && y < geometry.height; ++y) {
+            const uint64_t rowStart = static_cast<uint64_t>(y) * rowBytes;
+            if (rowStart >= sourceSize || sourceSize - rowStart < rowBytes) break;
+            pick(source + rowStart, sourceSize - rowStart, cache.picks,
+                 pixels + static_cast<uint64_t>(geometry.height - 1 - y) * stride + geometry.pad);
         }
     }
     ConvertVector(source, sourceSize, geometry, map, pixels, path.convertRow, path.copyRuns,
@@ -774,13 +743,13 @@ void ConvertPixels(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
     path = std::min(path, FastestPixelPath());
     if (path == PixelPath::Avx2) {
         ConvertPicked(source, sourceSize, geometry, map, pixels,
-                      {RowAvx2, CopyRunsAvx2, true, PlanesAvx2, PickAvx2});
+                      {RowAvx2, CopyRunsAvx2, true, kPickAvx2});
     } else if (path == PixelPath::Ssse3) {
         ConvertPicked(source, sourceSize, geometry, map, pixels,
-                      {RowSsse3, CopyRunsSse2, false, PlanesSsse3, PickSsse3});
+                      {RowSsse3, CopyRunsSse2, false, kPickSsse3});
     } else if (path == PixelPath::Sse2) {
         ConvertPicked(source, sourceSize, geometry, map, pixels,
-                      {RowSse2, CopyRunsSse2, false, nullptr, nullptr});
+                      {RowSse2, CopyRunsSse2, false, nullptr});
     } else {
         ConvertPixelsPlain(source, sourceSize, geometry, map, pixels);
     }
