@@ -329,6 +329,11 @@ protected:
     std::recursive_mutex propertyLock;
     int32_t reportedZoom = 0;
     int32_t reportedFocus = 0;
+    // A position the camera told: held takes it under propertyLock; true when it changed.
+    bool AdoptLens(int32_t& held, int32_t position, const char* what);
+    // Logs "<what> changed" and calls notify once per change of held.
+    void ReportLens(const int32_t& held, int32_t& reported, const char* what,
+                    void (DeviceLL::*notify)());
 
     // Preview. The frame buffers live in a record shared with the release function of a frame
     // handed out, so that a frame the application still holds outlives this object.

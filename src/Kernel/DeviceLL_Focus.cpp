@@ -29,15 +29,7 @@ OrqResult DeviceLL::PTPManualFocusSet(int32_t position, int32_t* reached) {
 }
 
 void DeviceLL::ReportFocus() {
-    int32_t value = 0;
-    {
-        std::lock_guard<std::recursive_mutex> guard(propertyLock);
-        if (focus == reportedFocus) return;
-        reportedFocus = focus;
-        value = focus;
-    }
-    ORQ_LOG(INF, "focus changed: %d", value);
-    OnFocusChanged();
+    ReportLens(focus, reportedFocus, "focus", &DeviceLL::OnFocusChanged);
 }
 
 OrqResult DeviceLL::UpdateFocusPos() {
@@ -48,16 +40,7 @@ OrqResult DeviceLL::UpdateFocusPos() {
         ORQ_LOG(ERR, "PTPManualFocusGetParams failed");
         return ORQ_ERROR;
     }
-    bool changed = false;
-    {
-        std::lock_guard<std::recursive_mutex> guard(propertyLock);
-        if (position != focus) {
-            focus = position;
-            changed = true;
-            ORQ_LOG(INF, "focus changed from camera: %d", position);
-        }
-    }
-    if (changed) ReportFocus();
+    if (AdoptLens(focus, position, "focus")) ReportFocus();
     return ORQ_OK;
 }
 

@@ -1,5 +1,6 @@
 // Zoom: the one control that runs as a multi-step operation of the main loop, since the lens
-// reports its arrival through an event bit and not in the answer to the command.
+// reports its arrival through an event bit and not in the answer to the command. Also the upward
+// report of a lens position, which focus shares.
 #include <algorithm>
 
 #include "Kernel/DeviceLL.h"
@@ -31,29 +32,33 @@ OrqResult DeviceLL::UpdateZoom() {
             return result;
         }
     }
-    bool changed = false;
-    {
-        std::lock_guard<std::recursive_mutex> guard(propertyLock);
-        if (value != zoom) {
-            zoom = value;
-            changed = true;
-            ORQ_LOG(INF, "zoom changed from camera: %d", value);
-        }
-    }
-    if (changed) ReportZoom();
+    if (AdoptLens(zoom, value, "zoom")) ReportZoom();
     return ORQ_OK;
 }
 
 void DeviceLL::ReportZoom() {
+    ReportLens(zoom, reportedZoom, "zoom", &DeviceLL::OnZoomChanged);
+}
+
+bool DeviceLL::AdoptLens(int32_t& held, int32_t position, const char* what) {
+    std::lock_guard<std::recursive_mutex> guard(propertyLock);
+    if (position == held) return false;
+    held = position;
+    ORQ_LOG(INF, "%s changed from camera: %d", what, position);
+    return true;
+}
+
+void DeviceLL::ReportLens(const int32_t& held, int32_t& reported, const char* what,
+                          void (DeviceLL::*notify)()) {
     int32_t value = 0;
     {
         std::lock_guard<std::recursive_mutex> guard(propertyLock);
-        if (zoom == reportedZoom) return;
-        reportedZoom = zoom;
-        value = zoom;
+        if (held == reported) return;
+        reported = held;
+        value = held;
     }
-    ORQ_LOG(INF, "zoom changed: %d", value);
-    OnZoomChanged();
+    ORQ_LOG(INF, "%s changed: %d", what, value);
+    (this->*notify)();
 }
 
 int32_t DeviceLL::GetZoom() {
