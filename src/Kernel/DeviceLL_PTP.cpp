@@ -22,13 +22,13 @@ struct Simple {
     const char* failure;
 };
 
-bool RunSimple(DeviceLL& camera, Simple op, PtpParams rest = {}) {
+OrqResult RunSimple(DeviceLL& camera, Simple op, PtpParams rest = {}) {
     if (!camera.PtpTransactionRetry(PTP_OC_Vendor, Vendor(op.subCommand, std::move(rest)),
                                     PTP_NO_DATA, nullptr, nullptr)) {
         ORQ_LOG(ERR, "%s", op.failure);
-        return false;
+        return ORQ_ERROR;
     }
-    return true;
+    return ORQ_OK;
 }
 
 }  // namespace
@@ -153,14 +153,11 @@ OrqResult DeviceLL::PTPGetZoom(int32_t& position) {
 
 OrqResult DeviceLL::PTPSetZoom(int32_t position) {
     return RunSimple(*this, {ORQM_SetZoom, "PTP_ORQM_SetZoom failed"},
-                     {static_cast<uint32_t>(position)})
-               ? ORQ_OK
-               : ORQ_ERROR;
+                     {static_cast<uint32_t>(position)});
 }
 
 OrqResult DeviceLL::PTPSetPlayMode() {
-    return RunSimple(*this, {ORQM_Set_Play_Mode, "PTP_ORQM_Set_Play_Mode failed"}) ? ORQ_OK
-                                                                                   : ORQ_ERROR;
+    return RunSimple(*this, {ORQM_Set_Play_Mode, "PTP_ORQM_Set_Play_Mode failed"});
 }
 
 OrqResult DeviceLL::PTPGetOrqmVersion(std::string& version) {
@@ -177,24 +174,24 @@ OrqResult DeviceLL::PTPGetOrqmVersion(std::string& version) {
 }
 
 OrqResult DeviceLL::PTPShoot() {
-    return RunSimple(*this, {ORQM_Shoot, "PTP_ORQM_Shoot failed"}) ? ORQ_OK : ORQ_ERROR;
+    return RunSimple(*this, {ORQM_Shoot, "PTP_ORQM_Shoot failed"});
 }
 
 OrqResult DeviceLL::PTPUpdateAEAF() {
-    return RunSimple(*this, {ORQM_UpdateAEAF, "PTP_ORQM_UpdateAEAF failed"}) ? ORQ_OK : ORQ_ERROR;
+    return RunSimple(*this, {ORQM_UpdateAEAF, "PTP_ORQM_UpdateAEAF failed"});
 }
 
 OrqResult DeviceLL::PTPGetCamLogRequest() {
-    return RunSimple(*this, {ORQM_GetCamLog, "PTP_ORQM_GetCamLog failed"}) ? ORQ_OK : ORQ_ERROR;
+    return RunSimple(*this, {ORQM_GetCamLog, "PTP_ORQM_GetCamLog failed"});
 }
 
 OrqResult DeviceLL::PTPMfOn() {
-    return RunSimple(*this, {ORQM_MfOn, "PTP_ORQM_MfOn failed"}) ? ORQ_OK : ORQ_ERROR;
+    return RunSimple(*this, {ORQM_MfOn, "PTP_ORQM_MfOn failed"});
 }
 
 OrqResult DeviceLL::PTPMfOff() {
     // The camera module reports both switches under one name.
-    return RunSimple(*this, {ORQM_MfOff, "PTP_ORQM_MfOn failed"}) ? ORQ_OK : ORQ_ERROR;
+    return RunSimple(*this, {ORQM_MfOff, "PTP_ORQM_MfOn failed"});
 }
 
 OrqResult DeviceLL::PTPMoveFocusTo(int32_t position, int32_t& reached) {
@@ -234,9 +231,7 @@ OrqResult DeviceLL::PTPGetVBat(uint32_t& current, uint32_t& maximum, uint32_t& m
 }
 
 OrqResult DeviceLL::PTPSetCaptureMode(uint32_t mode) {
-    return RunSimple(*this, {ORQM_SetCaptureMode, "PTP_ORQM_SetCaptureMode failed"}, {mode})
-               ? ORQ_OK
-               : ORQ_ERROR;
+    return RunSimple(*this, {ORQM_SetCaptureMode, "PTP_ORQM_SetCaptureMode failed"}, {mode});
 }
 
 OrqResult DeviceLL::PTPGetSerialNumber(std::u16string& serial) {
@@ -253,13 +248,11 @@ OrqResult DeviceLL::PTPGetSerialNumber(std::u16string& serial) {
 }
 
 OrqResult DeviceLL::PTPReset() {
-    return RunSimple(*this, {ORQM_Reset, "PTP_ORQM_Reset failed"}) ? ORQ_OK : ORQ_ERROR;
+    return RunSimple(*this, {ORQM_Reset, "PTP_ORQM_Reset failed"});
 }
 
 OrqResult DeviceLL::PTPRemoteCaptureStart() {
-    return RunSimple(*this, {ORQM_RemoteCaptureStart, "PTP_ORQM_RemoteCaptureStart failed"})
-               ? ORQ_OK
-               : ORQ_ERROR;
+    return RunSimple(*this, {ORQM_RemoteCaptureStart, "PTP_ORQM_RemoteCaptureStart failed"});
 }
 
 OrqResult DeviceLL::PTPRemoteCaptureIsReady(bool& ready) {
@@ -284,11 +277,11 @@ OrqResult DeviceLL::PTPRemoteCaptureGetData(PtpDataBlock& chunk,
 }
 
 OrqResult DeviceLL::PTPStartVideoRequest() {
-    return RunSimple(*this, {ORQM_StartVideo, "PTP_ORQM_StartVideo failed"}) ? ORQ_OK : ORQ_ERROR;
+    return RunSimple(*this, {ORQM_StartVideo, "PTP_ORQM_StartVideo failed"});
 }
 
 OrqResult DeviceLL::PTPStopVideoRequest() {
-    return RunSimple(*this, {ORQM_StopVideo, "PTP_ORQM_StopVideo failed"}) ? ORQ_OK : ORQ_ERROR;
+    return RunSimple(*this, {ORQM_StopVideo, "PTP_ORQM_StopVideo failed"});
 }
 
 OrqResult DeviceLL::PTPGetMemory(uint32_t address, uint32_t size, PtpDataBlock& block) {
