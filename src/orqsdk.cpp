@@ -47,20 +47,27 @@ Result InnerRunWithDev(OrqSessionHandle session, Result notFound, Work& work) {
     return value;
 }
 
+// The frame's catch-all, also used alone by exports without a session: no exception gets out
+// into C code.
 template <class Result, class Work>
-Result RunWithDev(OrqSessionHandle session, Result failure, Result notFound, Work work) {
-    if (!session) {
-        ORQ_LOG(ERR, "RunWithDev session is null");
-        return failure;
-    }
+Result Guarded(Result failure, Work work) {
     try {
-        return InnerRunWithDev(session, notFound, work);
+        return work();
     } catch (const std::exception& error) {
         ORQ_LOG(ERR, "RunWithDev std::exception: %s", error.what());
     } catch (...) {
         ORQ_LOG(ERR, "RunWithDev unknown exception");
     }
     return failure;
+}
+
+template <class Result, class Work>
+Result RunWithDev(OrqSessionHandle session, Result failure, Result notFound, Work work) {
+    if (!session) {
+        ORQ_LOG(ERR, "RunWithDev session is null");
+        return failure;
+    }
+    return Guarded(failure, [&] { return InnerRunWithDev(session, notFound, work); });
 }
 
 template <class Work>
@@ -84,19 +91,6 @@ OrqSubscription SubscribeDevice(OrqSessionHandle session, Callback callback, voi
     return static_cast<OrqSubscription>(RunPointer(session, [&](Device* device) -> void* {
         return select(device).Subscribe(callback, context);
     }));
-}
-
-// Exports without the frame still never let an exception out into C code.
-template <class Result, class Work>
-Result Guarded(Result failure, Work work) {
-    try {
-        return work();
-    } catch (const std::exception& error) {
-        ORQ_LOG(ERR, "RunWithDev std::exception: %s", error.what());
-    } catch (...) {
-        ORQ_LOG(ERR, "RunWithDev unknown exception");
-    }
-    return failure;
 }
 
 }  // namespace
