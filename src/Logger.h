@@ -33,7 +33,7 @@ void TrimLogFile(const std::u16string& path, uint64_t maxBytes = 0x100000);
 using LogSink = void (*)(uint32_t log, const char* line, size_t size);
 void SetLogSink(LogSink sink);
 
-// Full paths of the two logs (valid after the first LogWrite or LogPaths call).
+// Full paths of the two logs; asking sets the logger up if no line has yet.
 std::u16string MainLogPath();
 std::u16string ApiLogPath();
 

@@ -1,5 +1,6 @@
 // The few operating-system services the SDK needs above the USB transport. One implementation
-// per platform (Platform_posix.cpp, Platform_win32.cpp); nothing else includes a system header.
+// per platform (Platform_posix.cpp, Platform_win32.cpp); besides them only the USB backends
+// (UsbLib_LibUsb.cpp, UsbLib_WinUsb.h) and DllMain_win32.cpp include a system header.
 #pragma once
 
 #include <cstdint>
