@@ -563,7 +563,7 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
             size_t size = std::max<size_t>(
                 4096, static_cast<size_t>(ms.count()) * options.videoBytesPerSecond / 1000);
             Bytes movie = JpegLike(size, nextHandle);
-            // A QuickTime file starts with its size and an ftyp atom.
+            // A movie file starts with its size and an ftyp atom.
             const char ftyp[] =
                 "\0\0\0\x14"
                 "ftypqt  ";

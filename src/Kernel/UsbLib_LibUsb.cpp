@@ -264,10 +264,7 @@ public:
         result = libusb_claim_interface(handle, found.number);
         if (result != 0) {
             if (result == LIBUSB_ERROR_BUSY) {
-                ORQ_LOG(ERR,
-                        "Device %S is busy: another program holds it (a photo importer or "
-                        "gphoto2?)",
-                        path.c_str());
+                ORQ_LOG(ERR, "Device %S is busy: another program holds it", path.c_str());
             } else {
                 ORQ_LOG(ERR, "libusb_claim_interface Error %d", result);
             }
