@@ -306,8 +306,8 @@ OrqResult Device::PeriodicPoll() {
 }
 
 void Device::FailDevice(OrqResult code) {
-    // Calls in the meantime hear "not ready", not a cause that may yet turn out to be a pull.
-    result = code == ORQ_BATTERY_LOW ? code : ORQ_DEVICE_NOT_READY;
+    // Stored before the flag clears: a call that finds the flag clear finds the cause with it.
+    result = code;
     started = false;
     ORQ_LOG(ERR, "Camera failed: %d", code);
     if (code != ORQ_BATTERY_LOW) {
@@ -319,10 +319,9 @@ void Device::FailDevice(OrqResult code) {
             queueCondition.wait_for(guard, milliseconds(500), [this] { return halting.load(); });
         }
         if (!IsConnected()) {
-            code = ORQ_DISCONNECTED;
+            result = ORQ_DISCONNECTED;
             ORQ_LOG(ERR, "Camera disconnected");
         }
-        result = code;
     }
     OrqResult reported = static_cast<OrqResult>(result.load());
     cameraErrorEvent.Raise([reported](OrqCameraErrorCallback callback, void* context) {
