@@ -4,6 +4,8 @@
 #include <cstdarg>
 #include <cstdint>
 
+#include "Utf16.h"
+
 namespace orqcam {
 
 Io io;
@@ -27,30 +29,9 @@ int ExitFor(OrqResult result) {
 }
 
 std::string Utf8(const OrqChar* text) {
-    std::string out;
-    for (; text && *text; ++text) {
-        auto c = static_cast<uint32_t>(static_cast<uint16_t>(*text));
-        if (c >= 0xD800 && c <= 0xDBFF && text[1] >= 0xDC00 && text[1] <= 0xDFFF) {
-            c = 0x10000 + ((c - 0xD800) << 10) + (static_cast<uint16_t>(text[1]) - 0xDC00);
-            ++text;
-        }
-        if (c < 0x80) {
-            out += static_cast<char>(c);
-        } else if (c < 0x800) {
-            out += static_cast<char>(0xC0 | (c >> 6));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        } else if (c < 0x10000) {
-            out += static_cast<char>(0xE0 | (c >> 12));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (c >> 18));
-            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (c & 0x3F));
-        }
-    }
-    return out;
+    size_t size = 0;
+    while (text && text[size]) ++size;
+    return orq::text::Utf16ToUtf8(text, size);
 }
 
 std::string Lower(std::string text) {

@@ -3,6 +3,8 @@
 #include <cctype>
 #include <cstdlib>
 
+#include "Utf16.h"
+
 namespace orqcam {
 
 namespace {
@@ -21,18 +23,6 @@ struct Reader {
             return true;
         }
         return false;
-    }
-    static void Utf8(unsigned code, std::string& out) {
-        if (code < 0x80) {
-            out += static_cast<char>(code);
-        } else if (code < 0x800) {
-            out += static_cast<char>(0xC0 | (code >> 6));
-            out += static_cast<char>(0x80 | (code & 0x3F));
-        } else {
-            out += static_cast<char>(0xE0 | (code >> 12));
-            out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (code & 0x3F));
-        }
     }
     bool String(std::string& out) {
         if (!Take('"')) return false;
@@ -73,7 +63,7 @@ struct Reader {
                     char* end = nullptr;
                     unsigned long code = std::strtoul(hex.c_str(), &end, 16);
                     if (*end) return false;
-                    Utf8(static_cast<unsigned>(code), out);
+                    orq::text::AppendUtf8(static_cast<uint32_t>(code), out);
                     i += 4;
                     break;
                 }
