@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -83,6 +84,8 @@ struct EmulatedUsbBus::Device {
         UMockdevIoctlData* data;  // the submitted urb, its buffer resolved to a local copy
         int moved = 0;
         int status = 0;
+        // A discarded urb comes back a little later, as from real hardware.
+        std::chrono::steady_clock::time_point due{};
     };
 
     std::string sysPath;
@@ -93,6 +96,7 @@ struct EmulatedUsbBus::Device {
     Holder holder = Holder::None;
     bool removed = false;
     int bulkSubmits = 0;
+    size_t unreapedAtRelease = 0;
     std::deque<Urb> pending;   // submitted, not finished
     std::deque<Urb> finished;  // to be reaped, in this order
     std::vector<uint8_t> scratch;
@@ -143,6 +147,7 @@ struct EmulatedUsbBus::Device {
             case USBDEVFS_RELEASEINTERFACE:
                 // The host closes the device (umockdev does not tell when the node is closed).
                 if (endpoint) endpoint->Abort();
+                unreapedAtRelease = pending.size() + finished.size();
                 return Complete(client, removed ? ENODEV : 0);
             case USBDEVFS_SUBMITURB:
                 return Submit(client, arg);
@@ -183,6 +188,7 @@ struct EmulatedUsbBus::Device {
         for (auto it = pending.begin(); it != pending.end(); ++it) {
             if (it->data->client_addr != address) continue;
             it->status = -ENOENT;
+            it->due = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
             finished.push_back(*it);
             pending.erase(it);
             return Complete(client, 0);
@@ -199,6 +205,8 @@ struct EmulatedUsbBus::Device {
                 break;
             }
         }
+        if (!finished.empty() && finished.front().due > std::chrono::steady_clock::now())
+            return Complete(client, EAGAIN);
         if (finished.empty()) return Complete(client, removed ? ENODEV : EAGAIN);
         Urb urb = finished.front();
         finished.pop_front();
@@ -363,6 +371,11 @@ void EmulatedUsbBus::Unplug(const std::u16string& path) {
 int EmulatedUsbBus::BulkSubmits(const std::u16string& path) const {
     std::lock_guard<std::mutex> guard(EmulationLock());
     return devices.at(path)->bulkSubmits;
+}
+
+size_t EmulatedUsbBus::UnreapedAtRelease(const std::u16string& path) const {
+    std::lock_guard<std::mutex> guard(EmulationLock());
+    return devices.at(path)->unreapedAtRelease;
 }
 
 }  // namespace orqtest

@@ -44,6 +44,8 @@ public:
     void Unplug(const std::u16string& path);
     // Bulk transfers the host has handed the device.
     int BulkSubmits(const std::u16string& path) const;
+    // Transfers submitted and not yet taken back when the host last released the interface.
+    size_t UnreapedAtRelease(const std::u16string& path) const;
 
     struct Device;
 

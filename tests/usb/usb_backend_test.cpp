@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <thread>
 
 #include "tests/usb/EmulatedUsb.h"
@@ -130,15 +131,17 @@ protected:
     }
     // Whether a 12-byte read that waits on the device succeeds when `interrupt` runs meanwhile.
     bool BlockedReadInterruptedBy(const std::function<void()>& interrupt) {
-        std::atomic<bool> result{true};
-        std::thread reader([&] {
+        auto read = std::async(std::launch::async, [this] {
             Bytes buffer(12);
-            result = Read(device, buffer);
+            return Read(device, buffer);
         });
         std::this_thread::sleep_for(300ms);
         interrupt();
-        reader.join();
-        return result;
+        if (read.wait_for(5s) != std::future_status::ready) {
+            ADD_FAILURE() << "the interrupted read never came back";
+            std::abort();  // its thread still uses the fixture
+        }
+        return read.get();
     }
 
     std::u16string path;
@@ -212,7 +215,11 @@ TEST_F(UsbTransferTest, FailuresAreLoggedWithLibusbNumbers) {
 TEST_F(UsbTransferTest, CloseFromAnotherThreadOrACablePullFailsABlockedReadAtOnce) {
     LogWatch log;
     auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(BlockedReadInterruptedBy([&] { usb->CloseDevice(device); }));
+    EXPECT_FALSE(BlockedReadInterruptedBy([&] {
+        usb->CloseDevice(device);
+        // The handle went only once the cancelled transfer had come back.
+        EXPECT_EQ(bus.UnreapedAtRelease(path), 0u);
+    }));
     // Cancelled, not left to the 5 s pipe timeout (which reports the same code after a close).
     EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
     EXPECT_TRUE(log.Has("UsbRead failed -4"));
