@@ -28,17 +28,6 @@ TEST(MemoryManager, FreeRunsTheFunctionOnceAndForgetsThePointer) {
     EXPECT_EQ(CountContaining(LogLinesSince(start), "OrqFree: unknown pointer"), 1);
 }
 
-TEST(MemoryManager, RegisteringAgainReplacesTheEntry) {
-    int first = 0, second = 0, object = 0;
-    memmgr::Register(
-        &object, [&](void*) { ++first; }, __FILE__, __LINE__);
-    memmgr::Register(
-        &object, [&](void*) { ++second; }, __FILE__, __LINE__);
-    memmgr::Free(&object);
-    EXPECT_EQ(first, 0);
-    EXPECT_EQ(second, 1);
-}
-
 TEST(MemoryManager, AFreeFunctionMayRegisterAndFree) {
     int inner = 0, outer = 0, innerRuns = 0;
     memmgr::Register(

@@ -126,57 +126,6 @@ TEST(ValueTables, SingularSpellings) {
     EXPECT_EQ(wb.FromCamera(9)->value, 9);
 }
 
-TEST(FocusTables, ShapeAndAnchors) {
-    struct Row {
-        size_t zoomStep;
-        std::array<int32_t, 3> first, last;
-    };
-    struct Shape {
-        std::u16string model;
-        size_t entries;   // a slip in any one list length shows here
-        int32_t largest;  // the smallest starts the first list
-        std::vector<Row> rows;
-    };
-    // clang-format off
-    const Shape shapes[] = {
-        {u"SX150", 24993, 487805,
-         {{0, {69, 70, 71}, {1855, 2450, 3722}},
-          {125, {1081, 1082, 1083}, {187266, 270270, 487805}}}},
-        {u"SX160", 78814, 1694915,
-         {{0, {68, 69, 70}, {3350, 4168, 6437}},
-          {125, {676, 677, 678}, {689655, 917431, 1369863}}}},
-    };
-    // clang-format on
-    for (const Shape& shape : shapes) {
-        SCOPED_TRACE(std::string(shape.model.begin(), shape.model.end()));
-        const FocusTable& table = FindCameraConfig(shape.model)->focusTable;
-        ASSERT_EQ(table.size(), 126u);
-        size_t entries = 0;
-        int32_t largest = INT32_MIN;
-        for (size_t z = 0; z < table.size(); ++z) {
-            const std::vector<int32_t>& list = table[z];
-            ASSERT_FALSE(list.empty()) << z;
-            EXPECT_TRUE(std::adjacent_find(list.begin(), list.end(),
-                                           std::greater_equal<int32_t>()) == list.end())
-                << "not strictly ascending at zoom step " << z;
-            entries += list.size();
-            EXPECT_GE(list.front(), table[0].front()) << z;
-            largest = std::max(largest, list.back());
-        }
-        EXPECT_EQ(entries, shape.entries);
-        EXPECT_EQ(largest, shape.largest);
-        for (const Row& row : shape.rows) {
-            const std::vector<int32_t>& list = table[row.zoomStep];
-            EXPECT_TRUE(std::equal(row.first.begin(), row.first.end(), list.begin()))
-                << row.zoomStep;
-            EXPECT_TRUE(std::equal(row.last.begin(), row.last.end(), list.end() - 3))
-                << row.zoomStep;
-        }
-    }
-    // The SX170 shares the SX160's table; which models have one at all is checked with the kinds.
-    EXPECT_EQ(FindCameraConfig(u"SX170")->focusTable, FindCameraConfig(u"SX160")->focusTable);
-}
-
 TEST(FindCameraConfig, FirstModelInTableOrderWhoseCodeOccurs) {
     // A code inside a longer model number still matches.
     EXPECT_EQ(FindCameraConfig(u"Quillo Snapwise SX400 Plus")->name, u"SX40");

@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #ifdef _WIN32
@@ -165,15 +164,6 @@ TEST(Files, OpenFileAndReadFileUseTheNonAsciiNameAsGiven) {
     contents = "untouched";
     EXPECT_FALSE(ReadFile(path, contents));
     EXPECT_EQ(OpenFile(path, "rb"), nullptr);
-}
-
-TEST(Threads, CurrentThreadIdIsStableWithinAndDistinctAcrossThreads) {
-    uint64_t here = CurrentThreadId();
-    EXPECT_EQ(CurrentThreadId(), here);
-    uint64_t there = here;
-    std::thread other([&] { there = CurrentThreadId(); });
-    other.join();
-    EXPECT_NE(there, here);
 }
 
 }  // namespace
