@@ -373,8 +373,19 @@ __attribute__((target("avx2"))) void CopyRunsAvx2(const std::vector<Run>& runs,
     }
 }
 
-// The kept columns as one chain of single pixels from the row's start, by AVX2 gathers: for
-// maps whose runs are too short to copy one by one. from holds each output pixel's scratch offset.
+// The kept columns as one chain of single pixels from the row's start: for maps whose runs are
+// too short to copy one by one. from holds each output pixel's scratch offset.
+using PixelGatherer = void (*)(const std::vector<int32_t>& from, const uint8_t* scratch,
+                               uint8_t* out);
+
+// By 4-byte copies, each but the last written over by the next pixel.
+void GatherPixelsWords(const std::vector<int32_t>& from, const uint8_t* scratch, uint8_t* out) {
+    const size_t pixels = from.size();
+    for (size_t j = 0; j + 1 < pixels; ++j) std::memcpy(out + 3 * j, scratch + from[j], 4);
+    if (pixels > 0) std::memcpy(out + 3 * (pixels - 1), scratch + from[pixels - 1], 3);
+}
+
+// By AVX2 gathers.
 __attribute__((target("avx2"))) void GatherPixelsAvx2(const std::vector<int32_t>& from,
                                                       const uint8_t* scratch, uint8_t* out) {
     const size_t pixels = from.size();
@@ -396,7 +407,7 @@ __attribute__((target("avx2"))) void GatherPixelsAvx2(const std::vector<int32_t>
 
 void ConvertVector(const uint8_t* source, uint64_t sourceSize, const FrameGeometry& geometry,
                    const int32_t* map, uint8_t* pixels, RowConverter convertRow, RunCopier copyRuns,
-                   bool gathers, int32_t firstRow = 0) {
+                   PixelGatherer gatherPixels, int32_t firstRow = 0) {
     std::vector<Run> runs;
     std::vector<uint8_t> scratch;
     std::vector<int32_t> gather;
@@ -404,7 +415,7 @@ void ConvertVector(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
         runs = MakeRuns(geometry, map);
         scratch.resize(static_cast<size_t>(geometry.groupsPerRow * 12) + kScratchSlack);
         // Short runs that follow one another from the row's start: gathered pixel by pixel.
-        bool chain = gathers && !runs.empty() && runs[0].to == 0;
+        bool chain = !runs.empty() && runs[0].to == 0;
         uint64_t kept = 0;
         for (size_t k = 0; chain && k < runs.size(); ++k) {
             chain = k == 0 || runs[k].to == runs[k - 1].to + runs[k - 1].bytes;
@@ -449,7 +460,7 @@ void ConvertVector(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
         convertRow(row, available, groups, scratch.data(), true);
         if (groups == geometry.groupsPerRow) {
             if (!gather.empty()) {
-                GatherPixelsAvx2(gather, scratch.data(), out);
+                gatherPixels(gather, scratch.data(), out);
             } else {
                 copyRuns(runs, scratch.data(), out);
             }
@@ -666,7 +677,7 @@ __attribute__((target("avx2"))) void PickAvx2(const uint8_t* row, uint64_t avail
 struct VectorPath {
     RowConverter convertRow;
     RunCopier copyRuns;
-    bool gathers;
+    PixelGatherer gatherPixels;
     const Picker* pick;  // by pieces - 1
 };
 
@@ -712,7 +723,7 @@ void ConvertPicked(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
         }
     }
     ConvertVector(source, sourceSize, geometry, map, pixels, path.convertRow, path.copyRuns,
-                  path.gathers, y);
+                  path.gatherPixels, y);
 }
 
 }  // namespace
@@ -733,13 +744,13 @@ void ConvertPixels(const uint8_t* source, uint64_t sourceSize, const FrameGeomet
     path = std::min(path, FastestPixelPath());
     if (path == PixelPath::Avx2) {
         ConvertPicked(source, sourceSize, geometry, map, pixels,
-                      {RowAvx2, CopyRunsAvx2, true, kPickAvx2});
+                      {RowAvx2, CopyRunsAvx2, GatherPixelsAvx2, kPickAvx2});
     } else if (path == PixelPath::Ssse3) {
         ConvertPicked(source, sourceSize, geometry, map, pixels,
-                      {RowSsse3, CopyRunsSse2, false, kPickSsse3});
+                      {RowSsse3, CopyRunsSse2, GatherPixelsWords, kPickSsse3});
     } else if (path == PixelPath::Sse2) {
         ConvertPicked(source, sourceSize, geometry, map, pixels,
-                      {RowSse2, CopyRunsSse2, false, nullptr});
+                      {RowSse2, CopyRunsSse2, GatherPixelsWords, nullptr});
     } else {
         ConvertPixelsPlain(source, sourceSize, geometry, map, pixels);
     }
