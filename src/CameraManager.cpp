@@ -99,50 +99,52 @@ void CameraManager::RefreshDevices(bool wait) {
         ~Leave() { gate.Leave(); }
     } leave{refreshGate};
     if (terminating) return;
-    std::vector<ChangeRecord> changes;
-    std::vector<std::unique_ptr<Device>> deleted;
-    std::vector<std::u16string> added;
-    std::set<std::u16string> connected = usb->GetAllConnectedDevicePaths();
-    {
-        std::lock_guard<std::recursive_mutex> guard(lock);
-        for (auto it = FailedPaths.begin(); it != FailedPaths.end();) {
-            it = connected.count(*it) ? std::next(it) : FailedPaths.erase(it);
-        }
-        // A row marked disconnected stays gone even when its path is back: the path is then a
-        // new plug, which starts as a new camera once the old row is deleted.
-        std::vector<int32_t> gone;
-        for (const auto& row : devices) {
-            if (!connected.count(row.second->DevicePath()) || !row.second->IsConnected()) {
-                gone.push_back(row.first);
-            }
-        }
-        for (int32_t deviceId : gone) {
-            Device* device = devices[deviceId].get();
-            std::string name = platform::ToUtf8(device->DeviceName());
-            std::string path = platform::ToUtf8(device->DevicePath());
-            if (device->IsConnected()) {
-                ORQ_LOG(INF, "device disconnect: \n    %s\n    %s", name.c_str(), path.c_str());
-                device->SetConnected(false);
-                changes.push_back({device->CameraInfo(deviceId ^ kCameraIdPattern), 1});
-            }
-            if (!device->IsSessionOpen()) {
-                ORQ_LOG(INF, "delete device object: \n    %s\n    %s", name.c_str(), path.c_str());
-                deleted.push_back(std::move(devices[deviceId]));
-                devices.erase(deviceId);
-            }
-        }
-        for (const auto& path : connected) {
-            bool known = std::any_of(devices.begin(), devices.end(), [&](const auto& row) {
-                return row.second->DevicePath() == path;
-            });
-            if (!known && !FailedPaths.count(path)) added.push_back(path);
-        }
-    }
+    Reconciliation pass;
+    SweepTable(usb->GetAllConnectedDevicePaths(), pass);
     // Stopping a camera's thread and starting a camera both talk to cameras: neither holds the
     // table's mutex, so that calls on the other cameras go on meanwhile.
-    deleted.clear();
-    std::vector<std::pair<std::u16string, OrqResult>> failures;
-    for (const auto& path : added) {
+    pass.deleted.clear();
+    StartAdded(pass);
+    RaiseEvents(pass);
+}
+
+void CameraManager::SweepTable(const std::set<std::u16string>& connected, Reconciliation& pass) {
+    std::lock_guard<std::recursive_mutex> guard(lock);
+    for (auto it = FailedPaths.begin(); it != FailedPaths.end();) {
+        it = connected.count(*it) ? std::next(it) : FailedPaths.erase(it);
+    }
+    // A row marked disconnected stays gone even when its path is back: the path is then a
+    // new plug, which starts as a new camera once the old row is deleted.
+    std::vector<int32_t> gone;
+    for (const auto& row : devices) {
+        if (!connected.count(row.second->DevicePath()) || !row.second->IsConnected()) {
+            gone.push_back(row.first);
+        }
+    }
+    for (int32_t deviceId : gone) {
+        Device* device = devices[deviceId].get();
+        std::string name = platform::ToUtf8(device->DeviceName());
+        std::string path = platform::ToUtf8(device->DevicePath());
+        if (device->IsConnected()) {
+            ORQ_LOG(INF, "device disconnect: \n    %s\n    %s", name.c_str(), path.c_str());
+            device->SetConnected(false);
+            pass.changes.push_back({device->CameraInfo(deviceId ^ kCameraIdPattern), 1});
+        }
+        if (!device->IsSessionOpen()) {
+            ORQ_LOG(INF, "delete device object: \n    %s\n    %s", name.c_str(), path.c_str());
+            pass.deleted.push_back(std::move(devices[deviceId]));
+            devices.erase(deviceId);
+        }
+    }
+    for (const auto& path : connected) {
+        bool known = std::any_of(devices.begin(), devices.end(),
+                                 [&](const auto& row) { return row.second->DevicePath() == path; });
+        if (!known && !FailedPaths.count(path)) pass.added.push_back(path);
+    }
+}
+
+void CameraManager::StartAdded(Reconciliation& pass) {
+    for (const auto& path : pass.added) {
         if (terminating) break;
         int32_t deviceId;
         std::unique_ptr<Device> device;
@@ -160,7 +162,7 @@ void CameraManager::RefreshDevices(bool wait) {
         if (terminating) break;
         if (result != ORQ_OK) {
             ORQ_LOG(ERR, "new device initialization failed: %d", result);
-            failures.emplace_back(path, result);
+            pass.failures.emplace_back(path, result);
             FailedPaths.insert(path);
             continue;
         }
@@ -169,10 +171,13 @@ void CameraManager::RefreshDevices(bool wait) {
                 platform::ToUtf8(device->DevicePath()).c_str(),
                 platform::ToUtf8(device->OrqmVersion()).c_str(),
                 platform::ToUtf8(device->SerialNumber()).c_str());
-        changes.push_back({device->CameraInfo(deviceId ^ kCameraIdPattern), 0});
+        pass.changes.push_back({device->CameraInfo(deviceId ^ kCameraIdPattern), 0});
         devices.emplace(deviceId, std::move(device));
     }
-    for (const auto& failure : failures) {
+}
+
+void CameraManager::RaiseEvents(const Reconciliation& pass) {
+    for (const auto& failure : pass.failures) {
         const std::u16string& path = failure.first;
         OrqResult result = failure.second;
         initErrorEvent.Raise(
@@ -184,7 +189,8 @@ void CameraManager::RefreshDevices(bool wait) {
                 callback(context, result, copy);
             });
     }
-    if (changes.empty()) return;
+    if (pass.changes.empty()) return;
+    const std::vector<ChangeRecord>& changes = pass.changes;
     connectionEvent.Raise([changes](OrqCameraListChangedCallback callback, void* context) {
         for (const ChangeRecord& change : changes) {
             auto* copy = new OrqCameraInfo(change.info);

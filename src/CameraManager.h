@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Device.h"
@@ -61,6 +62,20 @@ public:
     Event<OrqCameraInitializationErrorCallback> initErrorEvent;
 
 private:
+    // One reconciliation: what the sweep of the table found, then what starting cameras gave.
+    struct Reconciliation {
+        std::vector<ChangeRecord> changes;
+        std::vector<std::unique_ptr<Device>> deleted;  // out of the table, not yet stopped
+        std::vector<std::u16string> added;
+        std::vector<std::pair<std::u16string, OrqResult>> failures;
+    };
+    // Under the table's mutex: rows whose camera is gone are marked or taken out, new paths
+    // listed.
+    void SweepTable(const std::set<std::u16string>& connected, Reconciliation& pass);
+    // Starts each new path's camera outside the mutex and puts it in the table.
+    void StartAdded(Reconciliation& pass);
+    void RaiseEvents(const Reconciliation& pass);
+
     SDKConfig config;
     std::unique_ptr<UsbLib> usb;
     std::map<int32_t, std::unique_ptr<Device>> devices;
