@@ -1,6 +1,7 @@
 #include "Run.h"
 
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "Verbs.h"
@@ -117,6 +118,77 @@ CameraVerb VerbFor(const std::string& verb) {
     return nullptr;
 }
 
+// Why no verb can run on the cameras found, if none can.
+std::optional<Outcome> Unreachable(const Options& options, size_t found, bool simulated) {
+    if (found == 0) {
+        std::string hint = simulated ? ""
+                                     : std::string("; ") + kPermissionHint +
+                                           ". Or try a virtual camera: orqcam --virtual "
+                                           "SX160 " +
+                                           options.verb;
+        return Failure(kExitNoCamera, "no camera found" + hint);
+    }
+    if (options.camera >= static_cast<int>(found)) {
+        return Failure(kExitUsage, "there is no camera " + std::to_string(options.camera) +
+                                       "; orqcam list numbers them 0 to " +
+                                       std::to_string(found - 1));
+    }
+    return std::nullopt;
+}
+
+// Opens the chosen cameras (all of them for serve and --all) into `owned` and `cameras`; the
+// failure, if one does not open.
+std::optional<Outcome> OpenChosen(const Options& options, OrqCameraManagerHandle manager,
+                                  const std::vector<OrqCameraInfo>& found,
+                                  std::vector<std::unique_ptr<Camera>>& owned,
+                                  std::vector<Camera*>& cameras) {
+    for (size_t i = 0; i < found.size(); ++i) {
+        if (!options.all && options.verb != "serve" && static_cast<int>(i) != options.camera)
+            continue;
+        owned.push_back(std::make_unique<Camera>(static_cast<int>(i), found[i]));
+        OrqResult opened = owned.back()->Open(manager);
+        if (opened != ORQ_OK) {
+            return FailureOf(opened,
+                             "cannot open camera " + std::to_string(i) +
+                                 (opened == ORQ_SESSION_BUSY ? " (a session is open)" : ""));
+        }
+        cameras.push_back(owned.back().get());
+    }
+    return std::nullopt;
+}
+
+// A per-camera verb on several cameras, one after the other; the first failure's exit stands.
+Outcome OnEach(const Options& options, const std::vector<Camera*>& cameras) {
+    Outcome outcome;
+    std::vector<std::string> json;
+    for (Camera* camera : cameras) {
+        Say("#%d %s\n", camera->Index(), camera->Name().c_str());
+        Outcome one = VerbFor(options.verb)(options, *camera);
+        if (outcome.exit == kExitOk) outcome.exit = one.exit;
+        json.push_back(JsonObject({{"camera", JsonNumber(camera->Index())},
+                                   {"name", JsonString(camera->Name())},
+                                   {"exit", JsonNumber(one.exit)},
+                                   {"output", one.json}}));
+    }
+    outcome.json = JsonObject({{"cameras", JsonArray(json)}});
+    return outcome;
+}
+
+Outcome Dispatch(const Options& options, OrqCameraManagerHandle manager,
+                 const std::vector<Camera*>& cameras) {
+    if (options.verb == "serve") {
+#ifdef ORQCAM_SERVE
+        return Serve(options, cameras);
+#else
+        return Failure(kExitUsage, "this orqcam was built without the server");
+#endif
+    }
+    if (options.verb == "watch") return Watch(options, manager, cameras);
+    if (options.verb == "shoot") return ShootAll(options, cameras);
+    if (cameras.size() == 1) return VerbFor(options.verb)(options, *cameras[0]);
+    return OnEach(options, cameras);
+}
+
 // The cameras opened go to `owned`, to be destroyed after termination.
 Outcome RunOnCameras(const Options& options, OrqCameraManagerHandle manager,
                      const std::vector<OrqCameraInfo>& found, bool simulated,
@@ -130,59 +202,10 @@ Outcome RunOnCameras(const Options& options, OrqCameraManagerHandle manager,
         }
         return listed;
     }
-    if (found.empty()) {
-        std::string hint = simulated ? ""
-                                     : std::string("; ") + kPermissionHint +
-                                           ". Or try a virtual camera: orqcam --virtual "
-                                           "SX160 " +
-                                           options.verb;
-        return Failure(kExitNoCamera, "no camera found" + hint);
-    }
-    if (options.camera >= static_cast<int>(found.size())) {
-        return Failure(kExitUsage, "there is no camera " + std::to_string(options.camera) +
-                                       "; orqcam list numbers them 0 to " +
-                                       std::to_string(found.size() - 1));
-    }
+    if (auto refused = Unreachable(options, found.size(), simulated)) return *refused;
     std::vector<Camera*> cameras;
-    for (size_t i = 0; i < found.size(); ++i) {
-        if (!options.all && options.verb != "serve" && static_cast<int>(i) != options.camera)
-            continue;
-        owned.push_back(std::make_unique<Camera>(static_cast<int>(i), found[i]));
-        OrqResult opened = owned.back()->Open(manager);
-        if (opened != ORQ_OK) {
-            return FailureOf(opened,
-                             "cannot open camera " + std::to_string(i) +
-                                 (opened == ORQ_SESSION_BUSY ? " (a session is open)" : ""));
-        }
-        cameras.push_back(owned.back().get());
-    }
-    Outcome outcome;
-    if (options.verb == "serve") {
-#ifdef ORQCAM_SERVE
-        outcome = Serve(options, cameras);
-#else
-        outcome = Failure(kExitUsage, "this orqcam was built without the server");
-#endif
-    } else if (options.verb == "watch") {
-        outcome = Watch(options, manager, cameras);
-    } else if (options.verb == "shoot") {
-        outcome = ShootAll(options, cameras);
-    } else if (cameras.size() == 1) {
-        outcome = VerbFor(options.verb)(options, *cameras[0]);
-    } else {
-        std::vector<std::string> json;
-        for (Camera* camera : cameras) {
-            Say("#%d %s\n", camera->Index(), camera->Name().c_str());
-            Outcome one = VerbFor(options.verb)(options, *camera);
-            if (outcome.exit == kExitOk) outcome.exit = one.exit;
-            json.push_back(JsonObject({{"camera", JsonNumber(camera->Index())},
-                                       {"name", JsonString(camera->Name())},
-                                       {"exit", JsonNumber(one.exit)},
-                                       {"output", one.json}}));
-        }
-        outcome.json = JsonObject({{"cameras", JsonArray(json)}});
-    }
-    return outcome;
+    if (auto failed = OpenChosen(options, manager, found, owned, cameras)) return *failed;
+    return Dispatch(options, manager, cameras);
 }
 
 Outcome Version() {
