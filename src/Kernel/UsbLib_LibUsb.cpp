@@ -23,12 +23,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <list>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 #include "Kernel/UsbLib.h"
+#include "Kernel/UsbRecords.h"
 #include "Logger.h"
 
 namespace orq {
@@ -200,12 +200,7 @@ public:
         if (thread.joinable()) thread.join();
         if (!context) return;
         if (hotplug) libusb_hotplug_deregister_callback(context, hotplugHandle);
-        std::list<std::unique_ptr<LibUsbDevice>> records;
-        {
-            std::lock_guard<std::mutex> guard(lock);
-            records.swap(devices);
-        }
-        for (auto& record : records) Close(*record);
+        for (auto& record : devices.TakeAll()) Close(*record);
         libusb_exit(context);
     }
 
@@ -296,9 +291,7 @@ public:
         device->pipeOut = found.pipeOut;
         device->packetSize = found.packetSize;
         device->spill.resize(static_cast<size_t>(found.packetSize));
-        std::lock_guard<std::mutex> guard(lock);
-        devices.push_back(std::move(device));
-        return reinterpret_cast<UsbDevice*>(devices.back().get());
+        return devices.Add(std::move(device));
     }
 
     void CloseDevice(UsbDevice* device) override {
@@ -311,18 +304,7 @@ public:
     }
 
     void ReleaseDevice(UsbDevice* device) override {
-        if (!device) return;
-        std::unique_ptr<LibUsbDevice> released;
-        {
-            std::lock_guard<std::mutex> guard(lock);
-            auto found = std::find_if(devices.begin(), devices.end(), [&](const auto& record) {
-                return record.get() == Record(device);
-            });
-            if (found == devices.end()) return;
-            released = std::move(*found);
-            devices.erase(found);
-        }
-        Close(*released);
+        if (auto released = devices.Take(device)) Close(*released);
     }
 
     std::u16string GetDeviceName(UsbDevice* device) override {
@@ -571,13 +553,12 @@ private:
     // Used by the notification thread only.
     std::set<std::pair<int, int>> lastDeviceSet;
 
-    // Guards changed, stopping, devices and denied.
+    // Guards changed, stopping and denied.
     std::mutex lock;
     std::condition_variable wake;
     bool changed = false;
     bool stopping = false;
-    // Records stay until released: callers may close a record twice.
-    std::list<std::unique_ptr<LibUsbDevice>> devices;
+    UsbRecords<LibUsbDevice> devices;
     // Paths whose last open was refused for lack of permission.
     std::set<std::u16string> denied;
     std::thread thread;

@@ -10,12 +10,12 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <list>
 #include <map>
 #include <mutex>
 #include <thread>
 #include <utility>
 
+#include "Kernel/UsbRecords.h"
 #include "Logger.h"
 
 namespace orq {
@@ -147,7 +147,7 @@ public:
             PostThreadMessageW(loopThread, WM_QUIT, 0, 0);
         }
         if (thread.joinable()) thread.join();
-        for (auto& device : devices) Close(*device);
+        for (auto& record : devices.TakeAll()) Close(*record);
     }
 
     std::set<std::u16string> GetAllConnectedDevicePaths() override {
@@ -227,9 +227,7 @@ public:
         }
         device->file = file;
         device->winusb = winusb;
-        std::lock_guard<std::mutex> guard(devicesLock);
-        devices.push_back(std::move(device));
-        return reinterpret_cast<UsbDevice*>(devices.back().get());
+        return devices.Add(std::move(device));
     }
 
     void CloseDevice(UsbDevice* device) override {
@@ -237,18 +235,7 @@ public:
     }
 
     void ReleaseDevice(UsbDevice* device) override {
-        if (!device) return;
-        std::unique_ptr<WinUsbDevice> released;
-        {
-            std::lock_guard<std::mutex> guard(devicesLock);
-            auto found = std::find_if(devices.begin(), devices.end(), [&](const auto& record) {
-                return record.get() == Record(device);
-            });
-            if (found == devices.end()) return;
-            released = std::move(*found);
-            devices.erase(found);
-        }
-        Close(*released);
+        if (auto released = devices.Take(device)) Close(*released);
     }
 
     std::u16string GetDeviceName(UsbDevice* device) override {
@@ -450,8 +437,7 @@ private:
     HWND window = nullptr;
     DWORD threadId = 0;
 
-    std::mutex devicesLock;
-    std::list<std::unique_ptr<WinUsbDevice>> devices;
+    UsbRecords<WinUsbDevice> devices;
 };
 
 }  // namespace
