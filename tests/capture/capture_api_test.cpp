@@ -22,40 +22,23 @@ class CaptureApi : public SdkTest {
 protected:
     void SetUp() override {
         camera = StartWithSession();
-        OrqShootCompletedSubscribe(session, &OnShot, this);
-        OrqDownloadCompletedSubscribe(session, &OnDownload, this);
+        OrqShootCompletedSubscribe(session, &Recorder::OnShot, &events);
+        OrqDownloadCompletedSubscribe(session, &Recorder::OnDownload, &events);
     }
 
-    // Events arrive on the SDK's thread with memory the receiver frees.
-    static void OnShot(void* self, OrqFileInfo* file) {
-        auto* test = static_cast<CaptureApi*>(self);
-        std::lock_guard<std::mutex> guard(test->lock);
-        test->shots.push_back(*file);
-        OrqFree(file);
-    }
-    static void OnDownload(void* self, int fileId, OrqChar* path) {
-        auto* test = static_cast<CaptureApi*>(self);
-        std::lock_guard<std::mutex> guard(test->lock);
-        test->downloads.emplace_back(
-            fileId, std::u16string(path, path + std::char_traits<OrqChar>::length(path)));
-        OrqFree(path);
-    }
-    template <class T>
-    T Locked(const T& value) {
-        std::lock_guard<std::mutex> guard(lock);
-        return value;
+    std::vector<OrqFileInfo> Shots() { return events.Copy(events.shots); }
+    std::vector<std::pair<int, std::u16string>> Downloads() {
+        return events.Copy(events.downloads);
     }
     OrqFileInfo ShootOne() {
-        const size_t before = Locked(shots).size();
+        const size_t before = Shots().size();
         EXPECT_EQ(OrqShoot(session), ORQ_OK);
-        EXPECT_TRUE(WaitFor([&] { return Locked(shots).size() > before; }, 10000));
-        return Locked(shots).empty() ? OrqFileInfo{} : Locked(shots).back();
+        EXPECT_TRUE(WaitFor([&] { return Shots().size() > before; }, 10000));
+        return Shots().empty() ? OrqFileInfo{} : Shots().back();
     }
 
     std::shared_ptr<orqsim::VirtualCamera> camera;
-    std::mutex lock;
-    std::vector<OrqFileInfo> shots;
-    std::vector<std::pair<int, std::u16string>> downloads;
+    Recorder events;
 };
 
 TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
@@ -69,9 +52,9 @@ TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
     const auto bytes = camera->FileBytes(static_cast<uint32_t>(card.id));
     ASSERT_TRUE(bytes);
     ASSERT_EQ(OrqDownloadFile(session, card.id, 1), ORQ_OK);
-    ASSERT_TRUE(WaitFor([&] { return !Locked(downloads).empty(); }));
+    ASSERT_TRUE(WaitFor([&] { return !Downloads().empty(); }));
     const std::u16string named = TempPath(Narrow(card.name));
-    EXPECT_EQ(Locked(downloads)[0], std::make_pair(card.id, named));
+    EXPECT_EQ(Downloads()[0], std::make_pair(card.id, named));
     EXPECT_EQ(ReadAll(named), std::string(bytes->begin(), bytes->end()));
     // Deleted within the same message.
     EXPECT_TRUE(WaitFor([&] { return !camera->FileBytes(card.id); }));
@@ -86,8 +69,8 @@ TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
     std::vector<OrqChar> wide(target.begin(), target.end());
     wide.push_back(0);
     ASSERT_EQ(OrqDownloadFileTo(session, -100, wide.data(), 0), ORQ_OK);
-    ASSERT_TRUE(WaitFor([&] { return Locked(downloads).size() == 2; }));
-    EXPECT_EQ(Locked(downloads)[1], std::make_pair(-100, target));
+    ASSERT_TRUE(WaitFor([&] { return Downloads().size() == 2; }));
+    EXPECT_EQ(Downloads()[1], std::make_pair(-100, target));
     ASSERT_EQ(OrqDeleteFile(session, -100), ORQ_OK);
     EXPECT_TRUE(WaitFor([&] { return Logged("PTPRemoveFile: DirectTransfer -100") == 1; }));
 }
@@ -125,7 +108,7 @@ TEST_F(CaptureApi, CameraFileNamesStayInsideTheTemporaryFolder) {
     for (int32_t id : ids) EXPECT_TRUE(camera->FileBytes(static_cast<uint32_t>(id)));
 
     ASSERT_EQ(OrqDownloadFile(session, plain, 0), ORQ_OK);
-    ASSERT_TRUE(WaitFor([&] { return !Locked(downloads).empty(); }));
+    ASSERT_TRUE(WaitFor([&] { return !Downloads().empty(); }));
     EXPECT_EQ(ReadAll(TempPath("plain.jpg")), std::string(plainBytes.begin(), plainBytes.end()));
     EXPECT_FALSE(std::ifstream(orq::platform::ToUtf8(TempPath("../escape.jpg"))).good());
 #ifndef _WIN32
@@ -144,12 +127,7 @@ TEST_F(CaptureApi, FailedWriteKeepsTheCardFile) {
     EXPECT_TRUE(WaitFor([&] { return Logged("PTPDownloadFile: write file failed") == 1; }));
     std::this_thread::sleep_for(100ms);
     EXPECT_TRUE(camera->FileBytes(static_cast<uint32_t>(handle)));
-    EXPECT_TRUE(Locked(downloads).empty());
-}
-
-void CountShot(void* count, OrqFileInfo* file) {
-    ++*static_cast<std::atomic<int>*>(count);
-    OrqFree(file);
+    EXPECT_TRUE(Downloads().empty());
 }
 
 using CaptureApiRig = SdkTest;
@@ -161,10 +139,10 @@ TEST_F(CaptureApiRig, SynchronisedShotWaitsForTheSlowestAndDropsTheFailed) {
     for (int i = 0; i < 3; ++i) cameras.push_back(Plug());
     Start();
     std::vector<OrqSessionHandle> sessions(4, nullptr);
-    static std::atomic<int> shots{0};  // outlives the SDK, which frees the subscriptions
+    static Recorder events;  // outlives the SDK, which frees the subscriptions
     for (int i = 0; i < 3; ++i) {
         sessions[i] = Open(cameras[i]);
-        OrqShootCompletedSubscribe(sessions[i], &CountShot, &shots);
+        OrqShootCompletedSubscribe(sessions[i], &Recorder::OnShot, &events);
     }
     // Faults only once every camera has started (start-up lists the card too).
     for (int i = 0; i < 3; ++i) {
@@ -189,7 +167,7 @@ TEST_F(CaptureApiRig, SynchronisedShotWaitsForTheSlowestAndDropsTheFailed) {
     ASSERT_EQ(cameras[1]->ShootTimes().size(), 1u);
     EXPECT_GE(cameras[0]->ShootTimes()[0] - start, 300ms);
     EXPECT_TRUE(cameras[2]->ShootTimes().empty());
-    EXPECT_TRUE(WaitFor([&] { return shots.load() == 2; }));
+    EXPECT_TRUE(events.Await(events.shots, 2));
 }
 
 using StartUp = SdkTest;

@@ -301,6 +301,8 @@ struct Recorder {
     std::mutex lock;
     std::vector<std::pair<uint32_t, int>> cameraChanges;  // public id, state
     std::vector<int> initErrors, cameraErrors;
+    std::vector<OrqFileInfo> shots;
+    std::vector<std::pair<int, std::u16string>> downloads;  // file id, path
 
     static void OnCameraList(void* self, OrqCameraInfo* info, int state) {
         static_cast<Recorder*>(self)->Add(
@@ -314,6 +316,16 @@ struct Recorder {
     static void OnCameraError(void* self, OrqResult result) {
         static_cast<Recorder*>(self)->Add([&](Recorder& r) { r.cameraErrors.push_back(result); });
     }
+    static void OnShot(void* self, OrqFileInfo* file) {
+        static_cast<Recorder*>(self)->Add([&](Recorder& r) { r.shots.push_back(*file); });
+        OrqFree(file);
+    }
+    static void OnDownload(void* self, int fileId, OrqChar* path) {
+        const std::u16string text(path, path + std::char_traits<OrqChar>::length(path));
+        static_cast<Recorder*>(self)->Add(
+            [&](Recorder& r) { r.downloads.emplace_back(fileId, text); });
+        OrqFree(path);
+    }
     // Waits until `list` holds `count` entries; false after `timeoutMs`.
     template <class T>
     bool Await(const std::vector<T>& list, size_t count, int timeoutMs = 5000) {
@@ -321,8 +333,12 @@ struct Recorder {
     }
     template <class T>
     size_t Size(const std::vector<T>& list) {
+        return Copy(list).size();
+    }
+    template <class T>
+    std::vector<T> Copy(const std::vector<T>& list) {
         std::lock_guard<std::mutex> guard(lock);
-        return list.size();
+        return list;
     }
 
 private:
