@@ -39,21 +39,6 @@ void Raise(IntEvent& event, int value) {
 
 }  // namespace
 
-TEST(Event, DeliversToEverySubscriberUntilReleased) {
-    IntEvent event;
-    event.SetName("property changed");
-    Calls a, b;
-    OrqSubscription first = event.Subscribe(Record, &a);
-    OrqSubscription second = event.Subscribe(Record, &b);
-    Raise(event, 5);
-    memmgr::Free(first);
-    Raise(event, 6);
-    EXPECT_EQ(a.seen, std::vector<int>{5});
-    EXPECT_EQ(b.seen, (std::vector<int>{5, 6}));
-    memmgr::Free(second);
-    EXPECT_EQ(event.SubscriberCount(), 0u);
-}
-
 TEST(Event, ASubscriberReleasedDuringARaiseIsSkipped) {
     IntEvent event;
     Calls a, b;
