@@ -100,6 +100,23 @@ inline ::testing::AssertionResult InOrder(const Strings& messages, const Strings
     return ::testing::AssertionFailure() << "missing \"" << wanted[at] << "\" in:" << seen;
 }
 
+// The main log as text from the moment of construction, marked in it.
+class LogWatch {
+public:
+    LogWatch() {
+        ORQ_LOG(orq::DEB, "---- test starts ----");
+        start = LogSize();
+    }
+    std::string Text() const {
+        const std::string text = ReadAll(orq::MainLogPath());
+        return text.size() > start ? text.substr(start) : std::string();
+    }
+    bool Has(const std::string& piece) const { return Text().find(piece) != std::string::npos; }
+
+private:
+    size_t start = 0;
+};
+
 // ---- Waits, files and text
 
 inline bool WaitFor(const std::function<bool()>& condition, int timeoutMs = 5000) {

@@ -1,5 +1,5 @@
-// Shared pieces of the USB backend tests: the backend's test entry, a notification target that
-// records its calls, and the SDK's main log as text.
+// Shared pieces of the USB backend tests: the backend's test entry and a notification target
+// that records its calls.
 #pragma once
 
 #include <atomic>
@@ -12,8 +12,7 @@
 #include <thread>
 
 #include "Kernel/UsbLib.h"
-#include "Logger.h"
-#include "platform/Platform.h"
+#include "tests/support/support.h"
 
 namespace orq {
 // Defined by UsbLib_LibUsb.cpp: the backend with hot-plug events or with periodic enumeration.
@@ -53,26 +52,6 @@ private:
     std::condition_variable changed;
     std::atomic<int> calls{0};
     std::atomic<std::thread::id> lastThread;
-};
-
-// The main log from a mark on: every line is on disk before the logging call returns.
-class LogWatch {
-public:
-    LogWatch() {
-        ORQ_LOG(orq::DEB, "---- test starts ----");
-        std::string text;
-        orq::platform::ReadFile(orq::MainLogPath(), text);
-        start = text.size();
-    }
-    std::string Text() const {
-        std::string text;
-        orq::platform::ReadFile(orq::MainLogPath(), text);
-        return text.size() > start ? text.substr(start) : std::string();
-    }
-    bool Has(const std::string& piece) const { return Text().find(piece) != std::string::npos; }
-
-private:
-    size_t start = 0;
 };
 
 }  // namespace orqtest
