@@ -195,86 +195,102 @@ bool ParseInteger(const std::string& text, int& value) {
     return true;
 }
 
-Parsed ParseArguments(const std::vector<std::string>& arguments, Options& options) {
-    bool help = false;
-    // Pass 1 finds --json and --quiet, so that even the first usage error is told their way.
-    for (const std::string& arg : arguments) {
-        if (arg == "--json") io.json = options.json = true;
-        if (arg == "--quiet" || arg == "-q") io.quiet = options.quiet = true;
-    }
-    for (size_t i = 0; i < arguments.size(); ++i) {
-        const std::string& arg = arguments[i];
-        const VerbSpec* verb = options.verb.empty() ? nullptr : FindVerb(options.verb);
-        bool own =
-            verb && std::find(verb->flags.begin(), verb->flags.end(), arg) != verb->flags.end();
-        std::string value;
-        if (own && arg == "--to-host") {
-            if (!TakeValue(arguments, i, options.toHost)) return Parsed::Usage;
-        } else if (own && arg == "--dir") {
-            if (!TakeValue(arguments, i, options.dir)) return Parsed::Usage;
-        } else if (own && arg == "--out") {
-            if (!TakeValue(arguments, i, options.out)) return Parsed::Usage;
-        } else if (own && arg == "--listen") {
-            if (!TakeValue(arguments, i, options.listen)) return Parsed::Usage;
-        } else if (own && arg == "--token") {
-            if (!TakeValue(arguments, i, options.token)) return Parsed::Usage;
-        } else if (own && arg == "--delete") {
-            options.deleteAfter = true;
-        } else if (own && arg == "--all") {
-            options.allFiles = true;
-        } else if (own && arg == "--frames") {
-            if (!TakeValue(arguments, i, value)) return Parsed::Usage;
-            if (!ParseInteger(value, options.frames) || options.frames < 1 ||
-                options.frames > 100000) {
-                Usage("--frames takes a number from 1 to 100000, not '" + value + "'");
-                return Parsed::Usage;
-            }
-        } else if (arg == "--virtual") {
-            if (!TakeValue(arguments, i, value)) return Parsed::Usage;
-            std::string model;
-            if (!CanonicalModel(value, model)) {
-                std::string known;
-                for (const std::string& name : KnownModels()) known += " " + name;
-                Usage("unknown model '" + value + "'; the models are:" + known);
-                return Parsed::Usage;
-            }
-            options.models.push_back(model);
-        } else if (arg == "--camera") {
-            if (!TakeValue(arguments, i, value)) return Parsed::Usage;
-            if (!ParseInteger(value, options.camera) || options.camera < 0) {
-                Usage("--camera takes a camera number from `orqcam list`, not '" + value + "'");
-                return Parsed::Usage;
-            }
-            options.cameraGiven = true;
-        } else if (arg == "--timeout") {
-            if (!TakeValue(arguments, i, value)) return Parsed::Usage;
-            int seconds = 0;
-            if (!ParseInteger(value, seconds) || seconds < 1 || seconds > 3600) {
-                Usage("--timeout takes seconds from 1 to 3600, not '" + value + "'");
-                return Parsed::Usage;
-            }
-            options.timeoutMs = seconds * 1000;
-        } else if (arg == "--all") {
-            options.all = true;
-        } else if (arg == "--json" || arg == "--quiet" || arg == "-q") {
-        } else if (arg == "--help" || arg == "-h") {
-            help = true;
-        } else if (arg == "--version") {
-            options.version = true;
-        } else if (arg.size() > 1 && arg[0] == '-' && !(std::isdigit(arg[1]) && verb)) {
-            Usage("unknown option '" + arg + "'" +
-                  (verb ? std::string(" for ") + verb->name : std::string()));
-            return Parsed::Usage;
-        } else if (options.verb.empty()) {
-            if (!FindVerb(arg)) {
-                Usage("unknown verb '" + arg + "'");
-                return Parsed::Usage;
-            }
-            options.verb = arg;
-        } else {
-            options.args.push_back(arg);
+namespace {
+
+// What one step of the scan made of the argument at hand; a bad one's usage error is said.
+enum class Taken { No, Yes, Bad };
+
+// A flag of the verb given before it.
+Taken VerbFlag(const std::vector<std::string>& arguments, size_t& i, Options& options) {
+    const std::string& arg = arguments[i];
+    std::string value;
+    if (arg == "--to-host")
+        return TakeValue(arguments, i, options.toHost) ? Taken::Yes : Taken::Bad;
+    if (arg == "--dir") return TakeValue(arguments, i, options.dir) ? Taken::Yes : Taken::Bad;
+    if (arg == "--out") return TakeValue(arguments, i, options.out) ? Taken::Yes : Taken::Bad;
+    if (arg == "--listen") return TakeValue(arguments, i, options.listen) ? Taken::Yes : Taken::Bad;
+    if (arg == "--token") return TakeValue(arguments, i, options.token) ? Taken::Yes : Taken::Bad;
+    if (arg == "--delete") {
+        options.deleteAfter = true;
+    } else if (arg == "--all") {
+        options.allFiles = true;
+    } else if (arg == "--frames") {
+        if (!TakeValue(arguments, i, value)) return Taken::Bad;
+        if (!ParseInteger(value, options.frames) || options.frames < 1 || options.frames > 100000) {
+            Usage("--frames takes a number from 1 to 100000, not '" + value + "'");
+            return Taken::Bad;
         }
+    } else {
+        return Taken::No;
     }
+    return Taken::Yes;
+}
+
+// An option of every verb.
+Taken CommonOption(const std::vector<std::string>& arguments, size_t& i, Options& options,
+                   bool& help) {
+    const std::string& arg = arguments[i];
+    std::string value;
+    if (arg == "--virtual") {
+        if (!TakeValue(arguments, i, value)) return Taken::Bad;
+        std::string model;
+        if (!CanonicalModel(value, model)) {
+            std::string known;
+            for (const std::string& name : KnownModels()) known += " " + name;
+            Usage("unknown model '" + value + "'; the models are:" + known);
+            return Taken::Bad;
+        }
+        options.models.push_back(model);
+    } else if (arg == "--camera") {
+        if (!TakeValue(arguments, i, value)) return Taken::Bad;
+        if (!ParseInteger(value, options.camera) || options.camera < 0) {
+            Usage("--camera takes a camera number from `orqcam list`, not '" + value + "'");
+            return Taken::Bad;
+        }
+        options.cameraGiven = true;
+    } else if (arg == "--timeout") {
+        if (!TakeValue(arguments, i, value)) return Taken::Bad;
+        int seconds = 0;
+        if (!ParseInteger(value, seconds) || seconds < 1 || seconds > 3600) {
+            Usage("--timeout takes seconds from 1 to 3600, not '" + value + "'");
+            return Taken::Bad;
+        }
+        options.timeoutMs = seconds * 1000;
+    } else if (arg == "--all") {
+        options.all = true;
+    } else if (arg == "--json" || arg == "--quiet" || arg == "-q") {
+        // Taken in the first pass.
+    } else if (arg == "--help" || arg == "-h") {
+        help = true;
+    } else if (arg == "--version") {
+        options.version = true;
+    } else {
+        return Taken::No;
+    }
+    return Taken::Yes;
+}
+
+// The verb's name or one of its arguments.
+Taken Word(const std::string& arg, Options& options, const VerbSpec* verb) {
+    if (arg.size() > 1 && arg[0] == '-' && !(std::isdigit(arg[1]) && verb)) {
+        Usage("unknown option '" + arg + "'" +
+              (verb ? std::string(" for ") + verb->name : std::string()));
+        return Taken::Bad;
+    }
+    if (options.verb.empty()) {
+        if (!FindVerb(arg)) {
+            Usage("unknown verb '" + arg + "'");
+            return Taken::Bad;
+        }
+        options.verb = arg;
+    } else {
+        options.args.push_back(arg);
+    }
+    return Taken::Yes;
+}
+
+// Help, or the checks of the whole command line once it is read.
+Parsed Finish(const Options& options, bool help) {
     if (help) {
         const VerbSpec* verb = FindVerb(options.verb);
         if (verb) {
@@ -304,6 +320,28 @@ Parsed ParseArguments(const std::vector<std::string>& arguments, Options& option
         return Parsed::Usage;
     }
     return Parsed::Run;
+}
+
+}  // namespace
+
+Parsed ParseArguments(const std::vector<std::string>& arguments, Options& options) {
+    bool help = false;
+    // Pass 1 finds --json and --quiet, so that even the first usage error is told their way.
+    for (const std::string& arg : arguments) {
+        if (arg == "--json") io.json = options.json = true;
+        if (arg == "--quiet" || arg == "-q") io.quiet = options.quiet = true;
+    }
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const std::string& arg = arguments[i];
+        const VerbSpec* verb = options.verb.empty() ? nullptr : FindVerb(options.verb);
+        bool own =
+            verb && std::find(verb->flags.begin(), verb->flags.end(), arg) != verb->flags.end();
+        Taken taken = own ? VerbFlag(arguments, i, options) : Taken::No;
+        if (taken == Taken::No) taken = CommonOption(arguments, i, options, help);
+        if (taken == Taken::No) taken = Word(arg, options, verb);
+        if (taken == Taken::Bad) return Parsed::Usage;
+    }
+    return Finish(options, help);
 }
 
 }  // namespace orqcam
