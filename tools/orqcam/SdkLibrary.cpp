@@ -2,6 +2,8 @@
 
 #ifdef _WIN32
 #include <windows.h>
+// Its DeleteFile macro would rename our member at its use below, not at its declaration.
+#undef DeleteFile
 #else
 #include <dlfcn.h>
 #include <limits.h>
