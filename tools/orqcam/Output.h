@@ -38,10 +38,18 @@ int ExitFor(OrqResult result);
 std::string Utf8(const OrqChar* text);
 std::string Lower(std::string text);
 
+// mingw's C++ runtime prints through its ISO stdio (%zu, %lld), which plain printf checking there
+// would take for the system DLL's.
+#ifdef __MINGW32__
+#define ORQCAM_PRINTF __attribute__((format(gnu_printf, 1, 2)))
+#else
+#define ORQCAM_PRINTF __attribute__((format(printf, 1, 2)))
+#endif
+
 // Human text: stdout normally, stderr under --json. Nothing under --quiet unless forced.
-void Say(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void Say(const char* format, ...) ORQCAM_PRINTF;
 // A warning or error line on stderr, always.
-void Warn(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void Warn(const char* format, ...) ORQCAM_PRINTF;
 
 // JSON text builders: each returns a complete JSON value.
 std::string JsonString(const std::string& text);
