@@ -193,7 +193,10 @@ TEST_F(OrqcamTest, EveryVerbWorksOnEveryModel) {
         EXPECT_EQ(files(), before + 1);
         // A new SDK clears numbered pictures from the card; a file of another name stays.
         const char data[] = "picture";
-        int id = sdk.SimAddFile(camera, u"PHOTO.JPG", data, sizeof data);
+        const std::u16string name = u"PHOTO.JPG";  // OrqChar is wchar_t on Windows
+        int id =
+            sdk.SimAddFile(camera, std::basic_string<OrqChar>(name.begin(), name.end()).c_str(),
+                           data, sizeof data);
         EXPECT_EQ(Cmd({"--json", "files"}), kExitOk);
         before = files();
         EXPECT_NE(out.find("PHOTO.JPG"), std::string::npos);
