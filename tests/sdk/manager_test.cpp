@@ -139,7 +139,7 @@ TEST_F(SdkTest, ACameraLeftInPlayModeHoldsUpNoOtherCallAndFailsInTheEnd) {
 // reads back equal; an older copy of the same name is kept, and without a copy the card keeps it.
 TEST_F(SdkTest, CardCleanUpRemovesOnlyWhatTheHostHoldsACopyOf) {
     namespace fs = std::filesystem;
-    const fs::path kept = fs::path(std::getenv("XDG_STATE_HOME")) / "orqsdk-card-cleanup";
+    const fs::path kept = fs::path(orq::MainLogPath()).parent_path() / "orqsdk-card-cleanup";
     fs::remove_all(kept);
     auto put = [](OrqSimCamera camera, const char16_t* name, const std::string& data) {
         return OrqSimAddFile(camera, reinterpret_cast<const OrqChar*>(name), data.data(),
