@@ -48,8 +48,8 @@ def main() -> int:
     if args.sim:
         from orqsdk import sim
 
+        sim.VirtualCamera(args.sim)  # plugged in before the SDK starts, so that its start-up lists it
         sdk = sim.SDK()
-        sim.VirtualCamera(args.sim)
     else:
         sdk = orqsdk.SDK()
     with sdk, contextlib.suppress(KeyboardInterrupt):

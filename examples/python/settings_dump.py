@@ -29,9 +29,10 @@ def main() -> int:
     if args.sim:
         from orqsdk import sim
 
-        sdk = sim.SDK()
+        # Plugged in before the SDK starts, so that its start-up lists them.
         for model in args.sim:
             sim.VirtualCamera(model)
+        sdk = sim.SDK()
     else:
         sdk = orqsdk.SDK()
     with sdk:
