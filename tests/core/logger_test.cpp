@@ -23,15 +23,19 @@ std::string MessageColumn(const std::string& line) {
 
 }  // namespace
 
-TEST(Logger, LineLayoutPadsTheMessageToSeventyCharacters) {
+TEST(Logger, LinesArePaddedToSeventyCutSplitAndFormatted) {
     size_t start = LogSize();
     LogWrite(LOG_MAIN, INF, "C:\\work\\src\\Kernel\\DeviceLL_Property.cpp", 386, 4812,
              "Camera mode changed to %d", 3);
     LogWrite(LOG_MAIN, ERR, "x.cpp", 1, 1, "%s", std::string(69, 'a').c_str());
     LogWrite(LOG_MAIN, 7, "x.cpp", 1, 1, "%s", std::string(70, 'b').c_str());
     LogWrite(LOG_MAIN, DEB, "x.cpp", 1, 1, "");
+    LogWrite(LOG_MAIN, INF, "x.cpp", 5, 1, "%s", std::string(5000, 'z').c_str());
+    LogWrite(LOG_MAIN, INF, "x.cpp", 1, 1, "%S|%5d|%-3s|%x|%lld|%%", u"Kamera \u00e9", 42, "a",
+             255u, 1LL << 40);
+    LogWrite(LOG_MAIN, INF, "y.cpp", 6, 1, "first\nsecond\nthird");
     auto lines = LogLinesSince(start);
-    ASSERT_EQ(lines.size(), 4u);
+    ASSERT_EQ(lines.size(), 9u);
     std::smatch match;
     ASSERT_TRUE(std::regex_match(lines[0], match, kLine)) << lines[0];
     EXPECT_EQ(match[1], "INF");
@@ -43,42 +47,24 @@ TEST(Logger, LineLayoutPadsTheMessageToSeventyCharacters) {
     EXPECT_EQ(MessageColumn(lines[2]), std::string(70, 'b'));
     EXPECT_EQ(lines[2].substr(0, 3), "DEB");  // unknown levels are tagged DEB
     EXPECT_EQ(MessageColumn(lines[3]), std::string(70, ' '));
-}
-
-TEST(Logger, LongMessagesAreCutAndMultiLineMessagesSplit) {
-    size_t start = LogSize();
-    LogWrite(LOG_MAIN, INF, "x.cpp", 5, 1, "%s", std::string(5000, 'z').c_str());
-    LogWrite(LOG_MAIN, INF, "y.cpp", 6, 1, "first\nsecond\nthird");
-    auto lines = LogLinesSince(start);
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(MessageColumn(lines[0]), std::string(4095, 'z'));
-    EXPECT_NE(lines[1].find("| first"), std::string::npos);
-    EXPECT_NE(lines[1].find("| y:6 ["), std::string::npos);
-    for (int i : {2, 3}) {
+    EXPECT_EQ(MessageColumn(lines[4]), std::string(4095, 'z'));
+    const std::string formatted = "Kamera \xc3\xa9|   42|a  |ff|1099511627776|%";
+    EXPECT_EQ(MessageColumn(lines[5]).substr(0, formatted.size()), formatted);
+    EXPECT_NE(lines[6].find("| first"), std::string::npos);
+    EXPECT_NE(lines[6].find("| y:6 ["), std::string::npos);
+    for (int i : {7, 8}) {
         EXPECT_TRUE(std::regex_match(lines[i], std::regex(R"(^INF \d\d-\d\d [\d:.]+ \| \w+$)")))
             << lines[i];
     }
-    EXPECT_NE(lines[3].find("| third"), std::string::npos);
-}
-
-TEST(Logger, WideArgumentsAndPlainConversions) {
-    size_t start = LogSize();
-    LogWrite(LOG_MAIN, INF, "x.cpp", 1, 1, "%S|%5d|%-3s|%x|%lld|%%", u"Kamera \u00e9", 42, "a",
-             255u, 1LL << 40);
-    auto lines = LogLinesSince(start);
-    ASSERT_EQ(lines.size(), 1u);
-    const std::string expected = "Kamera \xc3\xa9|   42|a  |ff|1099511627776|%";
-    EXPECT_EQ(MessageColumn(lines[0]).substr(0, expected.size()), expected);
+    EXPECT_NE(lines[8].find("| third"), std::string::npos);
 }
 
 TEST(Logger, ApiLogIsSeparate) {
-    std::string before;
-    platform::ReadFile(ApiLogPath(), before);
-    size_t mainBefore = LogSize();
+    const size_t apiBefore = orqtest::ReadAll(ApiLogPath()).size();
+    const size_t mainBefore = LogSize();
     LogWrite(LOG_API, INF, "x.cpp", 1, 1, "only in the api log");
-    std::string after;
-    platform::ReadFile(ApiLogPath(), after);
-    EXPECT_NE(after.find("only in the api log", before.size()), std::string::npos);
+    EXPECT_NE(orqtest::ReadAll(ApiLogPath()).find("only in the api log", apiBefore),
+              std::string::npos);
     EXPECT_EQ(LogSize(), mainBefore);
 }
 
@@ -107,11 +93,7 @@ protected:
         std::fwrite(contents.data(), 1, contents.size(), file);
         std::fclose(file);
     }
-    std::string Read() {
-        std::string contents;
-        platform::ReadFile(path, contents);
-        return contents;
-    }
+    std::string Read() { return orqtest::ReadAll(path); }
 };
 
 TEST_F(LogTrim, KeepsTheNewestWholeLinesWithinTheLimit) {
