@@ -1,12 +1,9 @@
 // What the C API adds to shots, downloads and video: the commands' own checks on the caller's
 // thread, the main loop's messages and the events. A virtual SX160 behind a started SDK.
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
-#include <iterator>
-#include <mutex>
 #ifndef _WIN32
 #include <unistd.h>
 #endif

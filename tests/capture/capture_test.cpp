@@ -149,23 +149,9 @@ TEST_F(CaptureTest, RemotePicturesAreBufferedUnderFallingIdsUntilRemoved) {
     EXPECT_EQ(device->shots.back().id, -101);
 }
 
-TEST_F(CaptureTest, CardFileIsWrittenByteForByteAndReported) {
-    const auto bytes = Pattern(3 * 1024 * 1024 + 17);
-    const auto handle = static_cast<int32_t>(camera->AddFile(u"IMG_0005.JPG", bytes));
-    const auto target = TempPath("capture_card.jpg");
-    ASSERT_EQ(device->PTPDownloadFile(handle, target), ORQ_OK);
-    EXPECT_EQ(ReadAll(target), std::string(bytes.begin(), bytes.end()));
-    EXPECT_NE(RawLog().find("    path: " + orq::platform::ToUtf8(target)), std::string::npos);
-    EXPECT_EQ(Ops(orq::CHDK_GetMemory), 0u);  // no snapshot was asked for
-    std::remove(orq::platform::ToUtf8(target).c_str());
-
-    // An unknown file fails with no report.
-    EXPECT_EQ(device->PTPDownloadFile(9999, TempPath("capture_missing.jpg")), ORQ_ERROR);
-    EXPECT_EQ(device->downloads, (std::vector<std::pair<int, std::u16string>>{{handle, target}}));
-}
-
-// A disk that refuses in each of its ways: no report, and no file, whole or partial, is left.
-TEST_F(CaptureTest, DownloadTheDiskRefusesFailsAndLeavesNothing) {
+// A card file is written byte for byte and reported. A disk that refuses in each of its ways
+// gets no report, and no file, whole or partial, is left.
+TEST_F(CaptureTest, DownloadWritesTheWholeFileOrNothing) {
     namespace fs = std::filesystem;
     const fs::path root = orq::platform::ToUtf8(TempPath("capture_hostile"));
     fs::remove_all(root);
@@ -173,7 +159,15 @@ TEST_F(CaptureTest, DownloadTheDiskRefusesFailsAndLeavesNothing) {
     fs::create_directories(root / "full");
     // Above what the log will reach meanwhile, below the file.
     const size_t limit = LogSize() + (1 << 20);
-    const auto handle = static_cast<int32_t>(camera->AddFile(u"IMG_0006.JPG", Pattern(limit * 2)));
+    const auto bytes = Pattern(limit * 2 + 17);
+    const auto handle = static_cast<int32_t>(camera->AddFile(u"IMG_0006.JPG", bytes));
+    const auto target = TempPath("capture_card.jpg");
+    ASSERT_EQ(device->PTPDownloadFile(handle, target), ORQ_OK);
+    EXPECT_EQ(ReadAll(target), std::string(bytes.begin(), bytes.end()));
+    EXPECT_NE(RawLog().find("    path: " + orq::platform::ToUtf8(target)), std::string::npos);
+    EXPECT_EQ(Ops(orq::CHDK_GetMemory), 0u);  // no snapshot was asked for
+    std::remove(orq::platform::ToUtf8(target).c_str());
+    EXPECT_EQ(device->PTPDownloadFile(9999, TempPath("capture_missing.jpg")), ORQ_ERROR);
 #ifdef _WIN32
     const char* disks[] = {"missing"};
 #else
@@ -188,7 +182,8 @@ TEST_F(CaptureTest, DownloadTheDiskRefusesFailsAndLeavesNothing) {
     }
     EXPECT_EQ(Count(Log(), "PTPDownloadFile: write file failed"),
               static_cast<int>(std::size(disks)));
-    EXPECT_TRUE(device->downloads.empty());
+    // Only the good download is reported; the unknown file is not.
+    EXPECT_EQ(device->downloads, (std::vector<std::pair<int, std::u16string>>{{handle, target}}));
     for (const auto& entry : fs::recursive_directory_iterator(root))
         EXPECT_TRUE(entry.is_directory()) << entry.path();
 }
@@ -289,8 +284,7 @@ TEST_F(CaptureTest, VideoDuringAShotIsRefusedAsBusyAndTheShotKeepsItsFile) {
 }
 
 TEST_F(CaptureTest, VideoRefusesShotsAndItsStopReportsTheNewMovie) {
-    camera->InjectFault(
-        Fault::Operation(Fault::ResponseCode, orq::PTP_OC_Vendor, orq::ORQM_StartVideo, 0x2019));
+    InjectFailure(orq::ORQM_StartVideo);
     EXPECT_EQ(device->PTPStartVideo(), ORQ_ERROR);
     EXPECT_EQ(Count(Log(), "PTP_ORQM_StartVideo failed"), 1);
     EXPECT_FALSE(device->IsVideoRecording());
@@ -317,8 +311,7 @@ TEST_F(CaptureTest, VideoRefusesShotsAndItsStopReportsTheNewMovie) {
 
     // A refused stop leaves the recording on and the movie untouched.
     ASSERT_EQ(device->PTPStartVideo(), ORQ_OK);
-    camera->InjectFault(
-        Fault::Operation(Fault::ResponseCode, orq::PTP_OC_Vendor, orq::ORQM_StopVideo, 0x2019));
+    InjectFailure(orq::ORQM_StopVideo);
     movie.id = 77;
     EXPECT_EQ(device->PTPStopVideo(&movie), ORQ_ERROR);
     EXPECT_EQ(movie.id, 77);
@@ -349,10 +342,7 @@ TEST_F(CaptureTest, SnapshotsFollowTheFlowWhenAskedForAndNeverFailIt) {
     device->PTPMemoryStatistics("short");
     EXPECT_NE(RawLog().find("    start address:   2\n"), std::string::npos);
     EXPECT_NE(RawLog().find("    total size:      0\n"), std::string::npos);
-    Fault refused =
-        Fault::Operation(Fault::ResponseCode, orq::PTP_OC_Vendor, orq::CHDK_GetMemory, 0x2019);
-    refused.times = 2;
-    camera->InjectFault(refused);
+    InjectFailure(orq::CHDK_GetMemory, 2);
     ASSERT_EQ(Shoot(), ORQ_OK);
     EXPECT_EQ(Count(Log(), "PTP_CHDK_GetMemory failed"), 2);
 }

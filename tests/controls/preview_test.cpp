@@ -36,7 +36,7 @@ Bytes Convert(const Bytes& source, uint32_t width, uint32_t height,
     return image;
 }
 
-TEST(PreviewImage, PixelsAreFixedPointJfifWithClampingBottomRowFirst) {
+TEST(PreviewImage, PixelsAreFixedPointJfifWithClampingBottomRowFirstAndColumnsScaled) {
     // Three rows of one group (u, y0, v, y1, y2, y3); three rows give four output columns.
     const std::vector<uint8_t> source = {127, 255, 127, 0, 128, 16, 0x80, 0,   0x80,
                                          255, 128, 235, 0, 0,   0,  77,   200, 255};
@@ -45,20 +45,18 @@ TEST(PreviewImage, PixelsAreFixedPointJfifWithClampingBottomRowFirst) {
         0,   136, 0,   28,  255, 76,  0,   255, 0,   8,   255, 56,   // row 1
         255, 121, 255, 225, 0,   178, 255, 0,   255, 241, 0,   194,  // row 0
     };
-    const auto image = Convert(source, 4, 3);
+    auto image = Convert(source, 4, 3);
     EXPECT_EQ(std::vector<uint8_t>(image.begin() + 54, image.end()), expected);
-}
 
-TEST(PreviewImage, ColumnsScaleToFourThirdsOfTheHeightDroppingDoubles) {
     // Five columns into four: the fourth lands where the third did and is dropped.
     const Bytes row = {0, 10, 0, 20, 30, 40, 0, 50, 0, 0, 0, 0};
-    Bytes source, expected;
+    Bytes grey, greyExpected;
     for (int y = 0; y < 3; ++y) {
-        source.insert(source.end(), row.begin(), row.end());
-        for (uint8_t grey : {10, 20, 30, 50}) expected.insert(expected.end(), 3, grey);
+        grey.insert(grey.end(), row.begin(), row.end());
+        for (uint8_t level : {10, 20, 30, 50}) greyExpected.insert(greyExpected.end(), 3, level);
     }
-    const auto image = Convert(source, 5, 3);
-    EXPECT_EQ(Bytes(image.begin() + 54, image.end()), expected);
+    image = Convert(grey, 5, 3);
+    EXPECT_EQ(Bytes(image.begin() + 54, image.end()), greyExpected);
 }
 
 TEST(PreviewImage, VectorPathsMatchThePlainOneOnEverySizeAndShortBlock) {
@@ -90,14 +88,9 @@ TEST(PreviewImage, VectorPathsMatchThePlainOneOnEverySizeAndShortBlock) {
 
 TEST(PreviewImage, RefusedSizes) {
     FrameGeometry g;
-    for (auto [w, h] : std::vector<std::pair<uint32_t, uint32_t>>{{0, 240},
-                                                                  {320, 0},
-                                                                  {0xFFFFFFFFu, 240},
-                                                                  {320, 0x80000000u},
-                                                                  {2049, 16},
-                                                                  {16384, 16384}}) {
-        EXPECT_FALSE(ComputeGeometry(w, h, g)) << w << "x" << h;
-    }
+    const std::pair<uint32_t, uint32_t> refused[] = {
+        {0, 240}, {320, 0}, {0xFFFFFFFFu, 240}, {320, 0x80000000u}, {2049, 16}, {16384, 16384}};
+    for (auto [w, h] : refused) EXPECT_FALSE(ComputeGeometry(w, h, g)) << w << "x" << h;
     // The largest accepted size stays below what an int can hand to the application.
     ASSERT_TRUE(ComputeGeometry(2048, 2048, g));
     EXPECT_LT(g.Allocation(), uint64_t(INT32_MAX));

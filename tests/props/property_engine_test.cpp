@@ -157,17 +157,16 @@ TEST(PropertyDesc, SizesAndReadOnlyFlags) {
         OrqPropertyDesc* desc = nullptr;
         ASSERT_EQ(rig.device->GetPropertyDesc(id, &desc), ORQ_OK);
         EXPECT_EQ(desc->readOnly, id == 13 ? 1 : 0);
+        EXPECT_EQ(desc->sizes != nullptr, id == 1);
         std::vector<std::pair<int, int>> sizes;
         for (int i = 0; desc->sizes && i < desc->count; ++i)
             sizes.emplace_back(desc->sizes[i].width, desc->sizes[i].height);
+        rig.device->FreePointer(desc);
         if (id == 1) {
             EXPECT_EQ(sizes,
                       (std::vector<std::pair<int, int>>{
                           {4608, 3456}, {3264, 2448}, {1600, 1200}, {640, 480}, {2304, 1728}}));
-        } else {
-            EXPECT_EQ(desc->sizes, nullptr);
         }
-        rig.device->FreePointer(desc);
     }
 }
 
