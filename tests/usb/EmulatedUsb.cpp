@@ -24,7 +24,6 @@ namespace orqtest {
 namespace {
 
 using orqsim::TransferResult;
-using Holder = EmulatedDeviceOptions::Holder;
 
 constexpr uint16_t kPacketSize = 512;  // high speed bulk
 
@@ -93,7 +92,7 @@ struct EmulatedUsbBus::Device {
     std::shared_ptr<orqsim::VirtualEndpoint> endpoint;
     UMockdevIoctlBase* handler = nullptr;
 
-    Holder holder = Holder::None;
+    bool held = false;
     bool removed = false;
     int bulkSubmits = 0;
     size_t unreapedAtRelease = 0;
@@ -139,11 +138,9 @@ struct EmulatedUsbBus::Device {
             }
             case USBDEVFS_DISCONNECT_CLAIM:
                 // libusb asks to spare other usbfs programs' claims: theirs keeps the interface
-                // busy, a kernel driver is taken off.
+                // busy, a kernel driver would be taken off.
                 if (removed) return Complete(client, ENODEV);
-                if (holder == Holder::OtherProgram) return Complete(client, EBUSY);
-                holder = Holder::None;
-                return Complete(client, 0);
+                return Complete(client, held ? EBUSY : 0);
             case USBDEVFS_RELEASEINTERFACE:
                 // The host closes the device (umockdev does not tell when the node is closed).
                 if (endpoint) endpoint->Abort();
@@ -326,7 +323,7 @@ std::u16string EmulatedUsbBus::Plug(std::shared_ptr<orqsim::VirtualEndpoint> end
     std::snprintf(text, sizeof text, "/dev/bus/usb/001/%03u", address);
     device->devNode = text;
     device->endpoint = std::move(endpoint);
-    device->holder = options.holder;
+    device->held = options.held;
     devices.emplace(path, std::move(made));
     guard.unlock();
 

@@ -18,14 +18,9 @@ typedef struct _UMockdevTestbed UMockdevTestbed;
 namespace orqtest {
 
 struct EmulatedDeviceOptions {
-    enum class Holder {
-        None,
-        KernelDriver,  // a kernel driver is bound: taken off by a detaching claim
-        OtherProgram,  // another usbfs program (a photo importer, say) holds the interface
-    };
     uint8_t interfaceClass = 6;  // still image; 0xFF makes a vendor device with the same pipes
     bool bulkOut = true;
-    Holder holder = Holder::None;
+    bool held = false;      // another usbfs program (a photo importer, say) holds the interface
     bool noAccess = false;  // the node is closed to everyone, as it is without the udev rule
 };
 

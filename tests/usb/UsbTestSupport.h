@@ -1,6 +1,8 @@
-// Shared pieces of the USB backend tests: the backend's test entry and a notification target
-// that records its calls.
+// Shared pieces of the USB backend tests: the backend's test entry, a notification target that
+// records its calls and a fixture base with whole-buffer transfers.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -10,6 +12,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "Kernel/UsbLib.h"
 #include "tests/support/support.h"
@@ -52,6 +55,22 @@ private:
     std::condition_variable changed;
     std::atomic<int> calls{0};
     std::atomic<std::thread::id> lastThread;
+};
+
+class UsbLibTest : public ::testing::Test {
+protected:
+    using Bytes = std::vector<uint8_t>;
+
+    void TearDown() override { usb.reset(); }
+    bool Read(orq::UsbDevice* device, Bytes& into) {
+        return usb->UsbReadExactly(orq::UsbBuffer{into.data(), into.size()}, device);
+    }
+    bool Write(orq::UsbDevice* device, Bytes bytes) {
+        return usb->UsbWrite(orq::UsbBuffer{bytes.data(), bytes.size()}, device);
+    }
+
+    ChangeRecorder notify;
+    std::unique_ptr<orq::UsbLib> usb;
 };
 
 }  // namespace orqtest

@@ -19,25 +19,22 @@ namespace orqtest {
 namespace {
 
 using namespace std::chrono_literals;
-using Bytes = std::vector<uint8_t>;
-using Holder = EmulatedDeviceOptions::Holder;
 using orq::UsbBuffer;
 using orq::UsbDevice;
 using Paths = std::set<std::u16string>;
 
-Bytes Pattern(size_t size, uint8_t seed) {
-    Bytes bytes(size);
+std::vector<uint8_t> Pattern(size_t size, uint8_t seed) {
+    std::vector<uint8_t> bytes(size);
     for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(seed + i * 7 + (i >> 9));
     return bytes;
 }
 
-class UsbBackendTest : public ::testing::Test {
+class UsbBackendTest : public UsbLibTest {
 protected:
-    // The bus exists before the backend's libusb context and goes after it.
+    // The bus exists before the backend's libusb context and goes after it (at TearDown).
     void StartBackend(bool useHotplug = true) {
         usb = orq::CreateUsbLib_LibUsb(&notify, useHotplug);
     }
-    void TearDown() override { usb.reset(); }
 
     // A camera whose pipes `endpoint` serves from then on, echoing what is written.
     std::u16string Plug(std::u16string product = u"Orq Scripted Camera",
@@ -58,35 +55,21 @@ protected:
         syscall(SYS_capset, &header, caps);
         return device;
     }
-    bool Read(UsbDevice* device, Bytes& into) {
-        return usb->UsbReadExactly(UsbBuffer{into.data(), into.size()}, device);
-    }
-    bool Write(UsbDevice* device, Bytes bytes) {
-        return usb->UsbWrite(UsbBuffer{bytes.data(), bytes.size()}, device);
-    }
 
     EmulatedUsbBus bus;
-    ChangeRecorder notify;
-    std::unique_ptr<orq::UsbLib> usb;
     std::shared_ptr<ScriptedEndpoint> endpoint;
 };
 
 TEST_F(UsbBackendTest, ListsAndOpensFreeStillImageCamerasWithBothBulkPipesOnly) {
     const std::u16string product = u"Orq Camera SX160 \u00e9\u4e2d";
-    EmulatedDeviceOptions vendor, inOnly, held, bound, closed;
-    vendor.interfaceClass = 0xFF;
-    inOnly.bulkOut = false;
-    held.holder = Holder::OtherProgram;
-    bound.holder = Holder::KernelDriver;
-    closed.noAccess = true;
+    // Fields in order: interface class, bulk-out pipe, held by another program, node closed.
     std::u16string path = Plug(product);
-    std::u16string vendorPath = bus.Plug(nullptr, vendor);
-    std::u16string inOnlyPath = bus.Plug(nullptr, inOnly);
-    std::u16string heldPath = Plug(u"Held", held);
-    std::u16string boundPath = Plug(u"Bound", bound);
-    std::u16string closedPath = Plug(u"Closed", closed);
+    std::u16string vendorPath = bus.Plug(nullptr, {0xFF});
+    std::u16string inOnlyPath = bus.Plug(nullptr, {6, false});
+    std::u16string heldPath = Plug(u"Held", {6, true, true});
+    std::u16string closedPath = Plug(u"Closed", {6, true, false, true});
     StartBackend();
-    EXPECT_EQ(usb->GetAllConnectedDevicePaths(), (Paths{path, heldPath, boundPath, closedPath}));
+    EXPECT_EQ(usb->GetAllConnectedDevicePaths(), (Paths{path, heldPath, closedPath}));
     EXPECT_EQ(path, u"usb:001:002");
 
     LogWatch log;
@@ -96,13 +79,10 @@ TEST_F(UsbBackendTest, ListsAndOpensFreeStillImageCamerasWithBothBulkPipesOnly) 
     usb->CloseDevice(device);
     usb->CloseDevice(device);  // the second does nothing
     EXPECT_EQ(usb->GetDeviceName(device), product) << "the name outlives the handle";
-    // Opened again, as after a failed start-up; a bound kernel driver is set aside (libusb's
-    // detaching claim is the only one the emulation grants).
-    for (const auto& again : {path, boundPath}) {
-        device = usb->OpenDevice(again);
-        ASSERT_NE(device, nullptr);
-        usb->CloseDevice(device);
-    }
+    // Opened again, as after a failed start-up.
+    device = usb->OpenDevice(path);
+    ASSERT_NE(device, nullptr);
+    usb->CloseDevice(device);
 
     for (const auto& refused : {std::u16string(u"usb:001:077"), vendorPath, inOnlyPath, heldPath}) {
         EXPECT_EQ(usb->OpenDevice(refused), nullptr);
@@ -114,7 +94,7 @@ TEST_F(UsbBackendTest, ListsAndOpensFreeStillImageCamerasWithBothBulkPipesOnly) 
     EXPECT_EQ(OpenAsUser(closedPath), nullptr);
     EXPECT_TRUE(usb->OpenDenied(closedPath));
     EXPECT_FALSE(usb->OpenDenied(heldPath));
-    EXPECT_TRUE(log.Has("No permission to open usb:001:007: install the SDK's udev rule"));
+    EXPECT_TRUE(log.Has("No permission to open usb:001:006: install the SDK's udev rule"));
 }
 
 class UsbTransferTest : public UsbBackendTest {
@@ -149,17 +129,10 @@ protected:
 };
 
 TEST_F(UsbTransferTest, WritesGoOutWholeAndReadsTakePacketsAsTheyCome) {
-    // Each write comes back as one reply: a container read as its length word, then the rest.
-    Bytes command = Pattern(32, 1), length(4), rest(28);
-    EXPECT_TRUE(Write(device, command));
-    ASSERT_TRUE(Read(device, length));
-    ASSERT_TRUE(Read(device, rest));
-    length.insert(length.end(), rest.begin(), rest.end());
-    EXPECT_EQ(length, command);
-
-    // A header of 12, then a payload that spans packets and ends in a short one; a reply
-    // queued right behind it.
-    Bytes data = Pattern(2 * 512 + 300, 4), header(12), payload(data.size() - 12), whole(32);
+    // Each write comes back as one reply: a header of 12, then a payload that spans packets
+    // and ends in a short one; a reply queued right behind it.
+    Bytes command = Pattern(32, 1), data = Pattern(2 * 512 + 300, 4);
+    Bytes header(12), payload(data.size() - 12), whole(32);
     EXPECT_TRUE(Write(device, data));
     endpoint->QueueIn(command);
     ASSERT_TRUE(Read(device, header));
@@ -198,7 +171,6 @@ TEST_F(UsbTransferTest, FailuresAreLoggedWithLibusbNumbers) {
     endpoint->QueueIn({}, orqsim::TransferResult::Error);
     EXPECT_FALSE(Read(device, buffer));
     EXPECT_TRUE(log.Has("UsbRead failed -9"));
-    EXPECT_TRUE(log.Has("UsbReadExactly failed"));
     // A run of empty packets ends the read rather than holding it for ever.
     for (int i = 0; i < 8; ++i) endpoint->QueueIn({});
     endpoint->QueueIn(Pattern(12, 9));
@@ -232,7 +204,6 @@ TEST_F(UsbTransferTest, CloseFromAnotherThreadOrACablePullFailsABlockedReadAtOnc
     device = usb->OpenDevice(path);
     ASSERT_NE(device, nullptr);
     EXPECT_FALSE(BlockedReadInterruptedBy([&] { bus.Unplug(path); }));
-    EXPECT_TRUE(notify.WaitFor([&] { return usb->GetAllConnectedDevicePaths().empty(); }));
 }
 
 TEST_F(UsbBackendTest, DevicesTransferAtTheSameTimeWithoutSharedState) {
@@ -256,40 +227,39 @@ TEST_F(UsbBackendTest, DevicesTransferAtTheSameTimeWithoutSharedState) {
     EXPECT_EQ(failures, 0);
 }
 
-TEST_F(UsbBackendTest, HotplugReachesTheReceiverOnTheBackendsOwnThread) {
-    std::atomic<bool> expectCamera{false}, openedInside{false};
-    // The receiver opens the camera and talks to it from inside the notification, as the
-    // camera manager does on arrival.
+// With hot-plug events, or the periodic enumeration that stands in for them where libusb has
+// none, arrivals and removals reach the receiver on the backend's own thread.
+class UsbNotificationTest : public UsbBackendTest, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(UsbNotificationTest, ChangesReachTheReceiverThatMayTalkToTheCameraFromThere) {
+    std::atomic<bool> started{false}, pinged{false}, gone{false};
+    // As the camera manager does on arrival: open the camera from inside the notification.
     notify.onChange = [&] {
-        if (!expectCamera) return;
-        for (const auto& path : usb->GetAllConnectedDevicePaths()) {
+        if (!started) return;
+        const auto paths = usb->GetAllConnectedDevicePaths();
+        if (pinged && paths.empty()) gone = true;
+        for (const auto& path : paths) {
             UsbDevice* device = usb->OpenDevice(path);
             if (!device) continue;
             Bytes ping = Pattern(12, 10), pong(12);
-            openedInside = Write(device, ping) && Read(device, pong) && pong == ping;
+            pinged = Write(device, ping) && Read(device, pong) && pong == ping;
             usb->CloseDevice(device);
         }
     };
-    StartBackend();
+    StartBackend(GetParam());
+    started = true;
     LogWatch log;
     EXPECT_TRUE(usb->GetAllConnectedDevicePaths().empty());
     EXPECT_TRUE(log.Has("GetAllConnectedDevicePaths: Device not found 0"));
 
-    expectCamera = true;
-    Plug(u"Late");
-    ASSERT_TRUE(notify.WaitFor([&] { return openedInside.load(); }));
+    const std::u16string path = Plug();
+    ASSERT_TRUE(notify.WaitFor([&] { return pinged.load(); }));
     EXPECT_NE(notify.LastThread(), std::this_thread::get_id());
+    bus.Unplug(path);
+    EXPECT_TRUE(notify.WaitFor([&] { return gone.load(); }));
 }
 
-TEST_F(UsbBackendTest, PeriodicEnumerationStandsInForHotplug) {
-    StartBackend(false);
-    std::u16string path = Plug();
-    ASSERT_TRUE(notify.WaitFor([&] { return notify.Calls() >= 1; }));
-    EXPECT_EQ(usb->GetAllConnectedDevicePaths(), Paths{path});
-    bus.Unplug(path);
-    ASSERT_TRUE(notify.WaitFor([&] { return notify.Calls() >= 2; }));
-    EXPECT_TRUE(usb->GetAllConnectedDevicePaths().empty());
-}
+INSTANTIATE_TEST_SUITE_P(HotplugOrPolling, UsbNotificationTest, ::testing::Bool());
 
 TEST_F(UsbBackendTest, DestructionWaitsForARunningNotificationAndEndsThemAll) {
     std::atomic<bool> inside{false}, finished{false};

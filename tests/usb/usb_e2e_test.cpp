@@ -36,9 +36,9 @@ TEST_F(UsbEndToEnd, TheFreeCameraIsListedAndItsPropertiesReachIt) {
     auto g15 = std::make_shared<orqsim::VirtualCamera>(options);
     g15->SetModeWheel(32769);  // manual: every property of the model is on offer
     std::u16string path = bus.Plug(g15);
-    EmulatedDeviceOptions held;  // another program holds this one: its start-up fails
-    held.holder = EmulatedDeviceOptions::Holder::OtherProgram;
-    bus.Plug(std::make_shared<orqsim::VirtualCamera>(), held);
+    EmulatedDeviceOptions busy;  // another program holds this one: its start-up fails
+    busy.held = true;
+    bus.Plug(std::make_shared<orqsim::VirtualCamera>(), busy);
     // Another program on this machine may hold the SDK for a while (a developer's tests).
     OrqResult result = OrqInitializeSDK();
     for (int i = 0; i < 600 && result == ORQ_SECOND_PROCESS; ++i) {
