@@ -7,6 +7,7 @@
 #include <dbt.h>
 // clang-format on
 
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -21,12 +22,10 @@ namespace orqtest {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using orq::UsbBuffer;
 using orq::UsbDevice;
 
 const HDEVINFO kDeviceSet = reinterpret_cast<HDEVINFO>(0x5E7);
 const HANDLE kFile = reinterpret_cast<HANDLE>(0xF11E);
-const WINUSB_INTERFACE_HANDLE kWinUsb = reinterpret_cast<WINUSB_INTERFACE_HANDLE>(0x3B);
 
 // One read as the system would complete it: bytes delivered, or an error number.
 struct ReadResult {
@@ -39,14 +38,19 @@ struct FakeSystem {
     // Enumeration: one device per entry; a non-zero error fails its interfaceData query.
     bool classDevsFail = false;
     std::vector<std::pair<std::wstring, DWORD>> devices;
+    int setsOpen = 0;
 
     DWORD createError = 0;
     DWORD initializeError = 0;
     bool settingsFail = false;
-    std::vector<WINUSB_PIPE_INFORMATION> pipes;
+    // Bulk-in first, so that resize(1) leaves an interface without bulk-out.
+    std::vector<WINUSB_PIPE_INFORMATION> pipes = {{UsbdPipeTypeBulk, 0x81, 512, 0},
+                                                  {UsbdPipeTypeInterrupt, 0x83, 8, 9},
+                                                  {UsbdPipeTypeBulk, 0x02, 512, 0}};
     int failingPipeQuery = -1;
     DWORD descriptorError = 0;
-    std::u16string product = u"Orq Camera SX160";
+    // Sent whole whatever the buffer, as a device that claims more than it may would.
+    std::u16string product = u"Orq Camera SX160 \u4e2d";
     std::vector<std::pair<UCHAR, ULONG>> timeouts;
     USHORT languageAsked = 0;
 
@@ -55,7 +59,6 @@ struct FakeSystem {
     std::deque<ReadResult> reads;  // when empty, a read blocks until the file is closed
     std::vector<ULONG> readLengths;
     std::vector<UCHAR> writePipes;
-    Bytes written;
     ULONG writeShortBy = 0;
     DWORD writeError = 0;
     int closes = 0;
@@ -66,178 +69,133 @@ struct FakeSystem {
 };
 FakeSystem* current = nullptr;
 
-HDEVINFO WINAPI GetClassDevs(const GUID* guid, PCWSTR, HWND, DWORD flags) {
-    EXPECT_TRUE(IsEqualGUID(*guid, orq::kCameraInterfaceGuid));
-    EXPECT_EQ(flags, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
-    SetLastError(ERROR_ACCESS_DENIED);
-    return current->classDevsFail ? INVALID_HANDLE_VALUE : kDeviceSet;
-}
-WINBOOL WINAPI EnumDeviceInfo(HDEVINFO, DWORD index, PSP_DEVINFO_DATA info) {
-    if (index >= current->devices.size()) {
-        SetLastError(ERROR_NO_MORE_ITEMS);
-        return FALSE;
-    }
-    info->DevInst = index;
-    return TRUE;
-}
-WINBOOL WINAPI EnumDeviceInterfaces(HDEVINFO, PSP_DEVINFO_DATA info, const GUID*, DWORD member,
-                                    PSP_DEVICE_INTERFACE_DATA interfaceData) {
-    EXPECT_EQ(member, 0u);
-    DWORD error = current->devices.at(info->DevInst).second;
-    if (error) {
-        SetLastError(error);
-        return FALSE;
-    }
-    interfaceData->Reserved = info->DevInst;
-    return TRUE;
-}
-WINBOOL WINAPI GetInterfaceDetail(HDEVINFO, PSP_DEVICE_INTERFACE_DATA interfaceData,
-                                  PSP_DEVICE_INTERFACE_DETAIL_DATA_W detail, DWORD size,
-                                  PDWORD required, PSP_DEVINFO_DATA) {
-    const std::wstring& path = current->devices.at(interfaceData->Reserved).first;
-    DWORD needed = offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath) +
-                   (path.size() + 1) * sizeof(wchar_t);
-    if (!detail || size < needed) {
-        if (required) *required = needed;
-        SetLastError(ERROR_INSUFFICIENT_BUFFER);
-        return FALSE;
-    }
-    EXPECT_EQ(detail->cbSize, sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W));
-    wcscpy(detail->DevicePath, path.c_str());
-    return TRUE;
-}
-WINBOOL WINAPI DestroyDeviceInfoList(HDEVINFO set) {
-    EXPECT_EQ(set, kDeviceSet);
-    return TRUE;
-}
-HANDLE WINAPI OpenFile(LPCWSTR, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
-                       HANDLE) {
-    EXPECT_EQ(access, GENERIC_READ | GENERIC_WRITE);
-    EXPECT_EQ(share, static_cast<DWORD>(FILE_SHARE_READ | FILE_SHARE_WRITE));
-    SetLastError(current->createError);
-    return current->createError ? INVALID_HANDLE_VALUE : kFile;
-}
-WINBOOL WINAPI CloseFile(HANDLE file) {
-    EXPECT_EQ(file, kFile);
-    std::lock_guard<std::mutex> guard(current->lock);
-    ++current->closes;
-    current->fileOpen = false;
-    current->changed.notify_all();
-    return TRUE;
-}
-WINBOOL WINAPI Initialize(HANDLE, PWINUSB_INTERFACE_HANDLE winusb) {
-    SetLastError(current->initializeError);
-    *winusb = kWinUsb;
-    return current->initializeError == 0;
-}
-WINBOOL WINAPI Free(WINUSB_INTERFACE_HANDLE) {
-    std::lock_guard<std::mutex> guard(current->lock);
-    ++current->frees;
-    if (current->readsInFlight) current->freedUnderRead = true;
-    return TRUE;
-}
-WINBOOL WINAPI QueryInterfaceSettings(WINUSB_INTERFACE_HANDLE, UCHAR, PUSB_INTERFACE_DESCRIPTOR d) {
-    d->bNumEndpoints = static_cast<UCHAR>(current->pipes.size());
-    return !current->settingsFail;
-}
-WINBOOL WINAPI QueryPipe(WINUSB_INTERFACE_HANDLE, UCHAR, UCHAR index, PWINUSB_PIPE_INFORMATION p) {
-    if (index == current->failingPipeQuery) return FALSE;
-    *p = current->pipes.at(index);
-    return TRUE;
-}
-WINBOOL WINAPI SetPipePolicy(WINUSB_INTERFACE_HANDLE, UCHAR pipe, ULONG policy, ULONG length,
-                             PVOID value) {
-    EXPECT_EQ(policy, static_cast<ULONG>(PIPE_TRANSFER_TIMEOUT));
-    EXPECT_EQ(length, sizeof(ULONG));
-    current->timeouts.emplace_back(pipe, *static_cast<ULONG*>(value));
-    return TRUE;
-}
-WINBOOL WINAPI GetDescriptor(WINUSB_INTERFACE_HANDLE, UCHAR type, UCHAR index, USHORT language,
-                             PUCHAR buffer, ULONG size, PULONG length) {
-    EXPECT_EQ(type, USB_STRING_DESCRIPTOR_TYPE);
-    EXPECT_EQ(index, 2);
-    current->languageAsked = language;
-    if (current->descriptorError) {
-        SetLastError(current->descriptorError);
-        return FALSE;
-    }
-    ULONG total = static_cast<ULONG>(2 + 2 * current->product.size());
-    EXPECT_LE(total, size);
-    buffer[0] = static_cast<UCHAR>(total);
-    buffer[1] = USB_STRING_DESCRIPTOR_TYPE;
-    for (size_t i = 0; i < current->product.size(); ++i) {
-        buffer[2 + 2 * i] = static_cast<UCHAR>(current->product[i] & 0xFF);
-        buffer[3 + 2 * i] = static_cast<UCHAR>(current->product[i] >> 8);
-    }
-    *length = total;
-    return TRUE;
-}
-WINBOOL WINAPI ReadPipe(WINUSB_INTERFACE_HANDLE, UCHAR, PUCHAR buffer, ULONG size, PULONG count,
-                        LPOVERLAPPED) {
-    std::unique_lock<std::mutex> guard(current->lock);
-    current->readLengths.push_back(size);
-    ++current->readsInFlight;
-    current->changed.notify_all();
-    current->changed.wait(guard, [] { return !current->reads.empty() || !current->fileOpen; });
-    --current->readsInFlight;
-    if (current->reads.empty()) {
-        SetLastError(ERROR_OPERATION_ABORTED);
-        return FALSE;
-    }
-    ReadResult result = std::move(current->reads.front());
-    current->reads.pop_front();
-    std::copy(result.bytes.begin(), result.bytes.end(), buffer);
-    *count = static_cast<ULONG>(result.bytes.size());
-    SetLastError(result.error);
-    return result.error == 0;
-}
-WINBOOL WINAPI WritePipe(WINUSB_INTERFACE_HANDLE, UCHAR pipe, PUCHAR buffer, ULONG size,
-                         PULONG count, LPOVERLAPPED) {
-    current->writePipes.push_back(pipe);
-    current->written.assign(buffer, buffer + size);
-    *count = size - current->writeShortBy;
-    SetLastError(current->writeError);
-    return current->writeError == 0;
-}
-
 orq::WinUsbCalls FakeCalls() {
     orq::WinUsbCalls calls;
-    calls.getClassDevs = GetClassDevs;
-    calls.enumDeviceInfo = EnumDeviceInfo;
-    calls.enumDeviceInterfaces = EnumDeviceInterfaces;
-    calls.getInterfaceDetail = GetInterfaceDetail;
-    calls.destroyDeviceInfoList = DestroyDeviceInfoList;
-    calls.createFile = OpenFile;
-    calls.closeHandle = CloseFile;
-    calls.initialize = Initialize;
-    calls.free = Free;
-    calls.queryInterfaceSettings = QueryInterfaceSettings;
-    calls.queryPipe = QueryPipe;
-    calls.setPipePolicy = SetPipePolicy;
-    calls.getDescriptor = GetDescriptor;
-    calls.readPipe = ReadPipe;
-    calls.writePipe = WritePipe;
+    calls.getClassDevs = [](const GUID* guid, PCWSTR, HWND, DWORD) {
+        EXPECT_TRUE(IsEqualGUID(*guid, orq::kCameraInterfaceGuid));
+        SetLastError(ERROR_ACCESS_DENIED);
+        if (current->classDevsFail) return INVALID_HANDLE_VALUE;
+        ++current->setsOpen;
+        return kDeviceSet;
+    };
+    calls.enumDeviceInfo = [](HDEVINFO, DWORD index, PSP_DEVINFO_DATA info) -> WINBOOL {
+        SetLastError(ERROR_NO_MORE_ITEMS);
+        info->DevInst = index;
+        return index < current->devices.size();
+    };
+    calls.enumDeviceInterfaces = [](HDEVINFO, PSP_DEVINFO_DATA info, const GUID*, DWORD,
+                                    PSP_DEVICE_INTERFACE_DATA interfaceData) -> WINBOOL {
+        const DWORD error = current->devices.at(info->DevInst).second;
+        SetLastError(error);
+        interfaceData->Reserved = info->DevInst;
+        return error == 0;
+    };
+    calls.getInterfaceDetail = [](HDEVINFO, PSP_DEVICE_INTERFACE_DATA interfaceData,
+                                  PSP_DEVICE_INTERFACE_DETAIL_DATA_W detail, DWORD size,
+                                  PDWORD required, PSP_DEVINFO_DATA) -> WINBOOL {
+        const std::wstring& path = current->devices.at(interfaceData->Reserved).first;
+        DWORD needed = offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath) +
+                       (path.size() + 1) * sizeof(wchar_t);
+        if (!detail || size < needed) {
+            if (required) *required = needed;
+            SetLastError(ERROR_INSUFFICIENT_BUFFER);
+            return FALSE;
+        }
+        EXPECT_EQ(detail->cbSize, sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W));
+        wcscpy(detail->DevicePath, path.c_str());
+        return TRUE;
+    };
+    calls.destroyDeviceInfoList = [](HDEVINFO) -> WINBOOL { return --current->setsOpen >= 0; };
+    calls.createFile = [](LPCWSTR, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) {
+        SetLastError(current->createError);
+        return current->createError ? INVALID_HANDLE_VALUE : kFile;
+    };
+    calls.closeHandle = [](HANDLE file) -> WINBOOL {
+        EXPECT_EQ(file, kFile);
+        std::lock_guard<std::mutex> guard(current->lock);
+        ++current->closes;
+        current->fileOpen = false;
+        current->changed.notify_all();
+        return TRUE;
+    };
+    calls.initialize = [](HANDLE, PWINUSB_INTERFACE_HANDLE winusb) -> WINBOOL {
+        SetLastError(current->initializeError);
+        *winusb = reinterpret_cast<WINUSB_INTERFACE_HANDLE>(0x3B);
+        return current->initializeError == 0;
+    };
+    calls.free = [](WINUSB_INTERFACE_HANDLE) -> WINBOOL {
+        std::lock_guard<std::mutex> guard(current->lock);
+        ++current->frees;
+        if (current->readsInFlight) current->freedUnderRead = true;
+        return TRUE;
+    };
+    calls.queryInterfaceSettings = [](WINUSB_INTERFACE_HANDLE, UCHAR,
+                                      PUSB_INTERFACE_DESCRIPTOR d) -> WINBOOL {
+        d->bNumEndpoints = static_cast<UCHAR>(current->pipes.size());
+        return !current->settingsFail;
+    };
+    calls.queryPipe = [](WINUSB_INTERFACE_HANDLE, UCHAR, UCHAR index,
+                         PWINUSB_PIPE_INFORMATION pipe) -> WINBOOL {
+        if (index == current->failingPipeQuery) return FALSE;
+        *pipe = current->pipes.at(index);
+        return TRUE;
+    };
+    calls.setPipePolicy = [](WINUSB_INTERFACE_HANDLE, UCHAR pipe, ULONG policy, ULONG,
+                             PVOID value) -> WINBOOL {
+        EXPECT_EQ(policy, static_cast<ULONG>(PIPE_TRANSFER_TIMEOUT));
+        current->timeouts.emplace_back(pipe, *static_cast<ULONG*>(value));
+        return TRUE;
+    };
+    calls.getDescriptor = [](WINUSB_INTERFACE_HANDLE, UCHAR, UCHAR index, USHORT language,
+                             PUCHAR buffer, ULONG size, PULONG length) -> WINBOOL {
+        EXPECT_EQ(index, 2);
+        current->languageAsked = language;
+        SetLastError(current->descriptorError);
+        Bytes sent = {0, USB_STRING_DESCRIPTOR_TYPE};
+        for (char16_t unit : current->product)
+            sent.insert(sent.end(), {uint8_t(unit), uint8_t(unit >> 8)});
+        sent[0] = static_cast<uint8_t>(sent.size());
+        std::copy_n(sent.begin(), std::min<size_t>(size, sent.size()), buffer);
+        *length = static_cast<ULONG>(sent.size());
+        return current->descriptorError == 0;
+    };
+    calls.readPipe = [](WINUSB_INTERFACE_HANDLE, UCHAR, PUCHAR buffer, ULONG size, PULONG count,
+                        LPOVERLAPPED) -> WINBOOL {
+        std::unique_lock<std::mutex> guard(current->lock);
+        current->readLengths.push_back(size);
+        ++current->readsInFlight;
+        current->changed.notify_all();
+        current->changed.wait(guard, [] { return !current->reads.empty() || !current->fileOpen; });
+        --current->readsInFlight;
+        if (current->reads.empty()) {
+            SetLastError(ERROR_OPERATION_ABORTED);
+            return FALSE;
+        }
+        ReadResult result = std::move(current->reads.front());
+        current->reads.pop_front();
+        std::copy(result.bytes.begin(), result.bytes.end(), buffer);
+        *count = static_cast<ULONG>(result.bytes.size());
+        SetLastError(result.error);
+        return result.error == 0;
+    };
+    calls.writePipe = [](WINUSB_INTERFACE_HANDLE, UCHAR pipe, PUCHAR, ULONG size, PULONG count,
+                         LPOVERLAPPED) -> WINBOOL {
+        current->writePipes.push_back(pipe);
+        *count = size - current->writeShortBy;
+        SetLastError(current->writeError);
+        return current->writeError == 0;
+    };
     return calls;
 }
 
-WINUSB_PIPE_INFORMATION Pipe(USBD_PIPE_TYPE type, UCHAR id) {
-    WINUSB_PIPE_INFORMATION pipe{};
-    pipe.PipeType = type;
-    pipe.PipeId = id;
-    pipe.MaximumPacketSize = 512;
-    return pipe;
-}
-
-class WinUsbTest : public ::testing::Test {
+class WinUsbTest : public UsbLibTest {
 protected:
     void SetUp() override {
         current = &fake;
-        fake.pipes = {Pipe(UsbdPipeTypeBulk, 0x81), Pipe(UsbdPipeTypeInterrupt, 0x83),
-                      Pipe(UsbdPipeTypeBulk, 0x02)};
         usb = orq::CreateUsbLib_WinUsb(&notify, FakeCalls());
     }
     void TearDown() override {
-        usb.reset();
+        UsbLibTest::TearDown();
         current = nullptr;
     }
 
@@ -246,16 +204,8 @@ protected:
         fake.reads.push_back(ReadResult{std::move(bytes), error});
         fake.changed.notify_all();
     }
-    bool Read(UsbDevice* device, Bytes& into) {
-        return usb->UsbReadExactly(UsbBuffer{into.data(), into.size()}, device);
-    }
-    bool Write(UsbDevice* device, Bytes bytes) {
-        return usb->UsbWrite(UsbBuffer{bytes.data(), bytes.size()}, device);
-    }
 
     FakeSystem fake;
-    ChangeRecorder notify;
-    std::unique_ptr<orq::UsbLib> usb;
 };
 
 TEST_F(WinUsbTest, EnumerationStopsAtTheFirstDeviceWithoutACameraInterfaceOrAtAFailure) {
@@ -279,20 +229,24 @@ TEST_F(WinUsbTest, EnumerationStopsAtTheFirstDeviceWithoutACameraInterfaceOrAtAF
     fake.classDevsFail = true;
     EXPECT_TRUE(usb->GetAllConnectedDevicePaths().empty());
     EXPECT_TRUE(log.Has("Error SetupDiGetClassDevs: 5"));
+    EXPECT_EQ(fake.setsOpen, 0) << "every device set is destroyed";
 }
 
 TEST_F(WinUsbTest, OpenUsesTheBulkPipesOnlyAndReadsTheProductString) {
     UsbDevice* device = usb->OpenDevice(u"\\\\?\\usb#a");
     ASSERT_NE(device, nullptr);
-    EXPECT_EQ(usb->GetDeviceName(device), u"Orq Camera SX160");
+    EXPECT_EQ(usb->GetDeviceName(device), u"Orq Camera SX160 \u4e2d");
     EXPECT_EQ(fake.languageAsked, GetUserDefaultUILanguage());
     EXPECT_EQ(fake.timeouts, (std::vector<std::pair<UCHAR, ULONG>>{{0x81, 5000}, {0x02, 5000}}));
     ASSERT_TRUE(Write(device, {1, 2, 3}));
 
-    // An interface with only a bulk-in pipe opens; writes go to pipe 0.
-    fake.pipes = {Pipe(UsbdPipeTypeBulk, 0x81)};
+    // An interface with only a bulk-in pipe opens; writes go to pipe 0. A product string longer
+    // than the descriptor buffer is cut to it.
+    fake.pipes.resize(1);
+    fake.product = std::u16string(300, u'x');
     device = usb->OpenDevice(u"\\\\?\\usb#b");
     ASSERT_NE(device, nullptr);
+    EXPECT_EQ(usb->GetDeviceName(device), std::u16string(255, u'x'));
     Write(device, {1});
     EXPECT_EQ(fake.writePipes, (std::vector<UCHAR>{0x02, 0}));
 }
@@ -314,7 +268,6 @@ TEST_F(WinUsbTest, EachOpenFailureHasItsLineAndClosesNothing) {
     };
     for (const Case& c : cases) {
         FakeSystem fresh;
-        fresh.pipes = fake.pipes;
         current = &fresh;
         c.arrange(fresh);
         LogWatch log;
@@ -350,6 +303,11 @@ TEST_F(WinUsbTest, TransfersFollowTheTransportRules) {
     Deliver({}, ERROR_SEM_TIMEOUT);
     EXPECT_FALSE(Read(device, buffer));
     EXPECT_TRUE(log.Has("UsbRead failed 121") && log.Has("UsbReadExactly failed"));
+    // A run of empty reads ends the read rather than holding it for ever.
+    for (int i = 0; i < 8; ++i) Deliver({});
+    Deliver(Bytes(12, 3));
+    Bytes header(12);
+    EXPECT_FALSE(Read(device, header));
 
     fake.writeShortBy = 4;
     EXPECT_FALSE(Write(device, Bytes(20, 1)));
@@ -387,30 +345,23 @@ TEST_F(WinUsbTest, CloseFailsABlockedReadAndFreesOnlyAfterIt) {
 }
 
 // Under wine: the system's own SetupAPI, window and message loop.
-class WinUsbSystemTest : public ::testing::Test {
-protected:
-    static std::vector<HWND> NotifyWindows() {
-        std::vector<HWND> windows;
-        HWND window = nullptr;
-        while ((window = FindWindowExW(nullptr, window, orq::kNotifyWindowClass,
-                                       orq::kNotifyWindowClass)))
-            windows.push_back(window);
-        return windows;
-    }
-};
+std::vector<HWND> NotifyWindows() {
+    std::vector<HWND> windows;
+    HWND window = nullptr;
+    while (
+        (window = FindWindowExW(nullptr, window, orq::kNotifyWindowClass, orq::kNotifyWindowClass)))
+        windows.push_back(window);
+    return windows;
+}
 
-TEST_F(WinUsbSystemTest, NoCameraIsAnOrdinaryEmptySet) {
-    ChangeRecorder notify;
-    auto usb = orq::CreateUsbLib_WinUsb(&notify, orq::WinUsbCalls{});
+TEST(WinUsbSystemTest, NoCameraIsAnEmptySetAndEveryDeviceChangeReachesTheBackendsThread) {
+    ChangeRecorder first, second;
+    auto usb = orq::CreateUsbLib_WinUsb(&first, orq::WinUsbCalls{});
     LogWatch log;
     EXPECT_TRUE(usb->GetAllConnectedDevicePaths().empty());
     EXPECT_TRUE(log.Has("GetAllConnectedDevicePaths: Device not found 259")) << log.Text();
     EXPECT_FALSE(log.Has("ERR"));
-}
 
-TEST_F(WinUsbSystemTest, EveryDeviceChangeReachesTheTargetOnTheBackendsThread) {
-    ChangeRecorder first, second;
-    auto usb = orq::CreateUsbLib_WinUsb(&first, orq::WinUsbCalls{});
     auto other = orq::CreateUsbLib_WinUsb(&second, orq::WinUsbCalls{});
     ASSERT_EQ(NotifyWindows().size(), 2u);
     for (HWND window : NotifyWindows()) {
