@@ -11,12 +11,11 @@
 #include "Output.h"
 #include "Run.h"
 #include "Session.h"
-#include "models/CameraConfig.h"
+#include "orqcam_support.h"
 
 namespace orqcam {
 namespace {
 
-constexpr uint16_t kVendorOperation = 0x9999;
 constexpr int32_t kGetMemory = 1;  // how live-view frames are read
 constexpr int32_t kShoot = 147;
 
@@ -60,14 +59,7 @@ protected:
         return client->Post(path.c_str(), body, "application/json");
     }
 
-    int OnCamera(int property) {
-        const orq::CameraConfig* profile = orq::FindCameraConfig(u"Orq Camera SX160");
-        const orq::PropertyEntry* entry = profile->Find(property);
-        int32_t raw = 0;
-        if (sdk.SimGetPropCase(camera, entry->propCase, &raw) != ORQ_OK) return -999;
-        const orq::PropertyValue* value = entry->FromCamera(raw);
-        return value ? value->value : -998;
-    }
+    int OnCamera(int property) { return ValueOnCamera(camera, "SX160", property); }
 
     int Shots() { return sdk.SimCountOperations(camera, kVendorOperation, kShoot); }
 

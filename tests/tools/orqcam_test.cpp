@@ -12,14 +12,13 @@
 #include "Run.h"
 #include "Session.h"
 #include "Verbs.h"
-#include "models/CameraConfig.h"
+#include "orqcam_support.h"
 
 namespace orqcam {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr uint16_t kVendorOperation = 0x9999;
 constexpr int32_t kSetPropCase = 130;
 
 std::string Slurp(FILE* file) {
@@ -65,16 +64,8 @@ protected:
         return exit;
     }
 
-    // The SDK value the camera itself holds for a property, from its raw case.
     int OnCamera(OrqSimCamera camera, int property) {
-        std::string product = "Orq Camera " + models[camera];
-        const orq::CameraConfig* profile =
-            orq::FindCameraConfig(std::u16string(product.begin(), product.end()));
-        const orq::PropertyEntry* entry = profile ? profile->Find(property) : nullptr;
-        int32_t raw = 0;
-        if (!entry || sdk.SimGetPropCase(camera, entry->propCase, &raw) != ORQ_OK) return -999;
-        const orq::PropertyValue* value = entry->FromCamera(raw);
-        return value ? value->value : -998;
+        return ValueOnCamera(camera, models[camera], property);
     }
 
     std::string out, err;
