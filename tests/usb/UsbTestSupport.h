@@ -5,11 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,43 +21,22 @@ std::unique_ptr<UsbLib> CreateUsbLib_LibUsb(IUsbLib_Notify* notify, bool useHotp
 
 namespace orqtest {
 
-class ChangeRecorder : public orq::IUsbLib_Notify {
-public:
+// Counts the backend's notifications and remembers the thread of the last.
+struct ChangeRecorder : orq::IUsbLib_Notify {
     void OnDeviceChange() override {
         if (onChange) onChange();
-        std::lock_guard<std::mutex> guard(lock);
         lastThread = std::this_thread::get_id();
         ++calls;
-        changed.notify_all();
-    }
-
-    int Calls() const { return calls; }
-    std::thread::id LastThread() const { return lastThread; }
-    // Waits up to ten seconds until `until` holds after a call.
-    bool WaitFor(const std::function<bool()>& until) {
-        std::unique_lock<std::mutex> guard(lock);
-        return changed.wait_for(guard, std::chrono::seconds(10), [&] {
-            guard.unlock();
-            bool done = until();
-            guard.lock();
-            return done;
-        });
     }
 
     // Runs inside OnDeviceChange, on the backend's thread; set before the backend exists.
     std::function<void()> onChange;
-
-private:
-    std::mutex lock;
-    std::condition_variable changed;
     std::atomic<int> calls{0};
     std::atomic<std::thread::id> lastThread;
 };
 
 class UsbLibTest : public ::testing::Test {
 protected:
-    using Bytes = std::vector<uint8_t>;
-
     void TearDown() override { usb.reset(); }
     bool Read(orq::UsbDevice* device, Bytes& into) {
         return usb->UsbReadExactly(orq::UsbBuffer{into.data(), into.size()}, device);

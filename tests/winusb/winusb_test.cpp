@@ -21,7 +21,6 @@
 namespace orqtest {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using orq::UsbDevice;
 
 const HDEVINFO kDeviceSet = reinterpret_cast<HDEVINFO>(0x5E7);
@@ -368,15 +367,15 @@ TEST(WinUsbSystemTest, NoCameraIsAnEmptySetAndEveryDeviceChangeReachesTheBackend
         SendMessageW(window, WM_DEVICECHANGE, DBT_DEVICEARRIVAL, 0);
         SendMessageW(window, WM_DEVICECHANGE, DBT_DEVNODES_CHANGED, 0);
     }
-    EXPECT_EQ(first.Calls(), 2);
-    EXPECT_EQ(second.Calls(), 2);
-    EXPECT_NE(first.LastThread(), std::this_thread::get_id());
+    EXPECT_EQ(first.calls.load(), 2);
+    EXPECT_EQ(second.calls.load(), 2);
+    EXPECT_NE(first.lastThread.load(), std::this_thread::get_id());
 
     // The class outlives the backend that registered it while another still uses it.
     usb.reset();
     ASSERT_EQ(NotifyWindows().size(), 1u);
     SendMessageW(NotifyWindows()[0], WM_DEVICECHANGE, DBT_DEVICEREMOVECOMPLETE, 0);
-    EXPECT_EQ(second.Calls(), 3);
+    EXPECT_EQ(second.calls.load(), 3);
     other.reset();
     EXPECT_TRUE(NotifyWindows().empty());
 
@@ -385,7 +384,7 @@ TEST(WinUsbSystemTest, NoCameraIsAnEmptySetAndEveryDeviceChangeReachesTheBackend
     auto again = orq::CreateUsbLib_WinUsb(&third, orq::WinUsbCalls{});
     ASSERT_EQ(NotifyWindows().size(), 1u);
     SendMessageW(NotifyWindows()[0], WM_DEVICECHANGE, DBT_DEVICEARRIVAL, 0);
-    EXPECT_EQ(third.Calls(), 1);
+    EXPECT_EQ(third.calls.load(), 1);
 }
 
 }  // namespace
