@@ -117,12 +117,6 @@ struct EmulatedUsbBus::Device {
         return TRUE;
     }
 
-    static void OnConnected(UMockdevIoctlBase*, UMockdevIoctlClient*, gpointer self) {
-        std::lock_guard<std::mutex> guard(EmulationLock());
-        auto* device = static_cast<Device*>(self);
-        if (device->endpoint) device->endpoint->Reset();
-    }
-
     void Ioctl(UMockdevIoctlClient* client) {
         UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
         switch (umockdev_ioctl_client_get_request(client)) {
@@ -143,7 +137,6 @@ struct EmulatedUsbBus::Device {
                 return Complete(client, held ? EBUSY : 0);
             case USBDEVFS_RELEASEINTERFACE:
                 // The host closes the device (umockdev does not tell when the node is closed).
-                if (endpoint) endpoint->Abort();
                 unreapedAtRelease = pending.size() + finished.size();
                 return Complete(client, removed ? ENODEV : 0);
             case USBDEVFS_SUBMITURB:
@@ -330,7 +323,6 @@ std::u16string EmulatedUsbBus::Plug(std::shared_ptr<orqsim::VirtualEndpoint> end
     // The handler goes on before the device appears, so that no open can miss it.
     device->handler = umockdev_ioctl_base_new();
     g_signal_connect_after(device->handler, "handle-ioctl", G_CALLBACK(Device::OnIoctl), device);
-    g_signal_connect(device->handler, "client-connected", G_CALLBACK(Device::OnConnected), device);
     if (!umockdev_testbed_attach_ioctl(testbed, device->devNode.c_str(), device->handler,
                                        nullptr)) {
         throw std::runtime_error("umockdev could not attach to " + device->devNode);
@@ -360,7 +352,6 @@ void EmulatedUsbBus::Unplug(const std::u16string& path) {
         }
         device.pending.clear();
     }
-    if (device.endpoint) device.endpoint->Abort();
     umockdev_testbed_uevent(testbed, device.sysPath.c_str(), "remove");
     umockdev_testbed_remove_device(testbed, device.sysPath.c_str());
 }

