@@ -36,10 +36,11 @@ std::mutex& EmulationLock() {
 }
 
 // Device and configuration descriptors of a camera as sysfs holds them, in hex: the open test
-// vendor id (the host looks at none), a product string only, bulk pipes of 512 bytes and the
-// event pipe the host never uses.
+// vendor id (the host looks at none), a product string only, bulk pipes and the event pipe the
+// host never uses.
 std::string CameraDescriptors(const EmulatedDeviceOptions& options) {
     const uint8_t stillImage = options.interfaceClass == 6, pipes = options.bulkOut ? 3 : 2;
+    const uint8_t size[] = {uint8_t(options.packetSize), uint8_t(options.packetSize >> 8)};
     std::vector<uint8_t> bytes;
     const auto add = [&bytes](std::initializer_list<uint8_t> part) {
         bytes.insert(bytes.end(), part);
@@ -47,8 +48,8 @@ std::string CameraDescriptors(const EmulatedDeviceOptions& options) {
     add({18, 1, 0, 2, 0, 0, 0, 64, 0x09, 0x12, 1, 0, 0, 1, 0, 2, 0, 1});          // device
     add({9, 2, uint8_t(18 + 7 * pipes), 0, 1, 1, 0, 0xC0, 50});                   // configuration
     add({9, 4, 0, 0, pipes, options.interfaceClass, stillImage, stillImage, 0});  // interface
-    add({7, 5, 0x81, 2, 0, 2, 0});                                                // bulk-in
-    if (options.bulkOut) add({7, 5, 0x02, 2, 0, 2, 0});
+    add({7, 5, 0x81, 2, size[0], size[1], 0});                                    // bulk-in
+    if (options.bulkOut) add({7, 5, 0x02, 2, size[0], size[1], 0});
     add({7, 5, 0x83, 3, 8, 0, 9});  // interrupt-in
     std::string hex;
     char digits[3];

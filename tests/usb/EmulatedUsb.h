@@ -21,8 +21,9 @@ namespace orqtest {
 struct EmulatedDeviceOptions {
     uint8_t interfaceClass = 6;  // still image; 0xFF makes a vendor device with the same pipes
     bool bulkOut = true;
-    bool held = false;      // another usbfs program (a photo importer, say) holds the interface
-    bool noAccess = false;  // the node is closed to everyone, as it is without the udev rule
+    bool held = false;          // another usbfs program (a photo importer, say) holds the interface
+    bool noAccess = false;      // the node is closed to everyone, as it is without the udev rule
+    uint16_t packetSize = 512;  // as the bulk pipes declare it; packets are 512 bytes regardless
 };
 
 class EmulatedUsbBus {
