@@ -59,23 +59,6 @@ TEST_F(Zoom, AnEndLostWithAnEventReadIsFoundAtTheLens) {
     EXPECT_EQ(device->GetZoom(), 30);
 }
 
-TEST_F(Zoom, FailedCommandOrEventReadEndsAtOnceAndKeepsTheZoom) {
-    camera->SetZoomPosition(5);
-    ASSERT_EQ(device->UpdateZoom(), ORQ_OK);
-    Mark();
-    int steps = 0;
-    InjectFailure(orq::ORQM_SetZoom);
-    EXPECT_EQ(RunProc(device->CreateZoomProc(100), &steps), ORQ_ERROR);
-    EXPECT_EQ(steps, 1);
-    InjectFailure(orq::ORQM_GetEvents);
-    EXPECT_EQ(RunProc(device->CreateZoomProc(100), &steps), ORQ_ERROR);
-    EXPECT_EQ(steps, 2);  // the command, then the first poll
-    EXPECT_EQ(device->GetZoom(), 5);
-    EXPECT_TRUE(device->notes.empty());
-    EXPECT_TRUE(InOrder(
-        Log(), {"PTP_ORQM_SetZoom failed", "PTP_ORQM_GetEvents failed", "PTPLoadEvents() failed"}));
-}
-
 TEST(FocusTable, WalksFromTheNearestStopOfTheZoomStepsList) {
     const orq::FocusTable table = {{10, 20, 30, 40}, {100, 200, 300}};
     const struct {
@@ -135,7 +118,7 @@ TEST_F(Focus, StuckLensWidensTheShiftForNineMovesAtMost) {
     EXPECT_TRUE(device->notes.empty());
 }
 
-TEST_F(ControlsTest, PollsFollowTheLensesAndFailedReadsKeepZoomAndFocus) {
+TEST_F(ControlsTest, PollsFollowTheLensesAndFailuresKeepZoomAndFocus) {
     camera->SetZoomPosition(7);
     camera->SetFocusPosition(777);
     for (int i = 0; i < 2; ++i) {  // the second finds no change and reports none
@@ -148,7 +131,16 @@ TEST_F(ControlsTest, PollsFollowTheLensesAndFailedReadsKeepZoomAndFocus) {
     camera->SetZoomPosition(400);  // beyond the lens counts as its end
     EXPECT_EQ(device->UpdateZoom(), ORQ_OK);
     EXPECT_EQ(device->GetZoom(), 125);
+    Mark();
 
+    // A failed zoom command or event read ends the zoom at once.
+    int steps = 0;
+    InjectFailure(orq::ORQM_SetZoom);
+    EXPECT_EQ(RunProc(device->CreateZoomProc(100), &steps), ORQ_ERROR);
+    EXPECT_EQ(steps, 1);
+    InjectFailure(orq::ORQM_GetEvents);
+    EXPECT_EQ(RunProc(device->CreateZoomProc(100), &steps), ORQ_ERROR);
+    EXPECT_EQ(steps, 2);  // the command, then the first poll
     InjectFailure(orq::ORQM_GetZoom);
     EXPECT_EQ(device->UpdateZoom(), ORQ_ERROR);
     InjectFailure(orq::ORQM_GetFocusParams);
@@ -157,9 +149,12 @@ TEST_F(ControlsTest, PollsFollowTheLensesAndFailedReadsKeepZoomAndFocus) {
     EXPECT_EQ(device->FocusShift(1), ORQ_ERROR);
     EXPECT_EQ(device->GetZoom(), 125);
     EXPECT_EQ(device->GetFocus(), 777);
-    EXPECT_TRUE(InOrder(Log(), {"PTP_ORQM_GetZoom failed", "Get zoom failed",
-                                "PTP_ORQM_GetFocusParams failed", "PTPManualFocusGetParams failed",
-                                "PTP_ORQM_MoveFocusTo failed", "PTPManualFocusSet failed"}));
+    EXPECT_TRUE(device->notes.empty());
+    EXPECT_TRUE(
+        InOrder(Log(), {"PTP_ORQM_SetZoom failed", "PTP_ORQM_GetEvents failed",
+                        "PTPLoadEvents() failed", "PTP_ORQM_GetZoom failed", "Get zoom failed",
+                        "PTP_ORQM_GetFocusParams failed", "PTPManualFocusGetParams failed",
+                        "PTP_ORQM_MoveFocusTo failed", "PTPManualFocusSet failed"}));
 }
 
 class NoManualFocus : public ControlsTest {
