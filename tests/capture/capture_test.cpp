@@ -10,6 +10,7 @@ namespace capturetest {
 namespace {
 
 using namespace orqtest;
+using namespace std::string_literals;
 
 // Records the shots and downloads it reports.
 class CaptureDevice : public orq::DeviceLL {
@@ -194,24 +195,16 @@ TEST(DownloadTarget, IsAPlainNameUnderAKnownFolder) {
     const bool windows = orq::platform::PathSeparator() == u'\\';
     std::u16string path;
     EXPECT_FALSE(orq::DeviceLL::DownloadTarget(u"", u"IMG_0001.JPG", path));
-    const std::u16string refused[] = {u"",
-                                      u".",
-                                      u"..",
-                                      u"../a.jpg",
-                                      u"a/b.jpg",
-                                      u"a\\b.jpg",
-                                      u"c:a.jpg",
-                                      std::u16string(u"a\0b.jpg", 7),
-                                      u"a\nb.jpg",
-                                      u"a\x7F.jpg",
-                                      std::u16string(84, u'\u4e2d') + u".jpg"};
+    const std::u16string longest(84, u'\u4e2d');  // 3 bytes each in UTF-8: 256 with ".jpg"
+    const std::u16string refused[] = {
+        u"",        u".",         u"..",       u"../a.jpg",  u"a/b.jpg",       u"a\\b.jpg",
+        u"c:a.jpg", u"a\0b.jpg"s, u"a\nb.jpg", u"a\x7F.jpg", longest + u".jpg"};
     for (const auto& name : refused)
         EXPECT_FALSE(orq::DeviceLL::DownloadTarget(folder, name, path))
             << orq::platform::ToUtf8(name);
     for (const char16_t* name : {u"CON.jpg", u"com1", u"a.jpg.", u"a.jpg "})
         EXPECT_EQ(orq::DeviceLL::DownloadTarget(folder, name, path), !windows);
-    ASSERT_TRUE(
-        orq::DeviceLL::DownloadTarget(folder, std::u16string(83, u'\u4e2d') + u".jpg", path));
+    ASSERT_TRUE(orq::DeviceLL::DownloadTarget(folder, longest.substr(1) + u".jpg", path));
     ASSERT_TRUE(
         orq::DeviceLL::DownloadTarget(folder + orq::platform::PathSeparator(), u"a b.jpg", path));
     EXPECT_EQ(path, folder + orq::platform::PathSeparator() + u"a b.jpg");
@@ -265,11 +258,11 @@ TEST_F(CaptureTest, ShotsEndWithinTheirBound) {
     EXPECT_EQ(device->shots[0].id, static_cast<int32_t>(camera->Files().back().handle));
 }
 
-// Each new file belongs to the operation that made it: video waits its turn behind a shot.
-TEST_F(CaptureTest, VideoDuringAShotIsRefusedAsBusyAndTheShotKeepsItsFile) {
-    OrqResult start = ORQ_OK;
+// Each new file belongs to the operation that made it: video waits its turn behind a shot, shots
+// are refused while video records.
+TEST_F(CaptureTest, VideoAndShotsExcludeEachOtherAndStopReportsTheNewMovie) {
+    OrqResult start = ORQ_OK, stop = ORQ_OK;
     OrqFileInfo movie{};
-    OrqResult stop = ORQ_OK;
     EXPECT_EQ(Shoot([&] {
                   start = device->PTPStartVideo();
                   stop = device->PTPStopVideo(&movie);
@@ -281,9 +274,8 @@ TEST_F(CaptureTest, VideoDuringAShotIsRefusedAsBusyAndTheShotKeepsItsFile) {
     EXPECT_EQ(device->shots[0].id, static_cast<int32_t>(camera->Files().back().handle));
     EXPECT_EQ(Ops(orq::ORQM_StartVideo) + Ops(orq::ORQM_StopVideo), 0u);
     EXPECT_FALSE(device->IsVideoRecording());
-}
+    Mark();
 
-TEST_F(CaptureTest, VideoRefusesShotsAndItsStopReportsTheNewMovie) {
     InjectFailure(orq::ORQM_StartVideo);
     EXPECT_EQ(device->PTPStartVideo(), ORQ_ERROR);
     EXPECT_EQ(Count(Log(), "PTP_ORQM_StartVideo failed"), 1);
@@ -301,7 +293,6 @@ TEST_F(CaptureTest, VideoRefusesShotsAndItsStopReportsTheNewMovie) {
     EXPECT_EQ(Count(Log(), "Shooting not supported: video recording started"), 2);
     EXPECT_EQ(Ops(orq::ORQM_Shoot) + Ops(orq::ORQM_RemoteCaptureStart), 0u);
 
-    OrqFileInfo movie{};
     ASSERT_EQ(device->PTPStopVideo(&movie), ORQ_OK);
     EXPECT_FALSE(device->IsVideoRecording());
     const auto newest = camera->Files().back();
