@@ -112,7 +112,7 @@ protected:
     void Free(const Frame& frame) { device->released->at(frame.data)(frame.data); }
 };
 
-TEST_F(Preview, FrameIsTheCameraPictureAsABmpImage) {
+TEST_F(Preview, FrameIsTheCameraPictureAsABmpImageAndBadReadsKeepTheLast) {
     // 362 x 240 comes out 320 x 240; a height of 180 means the height is in word 5. An odd width
     // asks for less than whole groups (the division comes last). A block that stops short
     // converts what came (and the fresh buffer is zeroed).
@@ -140,6 +140,37 @@ TEST_F(Preview, FrameIsTheCameraPictureAsABmpImage) {
     Free(frame);
     ASSERT_EQ(Get(frame), ORQ_OK);
     EXPECT_EQ(frame.size, 640 * 480 * 3 + 54);
+
+    // Bad sizes and failed reads keep the last frame.
+    const Bytes copy(frame.data, frame.data + frame.size);
+    Free(frame);
+    Mark();
+    // A settings block that stops short, failed reads of the settings and of the picture.
+    camera->InjectFault(
+        Raw(orq::PTP_OC_Vendor, orq::CHDK_GetVideoSettings, DataThen(Words({1, 320}))));
+    for (uint32_t fail :
+         {0u, uint32_t(orq::CHDK_GetVideoSettings), uint32_t(orq::CHDK_GetMemory)}) {
+        if (fail) InjectFailure(fail);
+        device->AgeVideoSettings();
+        EXPECT_EQ(device->UpdatePreviewFrame(), ORQ_ERROR) << fail;
+    }
+    // A size no live view has is refused before anything is asked or allocated.
+    camera->ClearFaults();
+    camera->SetVideoSettings({1, 16384, 16384});
+    device->AgeVideoSettings();
+    const size_t reads = Ops(orq::CHDK_GetMemory);
+    EXPECT_EQ(device->UpdatePreviewFrame(), ORQ_ERROR);
+    EXPECT_EQ(Ops(orq::CHDK_GetMemory), reads);
+    EXPECT_TRUE(InOrder(
+        Log(), {"PTPGetPreviewFrame: bad frame size 320 x 0", "PTPGetPreviewFrame failed",
+                "PTP_CHDK_GetVideoSettings failed", "GetVideoSettings failed",
+                "PTPGetPreviewFrame failed", "PTP_CHDK_GetMemory failed",
+                "PTPGetPreviewFrame failed", "PTPGetPreviewFrame: bad frame size 16384 x 16384"}));
+    EXPECT_EQ(Ops(orq::CHDK_GetMemory), 1u);  // only once the size was good
+    EXPECT_TRUE(device->notes.empty());
+    ASSERT_EQ(Get(frame), ORQ_OK);
+    ASSERT_EQ(size_t(frame.size), copy.size());
+    EXPECT_EQ(0, std::memcmp(frame.data, copy.data(), copy.size()));
 }
 
 TEST_F(Preview, FrameIsHandedOutOnceNeverWrittenWhileHeldAndOutlivesTheCamera) {
@@ -171,41 +202,6 @@ TEST_F(Preview, FrameIsHandedOutOnceNeverWrittenWhileHeldAndOutlivesTheCamera) {
     device.reset();
     EXPECT_EQ(0, std::memcmp(first.data, held.data(), held.size()));
     released->at(first.data)(first.data);
-}
-
-TEST_F(Preview, BadSizesAndFailedReadsKeepTheLastFrame) {
-    ASSERT_EQ(device->UpdatePreviewFrame(), ORQ_OK);
-    Frame frame;
-    ASSERT_EQ(Get(frame), ORQ_OK);
-    const Bytes copy(frame.data, frame.data + frame.size);
-    Free(frame);
-    Mark();
-    // A settings block that stops short, failed reads of the settings and of the picture.
-    camera->InjectFault(
-        Raw(orq::PTP_OC_Vendor, orq::CHDK_GetVideoSettings, DataThen(Words({1, 320}))));
-    for (uint32_t fail :
-         {0u, uint32_t(orq::CHDK_GetVideoSettings), uint32_t(orq::CHDK_GetMemory)}) {
-        if (fail) InjectFailure(fail);
-        device->AgeVideoSettings();
-        EXPECT_EQ(device->UpdatePreviewFrame(), ORQ_ERROR) << fail;
-    }
-    // A size no live view has is refused before anything is asked or allocated.
-    camera->ClearFaults();
-    camera->SetVideoSettings({1, 16384, 16384});
-    device->AgeVideoSettings();
-    const size_t reads = Ops(orq::CHDK_GetMemory);
-    EXPECT_EQ(device->UpdatePreviewFrame(), ORQ_ERROR);
-    EXPECT_EQ(Ops(orq::CHDK_GetMemory), reads);
-    EXPECT_TRUE(InOrder(
-        Log(), {"PTPGetPreviewFrame: bad frame size 320 x 0", "PTPGetPreviewFrame failed",
-                "PTP_CHDK_GetVideoSettings failed", "GetVideoSettings failed",
-                "PTPGetPreviewFrame failed", "PTP_CHDK_GetMemory failed",
-                "PTPGetPreviewFrame failed", "PTPGetPreviewFrame: bad frame size 16384 x 16384"}));
-    EXPECT_EQ(Ops(orq::CHDK_GetMemory), 1u);  // only once the size was good
-    EXPECT_TRUE(device->notes.empty());
-    ASSERT_EQ(Get(frame), ORQ_OK);
-    ASSERT_EQ(size_t(frame.size), copy.size());
-    EXPECT_EQ(0, std::memcmp(frame.data, copy.data(), copy.size()));
 }
 
 }  // namespace

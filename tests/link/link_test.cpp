@@ -263,7 +263,7 @@ TEST_F(OperationsTest, WrappersSendTheirParametersAndLogTheirLine) {
     }
 }
 
-TEST_F(OperationsTest, FixedSizeGettersCopyTheAskedWordsWhateverTheBlock) {
+TEST_F(OperationsTest, GettersTakeWhatTheBlockHoldsAndNoMore) {
     uint32_t current = 1, maximum = 1, minimum = 1;
     camera->InjectFault(Raw(PTP_OC_Vendor, orq::ORQM_GetVBat, DataThen(Words({3700}))));
     ASSERT_EQ(device->PTPGetVBat(current, maximum, minimum), ORQ_OK);
@@ -275,10 +275,8 @@ TEST_F(OperationsTest, FixedSizeGettersCopyTheAskedWordsWhateverTheBlock) {
     EXPECT_EQ(device->PTPORQMGet(orq::ORQM_GetFocusParams, 2, words), ORQ_ERROR);
     EXPECT_EQ(words, (std::vector<uint32_t>{42}));
     EXPECT_EQ(Count(Log(), "PTPORQMGet failed: 157"), 1);
-}
 
-TEST_F(OperationsTest, VersionTextEndsAtTheFirstZeroOrWithTheBlock) {
-    // Text after the first zero byte is not part of it; a text without one ends with the block.
+    // Version text after the first zero byte is not part of it; without one it ends with the block.
     const std::pair<Bytes, std::string> versions[] = {{{'3', '.', '2', 0, '9', '9'}, "3.2"},
                                                       {{'4', '.', '0'}, "4.0"}};
     for (const auto& [bytes, text] : versions) {

@@ -149,34 +149,31 @@ TEST(PropertySet, ChecksComeInOrderAndTheModeAndMyColorsShowAndHideProperties) {
 }
 
 // A description carries the size of each offered image size, and only the battery is read-only.
-TEST(PropertyDesc, SizesAndReadOnlyFlags) {
-    Rig rig("A1400");
-    ASSERT_EQ(rig.loaded, ORQ_OK);
-    for (int id : {1, 7, 13}) {
-        SCOPED_TRACE(id);
-        OrqPropertyDesc* desc = nullptr;
-        ASSERT_EQ(rig.device->GetPropertyDesc(id, &desc), ORQ_OK);
-        EXPECT_EQ(desc->readOnly, id == 13 ? 1 : 0);
-        EXPECT_EQ(desc->sizes != nullptr, id == 1);
-        std::vector<std::pair<int, int>> sizes;
-        for (int i = 0; desc->sizes && i < desc->count; ++i)
-            sizes.emplace_back(desc->sizes[i].width, desc->sizes[i].height);
-        rig.device->FreePointer(desc);
-        if (id == 1) {
-            EXPECT_EQ(sizes,
-                      (std::vector<std::pair<int, int>>{
-                          {4608, 3456}, {3264, 2448}, {1600, 1200}, {640, 480}, {2304, 1728}}));
-        }
-    }
-}
-
-TEST(PropertySet, LargestImageSizeStepsQualityDownFirst) {
+// The largest image size steps the quality down first.
+TEST(ImageSize, DescriptionsCarryTheSizesAndTheLargestStepsQualityDownFirst) {
     Rig rig("A1400", [](VirtualCamera& c) {
         c.SetPropCase(221, 1);
         c.SetPropCase(167, 0);  // Superfine, allowed below the largest size
     });
     ASSERT_EQ(rig.loaded, ORQ_OK);
     Camera& cam = *rig.device;
+    for (int id : {1, 7, 13}) {
+        SCOPED_TRACE(id);
+        OrqPropertyDesc* desc = nullptr;
+        ASSERT_EQ(cam.GetPropertyDesc(id, &desc), ORQ_OK);
+        EXPECT_EQ(desc->readOnly, id == 13 ? 1 : 0);
+        EXPECT_EQ(desc->sizes != nullptr, id == 1);
+        std::vector<std::pair<int, int>> sizes;
+        for (int i = 0; desc->sizes && i < desc->count; ++i)
+            sizes.emplace_back(desc->sizes[i].width, desc->sizes[i].height);
+        cam.FreePointer(desc);
+        if (id == 1) {
+            EXPECT_EQ(sizes,
+                      (std::vector<std::pair<int, int>>{
+                          {4608, 3456}, {3264, 2448}, {1600, 1200}, {640, 480}, {2304, 1728}}));
+        }
+    }
+
     EXPECT_EQ(Offered(cam, 2), (std::vector<int>{0, 1, 2, 3}));
     EXPECT_EQ(cam.SetPropertyData(1, 0), ORQ_OK);
     EXPECT_EQ(rig.Take(), (Sent{Set(167, 1), Set(221, 0)}));
