@@ -26,12 +26,6 @@ using orq::UsbDevice;
 const HDEVINFO kDeviceSet = reinterpret_cast<HDEVINFO>(0x5E7);
 const HANDLE kFile = reinterpret_cast<HANDLE>(0xF11E);
 
-// One read as the system would complete it: bytes delivered, or an error number.
-struct ReadResult {
-    Bytes bytes;
-    DWORD error = 0;
-};
-
 // The system side of the fake calls; one at a time, reached through `current`.
 struct FakeSystem {
     // Enumeration: one device per entry; a non-zero error fails its interfaceData query.
@@ -55,7 +49,9 @@ struct FakeSystem {
 
     std::mutex lock;
     std::condition_variable changed;
-    std::deque<ReadResult> reads;  // when empty, a read blocks until the file is closed
+    // Each read as the system completes it, bytes and error number; when there is none, a read
+    // blocks until the file is closed.
+    std::deque<std::pair<Bytes, DWORD>> reads;
     std::vector<ULONG> readLengths;
     std::vector<UCHAR> writePipes;
     ULONG writeShortBy = 0;
@@ -170,12 +166,12 @@ orq::WinUsbCalls FakeCalls() {
             SetLastError(ERROR_OPERATION_ABORTED);
             return FALSE;
         }
-        ReadResult result = std::move(current->reads.front());
+        auto [bytes, error] = std::move(current->reads.front());
         current->reads.pop_front();
-        std::copy(result.bytes.begin(), result.bytes.end(), buffer);
-        *count = static_cast<ULONG>(result.bytes.size());
-        SetLastError(result.error);
-        return result.error == 0;
+        std::copy(bytes.begin(), bytes.end(), buffer);
+        *count = static_cast<ULONG>(bytes.size());
+        SetLastError(error);
+        return error == 0;
     };
     calls.writePipe = [](WINUSB_INTERFACE_HANDLE, UCHAR pipe, PUCHAR, ULONG size, PULONG count,
                          LPOVERLAPPED) -> WINBOOL {
@@ -200,7 +196,7 @@ protected:
 
     void Deliver(Bytes bytes, DWORD error = 0) {
         std::lock_guard<std::mutex> guard(fake.lock);
-        fake.reads.push_back(ReadResult{std::move(bytes), error});
+        fake.reads.emplace_back(std::move(bytes), error);
         fake.changed.notify_all();
     }
 
