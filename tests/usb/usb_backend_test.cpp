@@ -157,10 +157,19 @@ TEST_F(UsbTransferTest, WritesGoOutWholeAndReadsTakePacketsAsTheyCome) {
 
 TEST_F(UsbTransferTest, FailuresAreLoggedWithLibusbNumbers) {
     LogWatch log;
-    // A read that runs out of time after a part has come.
+    // A device that trickles a byte at a time fails the read once it outlasts the pipe timeout,
+    // long before the 20 s these 1024 bytes would take.
+    std::atomic<bool> trickling{true};
+    std::thread trickle([&] {
+        while (trickling) {
+            endpoint->QueueIn({1});
+            std::this_thread::sleep_for(20ms);
+        }
+    });
     Bytes buffer(1024);
-    endpoint->QueueIn(Pattern(512, 8));
     EXPECT_FALSE(Read(device, buffer));
+    trickling = false;
+    trickle.join();
     EXPECT_TRUE(log.Has("UsbRead failed -7"));
 
     endpoint->QueueIn({}, orqsim::TransferResult::Error);
