@@ -3,36 +3,19 @@
 
 using namespace orqtest;
 
-namespace {
-
+// The recorders outlive the test body: termination in TearDown may still deliver to them.
 class DeviceLoopTest : public SdkTest {
 protected:
-    void StartWith(const char* model) {
-        camera = OrqSimAttachCamera(model);
-        Start();
-        auto cameras = Cameras();
-        ASSERT_EQ(cameras.size(), 1u);
-        session = Open(cameras[0].id);
-        errors = OrqCameraErrorSubscribe(session, Recorder::OnCameraError, &recorder);
-    }
-    void TearDown() override {
-        OrqFree(errors);
-        OrqFree(session);
-        SdkTest::TearDown();
-    }
-    OrqSimCamera camera = 0;
-    OrqSubscription errors = nullptr;
-    Recorder recorder;
+    Recorder recorders[3];
 };
 
-}  // namespace
-
 TEST_F(DeviceLoopTest, ZoomRequestsQueuedBehindAnOperationCollapse) {
-    StartWith("SX160");
+    auto camera = StartWithSession();
+    OrqCameraErrorSubscribe(session, Recorder::OnCameraError, &recorders[0]);
     size_t start = LogSize();
-    OrqSimClearOperations(camera);
+    camera->ClearOperations();
     ASSERT_EQ(OrqUpdateAEAF(session), ORQ_OK);  // holds the loop for a second
-    ASSERT_TRUE(WaitFor([&] { return OrqSimCountOperations(camera, 0x9999, 148) == 1; }));
+    ASSERT_TRUE(WaitFor([&] { return camera->CountOperations(0x9999, 148) == 1; }));
     EXPECT_EQ(OrqSetZoom(session, 1), ORQ_OK);
     EXPECT_EQ(OrqSetZoom(session, 2), ORQ_OK);
     EXPECT_EQ(OrqSetZoom(session, 3), ORQ_OK);
@@ -43,40 +26,39 @@ TEST_F(DeviceLoopTest, ZoomRequestsQueuedBehindAnOperationCollapse) {
     EXPECT_EQ(CountContaining(lines, "Main loop: set zoom 1"), 1);
     EXPECT_EQ(CountContaining(lines, "Main loop: set zoom (next) 2"), 1);
     EXPECT_EQ(CountContaining(lines, "Main loop: set zoom 2"), 0);
-    EXPECT_TRUE(recorder.cameraErrors.empty());
+    EXPECT_TRUE(recorders[0].cameraErrors.empty());
 }
 
-TEST_F(DeviceLoopTest, LowBatteryEndsTheLoopWithoutWaiting) {
-    StartWith("SX160");
-    OrqSimSetBattery(camera, 3000, 4200, 3400);  // below minimum + 20 %
-    ASSERT_TRUE(recorder.Await(recorder.cameraErrors, 1, 4000));
-    EXPECT_EQ(recorder.cameraErrors[0], ORQ_BATTERY_LOW);
-    EXPECT_EQ(OrqShoot(session), ORQ_BATTERY_LOW);
+// Three ways a camera's loop ends, each on a camera of its own under one SDK: a low battery at
+// once, a poll failing on a camera still connected and a mode turned that the SDK cannot drive
+// after the loop has waited up to 8 s for a removal.
+TEST_F(DeviceLoopTest, ACameraLoopEndsOnLowBatteryFailedPollsOrAnUnsupportedMode) {
+    const std::function<void(orqsim::VirtualCamera&)> faults[] = {
+        [](orqsim::VirtualCamera& c) { c.SetBattery(3000, 4200, 3400); },  // below minimum + 20 %
+        [](orqsim::VirtualCamera& c) {
+            Fault poll = Fault::Operation(Fault::ResponseCode, 0x9999, 129, 0x2005);  // reads
+            poll.times = -1;
+            c.InjectFault(poll);
+        },
+        [](orqsim::VirtualCamera& c) { c.SetModeWheel(0x7FFF); },
+    };
+    const OrqResult codes[] = {ORQ_BATTERY_LOW, ORQ_ERROR, ORQ_ERROR};
+    std::vector<std::shared_ptr<orqsim::VirtualCamera>> cameras;
+    for (size_t i = 0; i < std::size(faults); ++i) cameras.push_back(Plug());
+    Start();
+    std::vector<OrqSessionHandle> sessions;
+    for (size_t i = 0; i < std::size(faults); ++i) {
+        sessions.push_back(Open(cameras[i]));
+        OrqCameraErrorSubscribe(sessions[i], Recorder::OnCameraError, &recorders[i]);
+        faults[i](*cameras[i]);
+    }
+    for (size_t i = 0; i < std::size(faults); ++i) {
+        ASSERT_TRUE(recorders[i].Await(recorders[i].cameraErrors, 1, 14000)) << i;
+        EXPECT_EQ(recorders[i].cameraErrors[0], codes[i]) << i;
+        EXPECT_EQ(OrqShoot(sessions[i]), codes[i]) << i;
+    }
     // Calls that run no check still answer.
-    EXPECT_EQ(OrqSetPreviewState(session, 1), ORQ_OK);
-}
-
-TEST_F(DeviceLoopTest, AFailedPollOnAConnectedCameraKeepsItsCode) {
-    StartWith("SX160");
-    OrqSimFault fault{};
-    fault.kind = ORQSIM_RESPONSE_CODE;
-    fault.opcode = 0x9999;
-    fault.subCommand = 129;  // property reads of the poll
-    fault.times = -1;
-    fault.value = 0x2005;
-    ASSERT_EQ(OrqSimInjectFault(camera, &fault), ORQ_OK);
-    // The loop waits up to 8 s for a removal before it reports.
-    ASSERT_TRUE(recorder.Await(recorder.cameraErrors, 1, 14000));
-    EXPECT_EQ(recorder.cameraErrors[0], ORQ_ERROR);
-    int value;
-    EXPECT_EQ(OrqGetPropertyData(session, 0, &value), ORQ_ERROR);
-}
-
-TEST_F(DeviceLoopTest, UnsupportedModeTurnedAtRunTimeEndsTheLoop) {
-    StartWith("SX160");
-    OrqSimSetModeWheel(camera, 0x7FFF);
-    ASSERT_TRUE(recorder.Await(recorder.cameraErrors, 1, 14000));
-    EXPECT_EQ(recorder.cameraErrors[0], ORQ_ERROR);
+    EXPECT_EQ(OrqSetPreviewState(sessions[0], 1), ORQ_OK);
 }
 
 TEST(DeviceSession, ReadyOnlyWhileTheSessionFlagIsSet) {
