@@ -20,9 +20,10 @@ namespace {
 
 using namespace std::chrono_literals;
 using orq::UsbDevice;
+using Paths = std::set<std::u16string>;
 
-std::vector<uint8_t> Pattern(size_t size, uint8_t seed) {
-    std::vector<uint8_t> bytes(size);
+Bytes Pattern(size_t size, uint8_t seed) {
+    Bytes bytes(size);
     for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(seed + i * 7 + (i >> 9));
     return bytes;
 }
@@ -67,8 +68,7 @@ TEST_F(UsbBackendTest, ListsAndOpensFreeStillImageCamerasWithBothBulkPipesOnly) 
     std::u16string heldPath = Plug(u"Held", {6, true, true});
     std::u16string closedPath = Plug(u"Closed", {6, true, false, true});
     StartBackend();
-    EXPECT_EQ(usb->GetAllConnectedDevicePaths(),
-              (std::set<std::u16string>{path, heldPath, closedPath}));
+    EXPECT_EQ(usb->GetAllConnectedDevicePaths(), (Paths{path, heldPath, closedPath}));
     EXPECT_EQ(path, u"usb:001:002");
 
     LogWatch log;
