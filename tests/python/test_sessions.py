@@ -6,7 +6,7 @@ import orqsdk
 from orqsdk import sim
 
 
-def test_session_open_close_and_use_after_close(sdk, camera, sdk_log):
+def test_session_and_sdk_close_and_use_after_close(sdk, camera, sdk_log):
     listed = sdk.camera("SX160")
     assert (listed.model, listed.path) == ("SX160", camera.path)
     assert listed.serial
@@ -24,31 +24,21 @@ def test_session_open_close_and_use_after_close(sdk, camera, sdk_log):
     # The SDK saw the session end: the camera opens again.
     with listed.open() as again:
         assert again.settings["Shooting Mode"] == "Auto"
+    # Closing the SDK closes what is still open, and what was handed out goes back exactly once.
+    left = listed.open()
+    left.subscribe("shoot_completed", lambda file: None)
+    left.settings.describe("ISO Speed")
     sdk.close()
     sdk.close()
-    # Everything handed out went back exactly once, before the SDK stopped.
-    assert "OrqFree: unknown pointer" not in sdk_log()
-    assert "active free func" not in sdk_log()
-
-
-def test_sdk_close_with_sessions_open(sdk_log):
-    sim.remove_all()
-    sim.VirtualCamera("SX160")
-    sdk = sim.SDK()
-    session = sdk.camera().open()
-    session.subscribe("shoot_completed", lambda file: None)
-    session.settings.describe("ISO Speed")
-    sdk.close()
-    assert session.closed
+    assert left.closed
     with pytest.raises(orqsdk.ClosedError):
-        session.settings["ISO Speed"]
+        left.settings["ISO Speed"]
     with pytest.raises(orqsdk.ClosedError):
         sdk.cameras()
-    session.close()
+    left.close()
     assert "OrqFree: unknown pointer" not in sdk_log()
     assert "active free func" not in sdk_log()
     # A second SDK in the same process starts after the first stopped.
     with sim.SDK() as second:
         with second.camera().open() as reopened:
             assert reopened.settings["Shooting Mode"] == "Auto"
-    sim.remove_all()

@@ -42,20 +42,12 @@ TEST_F(SdkTest, NullAndStaleSessionsAreRefused) {
     EXPECT_EQ(OrqShoot(nullptr), ORQ_ERROR);
     EXPECT_EQ(OrqShootCompletedSubscribe(nullptr, nullptr, nullptr), nullptr);
     EXPECT_EQ(OrqIsVideoSupported(nullptr), 0);
-    OrqSimCamera camera = OrqSimAttachCamera("A810");
-    Start();
-    auto cameras = Cameras();
-    ASSERT_EQ(cameras.size(), 1u);
-    session = Open(cameras[0].id);
+    StartWithSession("A810");
     EXPECT_EQ(OrqIsVideoSupported(session), 1);
     int state = -1;
     EXPECT_EQ(OrqSetPreviewState(session, 2), ORQ_OK);
     EXPECT_EQ(OrqGetPreviewState(session, &state), ORQ_OK);
     EXPECT_EQ(state, 0);
-    OrqFree(session);
-    // The row goes with the camera once no session holds it.
-    OrqSimRemoveCamera(camera);
-    ASSERT_TRUE(WaitFor([&] { return Cameras().empty(); }));
 }
 
 TEST_F(SdkTest, TerminationSweepsWhatTheApplicationKept) {
@@ -109,34 +101,21 @@ struct Viewer {
 }  // namespace
 
 TEST_F(SdkTest, TerminationWaitsForCallbacksButNotForHangingOrTricklingCameras) {
-    std::vector<OrqSimCamera> attached;
-    for (int i = 0; i < 9; ++i) attached.push_back(OrqSimAttachCamera("SX160"));
+    std::vector<std::shared_ptr<orqsim::VirtualCamera>> cameras;
+    for (int i = 0; i < 9; ++i) cameras.push_back(Plug());
     Start();
-    auto cameras = Cameras();
-    ASSERT_EQ(cameras.size(), 9u);
-    // Listed in path order; each camera's id by its path.
-    auto idOf = [&](OrqSimCamera camera) {
-        OrqChar path[256] = {};
-        OrqSimGetCameraPath(camera, path, 256);
-        for (const auto& info : cameras) {
-            if (std::equal(path, path + 256, info.path)) return info.id;
-        }
-        return 0u;
-    };
     Viewer viewer;
-    viewer.session = Open(idOf(attached[0]));
+    viewer.session = Open(cameras[0]);
     OrqNewPreviewFrameSubscribe(viewer.session, Viewer::OnFrame, &viewer);
     OrqSetPreviewState(viewer.session, 1);
     // Eight cameras are in the middle of a read that stalls, or that gets a byte at a time.
-    for (size_t i = 1; i < attached.size(); ++i) {
-        OrqSimFault fault{};
-        fault.kind = i % 2 ? ORQSIM_TRANSFER_STALL : ORQSIM_TRANSFER_SHORT;
-        fault.pipe = ORQSIM_BULK_IN;
+    for (size_t i = 1; i < cameras.size(); ++i) {
+        Fault fault =
+            Fault::Transfer(i % 2 ? Fault::TransferStall : Fault::TransferShort, Pipe::In, 1, 1);
         fault.times = -1;
-        fault.value = 1;
-        OrqSimInjectFault(attached[i], &fault);
-        if (i % 2 == 0) OrqSimSetLatency(attached[i], 20000, 0);
-        OrqUpdateAEAF(Open(idOf(attached[i])));
+        cameras[i]->InjectFault(fault);
+        if (i % 2 == 0) cameras[i]->SetLatency(std::chrono::microseconds(20000), {});
+        OrqUpdateAEAF(Open(cameras[i]));
     }
     ASSERT_TRUE(WaitFor([&] { return viewer.inside > 0; }));
     OrqFree(manager);
