@@ -33,29 +33,33 @@ TEST_F(DeviceLoopTest, ZoomRequestsQueuedBehindAnOperationCollapse) {
 // once, a poll failing on a camera still connected and a mode turned that the SDK cannot drive
 // after the loop has waited up to 8 s for a removal.
 TEST_F(DeviceLoopTest, ACameraLoopEndsOnLowBatteryFailedPollsOrAnUnsupportedMode) {
-    const std::function<void(orqsim::VirtualCamera&)> faults[] = {
-        [](orqsim::VirtualCamera& c) { c.SetBattery(3000, 4200, 3400); },  // below minimum + 20 %
-        [](orqsim::VirtualCamera& c) {
-            Fault poll = Fault::Operation(Fault::ResponseCode, 0x9999, 129, 0x2005);  // reads
-            poll.times = -1;
-            c.InjectFault(poll);
-        },
-        [](orqsim::VirtualCamera& c) { c.SetModeWheel(0x7FFF); },
+    const struct {
+        std::function<void(orqsim::VirtualCamera&)> fault;
+        OrqResult code;
+    } cases[] = {
+        {[](orqsim::VirtualCamera& c) { c.SetBattery(3000, 4200, 3400); },  // below minimum + 20 %
+         ORQ_BATTERY_LOW},
+        {[](orqsim::VirtualCamera& c) {
+             Fault poll = Fault::Operation(Fault::ResponseCode, 0x9999, 129, 0x2005);  // reads
+             poll.times = -1;
+             c.InjectFault(poll);
+         },
+         ORQ_ERROR},
+        {[](orqsim::VirtualCamera& c) { c.SetModeWheel(0x7FFF); }, ORQ_ERROR},
     };
-    const OrqResult codes[] = {ORQ_BATTERY_LOW, ORQ_ERROR, ORQ_ERROR};
     std::vector<std::shared_ptr<orqsim::VirtualCamera>> cameras;
-    for (size_t i = 0; i < std::size(faults); ++i) cameras.push_back(Plug());
+    for (size_t i = 0; i < std::size(cases); ++i) cameras.push_back(Plug());
     Start();
     std::vector<OrqSessionHandle> sessions;
-    for (size_t i = 0; i < std::size(faults); ++i) {
+    for (size_t i = 0; i < std::size(cases); ++i) {
         sessions.push_back(Open(cameras[i]));
         OrqCameraErrorSubscribe(sessions[i], Recorder::OnCameraError, &recorders[i]);
-        faults[i](*cameras[i]);
+        cases[i].fault(*cameras[i]);
     }
-    for (size_t i = 0; i < std::size(faults); ++i) {
+    for (size_t i = 0; i < std::size(cases); ++i) {
         ASSERT_TRUE(recorders[i].Await(recorders[i].cameraErrors, 1, 14000)) << i;
-        EXPECT_EQ(recorders[i].cameraErrors[0], codes[i]) << i;
-        EXPECT_EQ(OrqShoot(sessions[i]), codes[i]) << i;
+        EXPECT_EQ(recorders[i].cameraErrors[0], cases[i].code) << i;
+        EXPECT_EQ(OrqShoot(sessions[i]), cases[i].code) << i;
     }
     // Calls that run no check still answer.
     EXPECT_EQ(OrqSetPreviewState(sessions[0], 1), ORQ_OK);

@@ -141,9 +141,10 @@ inline std::u16string TempPath(const std::string& name) {
     return path + orq::platform::FromUtf8(name);
 }
 
+// Each 512-byte run differs from the others, so that packets out of order or repeated show.
 inline Bytes Pattern(size_t size, uint8_t seed = 1) {
     Bytes bytes(size);
-    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(seed + i * 7);
+    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(seed + i * 7 + (i >> 9));
     return bytes;
 }
 

@@ -22,12 +22,6 @@ using namespace std::chrono_literals;
 using orq::UsbDevice;
 using Paths = std::set<std::u16string>;
 
-Bytes Pattern(size_t size, uint8_t seed) {
-    Bytes bytes(size);
-    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(seed + i * 7 + (i >> 9));
-    return bytes;
-}
-
 class UsbBackendTest : public UsbLibTest {
 protected:
     // The bus exists before the backend's libusb context and goes after it (at TearDown).
