@@ -122,6 +122,7 @@ bool SdkLibrary::Load(bool simulated, std::string& error) {
         bind(SimAddFile, "OrqSimAddFile");
         bind(SimRemoveAll, "OrqSimRemoveAll");
         bind(SimInjectFault, "OrqSimInjectFault");
+        bind(SimSetZoom, "OrqSimSetZoom");
     }
     if (!complete) error = file + " lacks exports of this SDK version";
     return complete;

@@ -67,6 +67,7 @@ struct SdkLibrary {
     decltype(&OrqSimAddFile) SimAddFile = nullptr;
     decltype(&OrqSimRemoveAll) SimRemoveAll = nullptr;
     decltype(&OrqSimInjectFault) SimInjectFault = nullptr;
+    decltype(&OrqSimSetZoom) SimSetZoom = nullptr;
 
 private:
     void* handle = nullptr;
