@@ -67,6 +67,9 @@ struct FakeSystem {
     // A read that reaches the driver only once its pipe has been aborted, as one that loses the
     // race with a close does.
     bool readArrivesAfterAbort = false;
+    // An abort that holds on until this many closes have been called, so that they overlap.
+    int closesToOverlap = 0;
+    int closesCalled = 0;
     // Aborts, the end of each blocked read, and the two releases, in the order they came.
     Strings calls;
 };
@@ -122,7 +125,9 @@ orq::WinUsbCalls FakeCalls() {
         return TRUE;
     };
     calls.abortPipe = [](WINUSB_INTERFACE_HANDLE, UCHAR pipe) -> WINBOOL {
-        std::lock_guard<std::mutex> guard(current->lock);
+        std::unique_lock<std::mutex> guard(current->lock);
+        current->changed.wait_for(guard, kFakePipeTimeout,
+                                  [] { return current->closesCalled >= current->closesToOverlap; });
         ++current->aborts[pipe];
         current->calls.push_back("abort " + std::to_string(pipe));
         current->changed.notify_all();
@@ -407,9 +412,15 @@ TEST_F(WinUsbTest, TwoClosesAtOnceReleaseEachHandleOnce) {
         std::shared_future<void> start = go.get_future().share();
         std::vector<std::pair<int, int>> seen(2);
         std::vector<std::thread> closers;
+        fake.closesToOverlap += 2;
         for (auto& released : seen) {
             closers.emplace_back([&] {
                 start.wait();
+                {
+                    std::lock_guard<std::mutex> guard(fake.lock);
+                    ++fake.closesCalled;
+                    fake.changed.notify_all();
+                }
                 usb->CloseDevice(device);
                 std::lock_guard<std::mutex> guard(fake.lock);
                 released = {fake.closes, fake.frees};
@@ -419,7 +430,7 @@ TEST_F(WinUsbTest, TwoClosesAtOnceReleaseEachHandleOnce) {
         for (auto& closer : closers) closer.join();
         reader.join();
         usb->ReleaseDevice(device);
-        EXPECT_EQ(seen, (std::vector<std::pair<int, int>>(2, {round, round})));
+        EXPECT_EQ(seen, (std::vector<std::pair<int, int>>(2, {round, round}))) << round;
         EXPECT_EQ(fake.closes, round);
         EXPECT_EQ(fake.frees, round);
     }
