@@ -7,6 +7,7 @@
 #include "Kernel/UsbLib_WinUsb.h"
 
 #include <dbt.h>
+#include <objbase.h>
 
 #include <algorithm>
 #include <chrono>
@@ -129,6 +130,17 @@ LRESULT CALLBACK NotifyWindowProc(HWND window, UINT message, WPARAM wParam, LPAR
         default:
             return DefWindowProcW(window, message, wParam, lParam);
     }
+}
+
+// The module this code is in (the DLL, or a program that links the backend in), under which
+// the window class is registered: two copies in one process each keep a class of their own, and
+// neither's window runs the other's procedure, which an unload would take away.
+HINSTANCE ThisModule() {
+    HMODULE module = nullptr;
+    GetModuleHandleExW(
+        GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+        reinterpret_cast<LPCWSTR>(&NotifyWindowProc), &module);
+    return module;
 }
 
 class UsbLib_WinUsb : public UsbLib {
@@ -422,6 +434,9 @@ private:
     }
 
     void NotificationThread() {
+        // COM belongs to this thread of the SDK's own: never to the loader lock, never to a
+        // thread of the application, whose apartment is its own to choose.
+        const bool com = SUCCEEDED(CoInitialize(nullptr));
         MSG message;
         // Makes the thread's queue now, so that a quit posted before the loop runs is kept.
         PeekMessageW(&message, nullptr, WM_USER, WM_USER, PM_NOREMOVE);
@@ -442,13 +457,16 @@ private:
             TranslateMessage(&message);
             DispatchMessageW(&message);
         }
-        // A class left registered would keep this module's window procedure after an unload.
-        std::lock_guard<std::mutex> guard(ClassLock());
-        UnregisterClassW(kNotifyWindowClass, GetModuleHandleW(nullptr));
+        {
+            // A class left registered would keep this module's window procedure after an unload.
+            std::lock_guard<std::mutex> guard(ClassLock());
+            UnregisterClassW(kNotifyWindowClass, ThisModule());
+        }
+        if (com) CoUninitialize();
     }
 
     HWND CreateNotifyWindow() {
-        HINSTANCE instance = GetModuleHandleW(nullptr);
+        HINSTANCE instance = ThisModule();
         WNDCLASSEXW windowClass{};
         windowClass.cbSize = sizeof(windowClass);
         windowClass.lpfnWndProc = NotifyWindowProc;
