@@ -43,6 +43,16 @@
  *
  * Strings are NUL-terminated 16-bit units (UTF-16): wchar_t on Windows, char16_t elsewhere.
  *
+ * Windows. The DLL has no DllMain of its own (no SDK work under the loader lock), and COM is
+ * initialised on no thread of the application: each keeps the apartment it chooses (or none),
+ * before and after LoadLibrary, OrqInitializeSDK and OrqTerminateSDK. COM is initialised
+ * (CoInitialize, a single-threaded apartment) only on the SDK's USB notification thread, from
+ * OrqInitializeSDK to OrqTerminateSDK; the camera-list and start-up-failure callbacks that run
+ * there find that apartment, and must not ask that thread for another. That thread's hidden
+ * window has its class registered under the DLL's own module, so copies of the DLL loaded side
+ * by side (renamed, or in two plug-ins) never run each other's code; only one copy per machine
+ * can be started at a time (ORQ_SECOND_PROCESS).
+ *
  * Cameras of the orqsdk_sim library are virtual (orqsdk_sim.h); the API is the same.
  */
 #ifndef ORQSDK_H

@@ -7,8 +7,10 @@
 #include "Kernel/UsbLib_WinUsb.h"
 
 #include <dbt.h>
+#include <objbase.h>
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -36,14 +38,21 @@ struct WinUsbDevice {
     uint8_t pipeIn = 0;
     uint8_t pipeOut = 0;
 
-    // Guards the two handles and transfers: CloseDevice comes from any thread, and the
-    // WinUSB handle must outlive a transfer that is still running on it.
+    // Guards the two handles, the state and the count of transfers: CloseDevice comes from any
+    // thread, and the WinUSB handle must outlive a transfer that is still running on it.
+    enum class State { Open, Closing, Closed, Stuck };
     std::mutex lock;
-    std::condition_variable idle;
+    std::condition_variable changed;
+    State state = State::Open;
     HANDLE file = INVALID_HANDLE_VALUE;
     WINUSB_INTERFACE_HANDLE winusb = INVALID_HANDLE_VALUE;
     int transfers = 0;
 };
+
+// How often a close aborts the pipes again, for a transfer that reached the driver just after
+// the last abort, and how long it waits in all before it gives the handles up.
+constexpr auto kAbortPace = std::chrono::milliseconds(100);
+constexpr auto kCloseBound = std::chrono::milliseconds(kUsbPipeTimeoutMs + 1000);
 
 WinUsbDevice* Record(UsbDevice* device) {
     return reinterpret_cast<WinUsbDevice*>(device);
@@ -123,6 +132,17 @@ LRESULT CALLBACK NotifyWindowProc(HWND window, UINT message, WPARAM wParam, LPAR
     }
 }
 
+// The module this code is in (the DLL, or a program that links the backend in), under which
+// the window class is registered: two copies in one process each keep a class of their own, and
+// neither's window runs the other's procedure, which an unload would take away.
+HINSTANCE ThisModule() {
+    HMODULE module = nullptr;
+    GetModuleHandleExW(
+        GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+        reinterpret_cast<LPCWSTR>(&NotifyWindowProc), &module);
+    return module;
+}
+
 class UsbLib_WinUsb : public UsbLib {
 public:
     UsbLib_WinUsb(IUsbLib_Notify* notify, const WinUsbCalls& calls) : notify(notify), calls(calls) {
@@ -147,7 +167,9 @@ public:
             PostThreadMessageW(loopThread, WM_QUIT, 0, 0);
         }
         if (thread.joinable()) thread.join();
-        for (auto& record : devices.TakeAll()) Close(*record);
+        for (auto& record : devices.TakeAll()) {
+            if (!Close(*record)) LeaveAllocated(std::move(record));
+        }
     }
 
     std::set<std::u16string> GetAllConnectedDevicePaths() override {
@@ -235,7 +257,8 @@ public:
     }
 
     void ReleaseDevice(UsbDevice* device) override {
-        if (auto released = devices.Take(device)) Close(*released);
+        auto released = devices.Take(device);
+        if (released && !Close(*released)) LeaveAllocated(std::move(released));
     }
 
     std::u16string GetDeviceName(UsbDevice* device) override {
@@ -338,13 +361,13 @@ private:
         return lastQuery;
     }
 
-    // Runs one transfer on the device's WinUSB handle, unless the device has been closed.
+    // Runs one transfer on the device's WinUSB handle, unless the device is being closed.
     template <typename Call>
     bool Transfer(WinUsbDevice& device, Call call) {
         WINUSB_INTERFACE_HANDLE winusb;
         {
             std::lock_guard<std::mutex> guard(device.lock);
-            if (device.file == INVALID_HANDLE_VALUE || device.winusb == INVALID_HANDLE_VALUE) {
+            if (device.state != WinUsbDevice::State::Open) {
                 SetLastError(ERROR_INVALID_HANDLE);
                 return false;
             }
@@ -354,30 +377,66 @@ private:
         bool ok = call(winusb);
         DWORD error = GetLastError();
         {
+            // Notified under the lock: the close that waits for this may free the record next.
             std::lock_guard<std::mutex> guard(device.lock);
             --device.transfers;
+            device.changed.notify_all();
         }
-        device.idle.notify_all();
         SetLastError(error);
         return ok;
     }
 
-    // Closing the file fails a transfer blocked on another thread; the WinUSB handle is freed
-    // once that transfer has come back.
-    void Close(WinUsbDevice& device) {
+    // Releases the handles once, with no transfer running on them. Closing the file is not
+    // documented to end a transfer, so both pipes are aborted first and the transfers awaited;
+    // the abort is repeated for one that reached the driver just after it. A close that finds
+    // another under way waits for it. False when a transfer outlived the bound: its handles
+    // and record are then left as they are, never freed under it.
+    bool Close(WinUsbDevice& device) {
+        using State = WinUsbDevice::State;
         std::unique_lock<std::mutex> guard(device.lock);
-        if (device.file != INVALID_HANDLE_VALUE) {
-            calls.closeHandle(device.file);
-            device.file = INVALID_HANDLE_VALUE;
+        const auto deadline = std::chrono::steady_clock::now() + kCloseBound;
+        if (device.state == State::Closing) {
+            device.changed.wait_until(guard, deadline + kAbortPace,
+                                      [&] { return device.state != State::Closing; });
+            return device.state == State::Closed;
         }
-        if (device.winusb != INVALID_HANDLE_VALUE) {
-            device.idle.wait(guard, [&] { return device.transfers == 0; });
-            calls.free(device.winusb);
-            device.winusb = INVALID_HANDLE_VALUE;
+        if (device.state != State::Open) return device.state == State::Closed;
+        device.state = State::Closing;
+        const WINUSB_INTERFACE_HANDLE winusb = device.winusb;
+        bool idle = false;
+        while (!idle) {
+            guard.unlock();
+            for (UCHAR pipe : {device.pipeIn, device.pipeOut}) {
+                if (pipe) calls.abortPipe(winusb, pipe);
+            }
+            guard.lock();
+            const auto until = std::min(std::chrono::steady_clock::now() + kAbortPace, deadline);
+            idle = device.changed.wait_until(guard, until, [&] { return device.transfers == 0; });
+            if (!idle && std::chrono::steady_clock::now() >= deadline) {
+                ORQ_LOG(ERR, "CloseDevice: a transfer did not end; the device stays open");
+                device.state = State::Stuck;
+                device.changed.notify_all();
+                return false;
+            }
         }
+        calls.closeHandle(device.file);
+        device.file = INVALID_HANDLE_VALUE;
+        calls.free(device.winusb);
+        device.winusb = INVALID_HANDLE_VALUE;
+        device.state = State::Closed;
+        device.changed.notify_all();
+        return true;
+    }
+
+    // A record whose transfer never came back stays allocated: that transfer still uses it.
+    static void LeaveAllocated(std::unique_ptr<WinUsbDevice> record) {
+        static_cast<void>(record.release());
     }
 
     void NotificationThread() {
+        // COM belongs to this thread of the SDK's own: never to the loader lock, never to a
+        // thread of the application, whose apartment is its own to choose.
+        const bool com = SUCCEEDED(CoInitialize(nullptr));
         MSG message;
         // Makes the thread's queue now, so that a quit posted before the loop runs is kept.
         PeekMessageW(&message, nullptr, WM_USER, WM_USER, PM_NOREMOVE);
@@ -398,13 +457,16 @@ private:
             TranslateMessage(&message);
             DispatchMessageW(&message);
         }
-        // A class left registered would keep this module's window procedure after an unload.
-        std::lock_guard<std::mutex> guard(ClassLock());
-        UnregisterClassW(kNotifyWindowClass, GetModuleHandleW(nullptr));
+        {
+            // A class left registered would keep this module's window procedure after an unload.
+            std::lock_guard<std::mutex> guard(ClassLock());
+            UnregisterClassW(kNotifyWindowClass, ThisModule());
+        }
+        if (com) CoUninitialize();
     }
 
     HWND CreateNotifyWindow() {
-        HINSTANCE instance = GetModuleHandleW(nullptr);
+        HINSTANCE instance = ThisModule();
         WNDCLASSEXW windowClass{};
         windowClass.cbSize = sizeof(windowClass);
         windowClass.lpfnWndProc = NotifyWindowProc;

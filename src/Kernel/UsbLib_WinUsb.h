@@ -25,6 +25,7 @@ struct WinUsbCalls {
     decltype(&CloseHandle) closeHandle = &CloseHandle;
     decltype(&WinUsb_Initialize) initialize = &WinUsb_Initialize;
     decltype(&WinUsb_Free) free = &WinUsb_Free;
+    decltype(&WinUsb_AbortPipe) abortPipe = &WinUsb_AbortPipe;
     decltype(&WinUsb_QueryInterfaceSettings) queryInterfaceSettings =
         &WinUsb_QueryInterfaceSettings;
     decltype(&WinUsb_QueryPipe) queryPipe = &WinUsb_QueryPipe;

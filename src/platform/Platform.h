@@ -1,6 +1,6 @@
 // The few operating-system services the SDK needs above the USB transport. One implementation
 // per platform (Platform_posix.cpp, Platform_win32.cpp); besides them only the USB backends
-// (UsbLib_LibUsb.cpp, UsbLib_WinUsb.h) and DllMain_win32.cpp include a system header.
+// (UsbLib_LibUsb.cpp, UsbLib_WinUsb.h) include a system header.
 #pragma once
 
 #include <cstdint>
@@ -75,9 +75,5 @@ public:
     // name is the lock's GUID-based name, e.g. "ORQSDK{...}". Null unless Acquired.
     static std::unique_ptr<InstanceLock> Acquire(const std::string& name, Status& status);
 };
-
-// Called once when the library is loaded and once when it is unloaded (COM on Windows).
-void LibraryAttach();
-void LibraryDetach();
 
 }  // namespace orq::platform

@@ -260,7 +260,4 @@ std::unique_ptr<InstanceLock> InstanceLock::Acquire(const std::string& name, Sta
     return std::make_unique<FlockInstanceLock>(fd);
 }
 
-void LibraryAttach() {}
-void LibraryDetach() {}
-
 }  // namespace orq::platform

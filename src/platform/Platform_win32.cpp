@@ -4,8 +4,7 @@
 #define NOMINMAX
 #endif
 #include <windows.h>
-// windows.h first: the headers below rely on its types.
-#include <objbase.h>
+// windows.h first: the header below relies on its types.
 #include <shlobj.h>
 
 #include <algorithm>
@@ -30,10 +29,6 @@ const wchar_t* Wide(const std::u16string& text) {
 std::u16string FromWide(const wchar_t* text) {
     return std::u16string(reinterpret_cast<const char16_t*>(text));
 }
-
-// Set only when CoInitialize succeeded, so that a refused attach is not balanced by a detach
-// that would tear down the host's own COM apartment.
-std::atomic<bool> comInitialised{false};
 
 class Win32InstanceLock : public InstanceLock {
 public:
@@ -250,15 +245,6 @@ std::unique_ptr<InstanceLock> InstanceLock::Acquire(const std::string& name, Sta
     }
     status = Status::Acquired;
     return std::make_unique<Win32InstanceLock>(mutex);
-}
-
-void LibraryAttach() {
-    HRESULT result = CoInitialize(nullptr);
-    comInitialised = SUCCEEDED(result);
-}
-
-void LibraryDetach() {
-    if (comInitialised.exchange(false)) CoUninitialize();
 }
 
 }  // namespace orq::platform

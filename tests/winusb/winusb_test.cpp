@@ -11,6 +11,8 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <future>
+#include <map>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -25,6 +27,7 @@ using orq::UsbDevice;
 
 const HDEVINFO kDeviceSet = reinterpret_cast<HDEVINFO>(0x5E7);
 const HANDLE kFile = reinterpret_cast<HANDLE>(0xF11E);
+const WINUSB_INTERFACE_HANDLE kWinUsb = reinterpret_cast<WINUSB_INTERFACE_HANDLE>(0x3B);
 
 // The system side of the fake calls; one at a time, reached through `current`.
 struct FakeSystem {
@@ -49,8 +52,9 @@ struct FakeSystem {
 
     std::mutex lock;
     std::condition_variable changed;
-    // Each read as the system completes it, bytes and error number; when there is none, a read
-    // blocks until the file is closed.
+    // Each read as the system completes it, bytes and error number. When there is none, a read
+    // blocks until its pipe is aborted, or times out as a pipe without a timeout policy never
+    // would. Closing the file does not end it: WinUSB promises no such thing.
     std::deque<std::pair<Bytes, DWORD>> reads;
     std::vector<ULONG> readLengths;
     std::vector<UCHAR> writePipes;
@@ -59,10 +63,18 @@ struct FakeSystem {
     int closes = 0;
     int frees = 0;
     int readsInFlight = 0;
-    bool freedUnderRead = false;
-    bool fileOpen = true;
+    std::map<UCHAR, int> aborts;
+    // A read that reaches the driver only once its pipe has been aborted, as one that loses the
+    // race with a close does.
+    bool readArrivesAfterAbort = false;
+    // An abort that holds on until this many closes have been called, so that they overlap.
+    int closesToOverlap = 0;
+    int closesCalled = 0;
+    // Aborts, the end of each blocked read, and the two releases, in the order they came.
+    Strings calls;
 };
 FakeSystem* current = nullptr;
+constexpr auto kFakePipeTimeout = std::chrono::seconds(3);
 
 orq::WinUsbCalls FakeCalls() {
     orq::WinUsbCalls calls;
@@ -109,19 +121,28 @@ orq::WinUsbCalls FakeCalls() {
         EXPECT_EQ(file, kFile);
         std::lock_guard<std::mutex> guard(current->lock);
         ++current->closes;
-        current->fileOpen = false;
+        current->calls.push_back("close");
+        return TRUE;
+    };
+    calls.abortPipe = [](WINUSB_INTERFACE_HANDLE, UCHAR pipe) -> WINBOOL {
+        std::unique_lock<std::mutex> guard(current->lock);
+        current->changed.wait_for(guard, kFakePipeTimeout,
+                                  [] { return current->closesCalled >= current->closesToOverlap; });
+        ++current->aborts[pipe];
+        current->calls.push_back("abort " + std::to_string(pipe));
         current->changed.notify_all();
         return TRUE;
     };
     calls.initialize = [](HANDLE, PWINUSB_INTERFACE_HANDLE winusb) -> WINBOOL {
         SetLastError(current->initializeError);
-        *winusb = reinterpret_cast<WINUSB_INTERFACE_HANDLE>(0x3B);
+        *winusb = kWinUsb;
         return current->initializeError == 0;
     };
-    calls.free = [](WINUSB_INTERFACE_HANDLE) -> WINBOOL {
+    calls.free = [](WINUSB_INTERFACE_HANDLE winusb) -> WINBOOL {
+        EXPECT_EQ(winusb, kWinUsb);
         std::lock_guard<std::mutex> guard(current->lock);
         ++current->frees;
-        if (current->readsInFlight) current->freedUnderRead = true;
+        current->calls.push_back(current->readsInFlight ? "free under a read" : "free");
         return TRUE;
     };
     calls.queryInterfaceSettings = [](WINUSB_INTERFACE_HANDLE, UCHAR,
@@ -154,16 +175,25 @@ orq::WinUsbCalls FakeCalls() {
         *length = static_cast<ULONG>(sent.size());
         return current->descriptorError == 0;
     };
-    calls.readPipe = [](WINUSB_INTERFACE_HANDLE, UCHAR, PUCHAR buffer, ULONG size, PULONG count,
-                        LPOVERLAPPED) -> WINBOOL {
+    calls.readPipe = [](WINUSB_INTERFACE_HANDLE, UCHAR pipe, PUCHAR buffer, ULONG size,
+                        PULONG count, LPOVERLAPPED) -> WINBOOL {
         std::unique_lock<std::mutex> guard(current->lock);
         current->readLengths.push_back(size);
         ++current->readsInFlight;
         current->changed.notify_all();
-        current->changed.wait(guard, [] { return !current->reads.empty() || !current->fileOpen; });
+        auto deadline = std::chrono::steady_clock::now() + kFakePipeTimeout;
+        if (current->readArrivesAfterAbort) {
+            current->changed.wait_until(guard, deadline, [&] { return current->aborts[pipe]; });
+        }
+        const int abortsBefore = current->aborts[pipe];
+        const bool ended = current->changed.wait_until(guard, deadline, [&] {
+            return !current->reads.empty() || current->aborts[pipe] != abortsBefore;
+        });
         --current->readsInFlight;
         if (current->reads.empty()) {
-            SetLastError(ERROR_OPERATION_ABORTED);
+            const DWORD error = ended ? ERROR_OPERATION_ABORTED : ERROR_SEM_TIMEOUT;
+            current->calls.push_back("read ended " + std::to_string(error));
+            SetLastError(error);
             return FALSE;
         }
         auto [bytes, error] = std::move(current->reads.front());
@@ -313,30 +343,97 @@ TEST_F(WinUsbTest, TransfersFollowTheTransportRules) {
     EXPECT_TRUE(log.Has("Write failed 31"));
 }
 
-TEST_F(WinUsbTest, CloseFailsABlockedReadAndFreesOnlyAfterIt) {
-    UsbDevice* device = usb->OpenDevice(u"\\\\?\\usb#a");
-    ASSERT_NE(device, nullptr);
-    bool result = true;
-    std::thread reader([&] {
-        Bytes buffer(64);
-        result = Read(device, buffer);
-    });
-    {
-        std::unique_lock<std::mutex> guard(fake.lock);
-        fake.changed.wait(guard, [&] { return fake.readsInFlight == 1; });
-    }
-    usb->CloseDevice(device);
-    reader.join();
-    EXPECT_FALSE(result);
-    EXPECT_FALSE(fake.freedUnderRead);
+// The handles go only once no transfer runs on them, and a transfer ends by abort whether it
+// was blocked when the close came or reached the driver just after the abort.
+TEST_F(WinUsbTest, CloseAbortsBothPipesWaitsForTheReadThenReleases) {
+    for (bool lateRead : {false, true}) {
+        SCOPED_TRACE(lateRead ? "read reaching the driver after the abort" : "blocked read");
+        FakeSystem fresh;
+        current = &fresh;
+        fresh.readArrivesAfterAbort = lateRead;
+        UsbDevice* device = usb->OpenDevice(u"\\\\?\\usb#a");
+        ASSERT_NE(device, nullptr);
+        LogWatch log;
+        bool result = true;
+        std::thread reader([&] {
+            Bytes buffer(64);
+            result = Read(device, buffer);
+        });
+        {
+            std::unique_lock<std::mutex> guard(fresh.lock);
+            ASSERT_TRUE(fresh.changed.wait_for(guard, 10s, [&] { return fresh.readsInFlight; }));
+        }
+        usb->CloseDevice(device);
+        Strings calls;
+        {
+            std::lock_guard<std::mutex> guard(fresh.lock);
+            calls = fresh.calls;
+        }
+        reader.join();
+        EXPECT_FALSE(result);
+        EXPECT_TRUE(log.Has("UsbRead failed 995")) << log.Text();
 
-    usb->CloseDevice(device);
-    EXPECT_EQ(fake.closes, 1);
-    EXPECT_EQ(fake.frees, 1);
-    // A closed device is not handed to the system again.
-    Bytes buffer(4);
-    EXPECT_FALSE(Read(device, buffer));
-    EXPECT_EQ(fake.readLengths.size(), 1u);
+        const auto ended = std::find(calls.begin(), calls.end(), "read ended 995");
+        ASSERT_NE(ended, calls.end()) << ::testing::PrintToString(calls);
+        EXPECT_EQ(Strings(ended + 1, calls.end()), (Strings{"close", "free"}));
+        EXPECT_EQ(Strings(calls.begin(), calls.begin() + 2), (Strings{"abort 129", "abort 2"}));
+        EXPECT_TRUE(std::all_of(calls.begin(), ended, [](const std::string& call) {
+            return call.rfind("abort", 0) == 0;
+        })) << ::testing::PrintToString(calls);
+
+        // A closed device is not handed to the system again.
+        Bytes buffer(4);
+        EXPECT_FALSE(Read(device, buffer));
+        EXPECT_FALSE(Write(device, {1}));
+        usb->ReleaseDevice(device);
+        EXPECT_EQ(fresh.readLengths.size(), 1u);
+        EXPECT_TRUE(fresh.writePipes.empty());
+        EXPECT_EQ(fresh.closes, 1);
+        EXPECT_EQ(fresh.frees, 1);
+    }
+    current = &fake;
+}
+
+// Two threads closing one device at once: each handle is released once, and neither close
+// returns before the release.
+TEST_F(WinUsbTest, TwoClosesAtOnceReleaseEachHandleOnce) {
+    for (int round = 1; round <= 8; ++round) {
+        UsbDevice* device = usb->OpenDevice(u"\\\\?\\usb#a");
+        ASSERT_NE(device, nullptr);
+        std::thread reader([&] {
+            Bytes buffer(64);
+            Read(device, buffer);
+        });
+        {
+            std::unique_lock<std::mutex> guard(fake.lock);
+            ASSERT_TRUE(fake.changed.wait_for(guard, 10s, [&] { return fake.readsInFlight; }));
+        }
+        std::promise<void> go;
+        std::shared_future<void> start = go.get_future().share();
+        std::vector<std::pair<int, int>> seen(2);
+        std::vector<std::thread> closers;
+        fake.closesToOverlap += 2;
+        for (auto& released : seen) {
+            closers.emplace_back([&] {
+                start.wait();
+                {
+                    std::lock_guard<std::mutex> guard(fake.lock);
+                    ++fake.closesCalled;
+                    fake.changed.notify_all();
+                }
+                usb->CloseDevice(device);
+                std::lock_guard<std::mutex> guard(fake.lock);
+                released = {fake.closes, fake.frees};
+            });
+        }
+        go.set_value();
+        for (auto& closer : closers) closer.join();
+        reader.join();
+        usb->ReleaseDevice(device);
+        EXPECT_EQ(seen, (std::vector<std::pair<int, int>>(2, {round, round}))) << round;
+        EXPECT_EQ(fake.closes, round);
+        EXPECT_EQ(fake.frees, round);
+    }
 }
 
 // Under wine: the system's own SetupAPI, window and message loop.
