@@ -52,7 +52,7 @@ TEST_F(Zoom, AnEndLostWithAnEventReadIsFoundAtTheLens) {
     OrqResult result = ORQ_OK;
     bool again = false;
     proc->step(proc.get(), &delay, &result, &again);
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));  // 30 steps take 300 ms
+    ASSERT_TRUE(WaitFor([&] { return camera->ZoomPosition() == 30; }));
     camera->InjectFault(
         Fault::Operation(Fault::GeneralError, orq::PTP_OC_Vendor, orq::ORQM_GetEvents));
     EXPECT_EQ(RunProc(std::move(proc)), ORQ_OK);
