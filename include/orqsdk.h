@@ -36,10 +36,13 @@
  * ends the camera's session, reported once by the camera-error callback, and every later call on
  * that session returns the failure.
  *
- * Results. Session calls return ORQ_ERROR for a null session or a bad argument,
- * ORQ_DEVICE_NOT_READY once the camera is gone from the SDK's table, and the camera's failure
- * (ORQ_DISCONNECTED, ORQ_BATTERY_LOW, ...) once its session has ended. Each call lists the
- * others it can return. OrqResultName names any of them.
+ * Results. Session calls return ORQ_ERROR (a pointer: null; an integer: 0) for a null session
+ * or a bad argument, and for a handle that is not a live one of this SDK: never issued, already
+ * passed to OrqFree, or left from before OrqTerminateSDK. Such a handle is never read; the same
+ * holds for manager handles (OrqGetCameraList, OrqOpenSession, the two manager subscriptions).
+ * Otherwise they return ORQ_DEVICE_NOT_READY once the camera is gone from the SDK's table, and
+ * the camera's failure (ORQ_DISCONNECTED, ORQ_BATTERY_LOW, ...) once its session has ended.
+ * Each call lists the others it can return. OrqResultName names any of them.
  *
  * Strings are NUL-terminated 16-bit units (UTF-16): wchar_t on Windows, char16_t elsewhere.
  *
@@ -244,11 +247,13 @@ ORQ_API void OrqFree(void* pointer);
 
 /* ---- Cameras and sessions ---------------------------------------------------------------- */
 
-/** A handle on the SDK's camera manager (null when the SDK is not started). OrqFree it when
- * done; the manager itself lives until OrqTerminateSDK. */
+/** A handle on the SDK's camera manager; OrqFree it when done (the manager itself lives until
+ * OrqTerminateSDK). Before OrqInitializeSDK the handle is not null but holds no manager: the
+ * manager calls refuse it (ORQ_ERROR, null), also after the SDK has started; take a new one
+ * then. Null only when memory runs out. */
 ORQ_API OrqCameraManagerHandle OrqGetCameraManager(void);
 /** Subscribes to cameras arriving and going. Returns the subscription (OrqFree it to
- * unsubscribe), or null for a null handle. */
+ * unsubscribe), or null for a handle without a manager or not live. */
 ORQ_API OrqSubscription OrqCameraListChangedSubscribe(OrqCameraManagerHandle handle,
                                                       OrqCameraListChangedCallback callback,
                                                       void* context);
@@ -268,8 +273,8 @@ ORQ_API OrqResult OrqGetCameraList(OrqCameraManagerHandle handle, OrqCameraInfo*
  * ended; ORQ_ERROR for a null argument. */
 ORQ_API OrqResult OrqOpenSession(OrqCameraManagerHandle handle, int cameraId,
                                  OrqSessionHandle* session);
-/** Sets *state to ORQ_CAMERA_CONNECTED or ORQ_CAMERA_DISCONNECTED (also for a null session or a
- * camera no longer in the table). ORQ_OK. */
+/** Sets *state to ORQ_CAMERA_CONNECTED or ORQ_CAMERA_DISCONNECTED (also for a null or dead
+ * session, or a camera no longer in the table). ORQ_OK. */
 ORQ_API OrqResult OrqGetCameraConnectionState(OrqSessionHandle session, int* state);
 /** Copies the camera's record into *info. ORQ_OK; ORQ_ERROR for a null argument. */
 ORQ_API OrqResult OrqGetCameraInfo(OrqSessionHandle session, OrqCameraInfo* info);

@@ -236,11 +236,14 @@ OrqResult CameraManager::OpenSession(int cameraId, OrqSessionHandle* session) {
     auto* record = new OrqSessionRecord{this, deviceId, std::move(flag)};
     // Closing touches only the flag: no manager lock is taken under the result-memory lock,
     // and a session released after its camera has gone is harmless.
-    ORQ_REGISTER_POINTER(record, [](void* p) {
-        auto* closing = static_cast<OrqSessionRecord*>(p);
-        closing->open->store(false);
-        delete closing;
-    });
+    ORQ_REGISTER_HANDLE(
+        record,
+        [](void* p) {
+            auto* closing = static_cast<OrqSessionRecord*>(p);
+            closing->open->store(false);
+            delete closing;
+        },
+        Session);
     *session = record;
     return ORQ_OK;
 }

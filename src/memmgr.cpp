@@ -14,6 +14,8 @@ struct PointerRecord {
     FreeFunction free;
     std::string sourceFile;
     int sourceLine = 0;
+    Kind kind = Kind::Other;
+    bool swept = false;
 };
 
 struct MemoryManager {
@@ -30,10 +32,21 @@ MemoryManager& Manager() {
 
 }  // namespace
 
-void Register(void* pointer, FreeFunction free, const char* sourceFile, int sourceLine) {
+void Register(void* pointer, FreeFunction free, const char* sourceFile, int sourceLine, Kind kind) {
     MemoryManager& manager = Manager();
     std::lock_guard<std::recursive_mutex> guard(manager.lock);
-    manager.table[pointer] = PointerRecord{std::move(free), SourceName(sourceFile), sourceLine};
+    manager.table[pointer] =
+        PointerRecord{std::move(free), SourceName(sourceFile), sourceLine, kind, false};
+}
+
+bool ReadLive(const void* pointer, Kind kind, const std::function<void()>& read) {
+    MemoryManager& manager = Manager();
+    std::lock_guard<std::recursive_mutex> guard(manager.lock);
+    auto found = manager.table.find(const_cast<void*>(pointer));
+    if (found == manager.table.end() || found->second.kind != kind || found->second.swept)
+        return false;
+    read();
+    return true;
 }
 
 void Free(void* pointer) {
@@ -60,6 +73,7 @@ void Sweep() {
         // memory that is already gone.
         FreeFunction free = std::move(record.free);
         record.free = nullptr;
+        record.swept = true;
         if (free) free(pointer);
     }
 }

@@ -38,11 +38,25 @@ std::mutex lifecycleLock;
         ORQ_LOG(INF, name);     \
     } while (0)
 
+// A copy of the session's record if the handle is one the SDK issued and nobody has released or
+// swept: a freed, forged or stale handle is answered, never read.
+bool LiveSession(OrqSessionHandle session, OrqSessionRecord& copy) {
+    return session && memmgr::ReadLive(session, memmgr::Kind::Session, [&] { copy = *session; });
+}
+
+// The manager behind a live cell, or null (a released cell, or one taken before start-up).
+CameraManager* LiveManager(OrqCameraManagerHandle handle) {
+    CameraManager* held = nullptr;
+    if (handle)
+        memmgr::ReadLive(handle, memmgr::Kind::ManagerCell, [&] { held = handle->manager; });
+    return held;
+}
+
 template <class Result, class Work>
-Result InnerRunWithDev(OrqSessionHandle session, Result notFound, Work& work) {
+Result InnerRunWithDev(const OrqSessionRecord& session, Result notFound, Work& work) {
     Result value = notFound;
-    bool found = session->manager->WithDevice(session->deviceId,
-                                              [&](Device* device) { value = work(device); });
+    bool found = session.manager->WithDevice(session.deviceId,
+                                             [&](Device* device) { value = work(device); });
     if (!found) ORQ_LOG(ERR, "_RunWithDev device not found");
     return value;
 }
@@ -67,7 +81,14 @@ Result RunWithDev(OrqSessionHandle session, Result failure, Result notFound, Wor
         ORQ_LOG(ERR, "RunWithDev session is null");
         return failure;
     }
-    return Guarded(failure, [&] { return InnerRunWithDev(session, notFound, work); });
+    return Guarded(failure, [&] {
+        OrqSessionRecord record{};
+        if (!LiveSession(session, record)) {
+            ORQ_LOG(ERR, "RunWithDev session is not one of ours");
+            return failure;
+        }
+        return InnerRunWithDev(record, notFound, work);
+    });
 }
 
 template <class Work>
@@ -162,7 +183,8 @@ ORQ_API OrqCameraManagerHandle OrqGetCameraManager(void) {
     API_ENTRY("OrqGetCameraManager");
     return Guarded<OrqCameraManagerHandle>(nullptr, [] {
         auto* cell = new OrqCameraManagerCell{manager.load()};
-        ORQ_REGISTER_POINTER(cell, [](void* p) { delete static_cast<OrqCameraManagerCell*>(p); });
+        ORQ_REGISTER_HANDLE(
+            cell, [](void* p) { delete static_cast<OrqCameraManagerCell*>(p); }, ManagerCell);
         return cell;
     });
 }
@@ -173,9 +195,8 @@ ORQ_API OrqSubscription OrqCameraListChangedSubscribe(OrqCameraManagerHandle han
     API_ENTRY("OrqCameraListChangedSubscribe");
     ORQ_LOG(DEB, "CamConnectionStateChangedSubscribe");
     return Guarded<OrqSubscription>(nullptr, [&] {
-        return handle && handle->manager
-                   ? handle->manager->connectionEvent.Subscribe(callback, context)
-                   : nullptr;
+        CameraManager* held = LiveManager(handle);
+        return held ? held->connectionEvent.Subscribe(callback, context) : nullptr;
     });
 }
 
@@ -183,9 +204,8 @@ ORQ_API OrqSubscription OrqCameraInitializationErrorSubscribe(
     OrqCameraManagerHandle handle, OrqCameraInitializationErrorCallback callback, void* context) {
     API_ENTRY("OrqCameraInitializationErrorSubscribe");
     return Guarded<OrqSubscription>(nullptr, [&] {
-        return handle && handle->manager
-                   ? handle->manager->initErrorEvent.Subscribe(callback, context)
-                   : nullptr;
+        CameraManager* held = LiveManager(handle);
+        return held ? held->initErrorEvent.Subscribe(callback, context) : nullptr;
     });
 }
 
@@ -193,8 +213,9 @@ ORQ_API OrqResult OrqGetCameraList(OrqCameraManagerHandle handle, OrqCameraInfo*
                                    int* count) {
     API_ENTRY("OrqGetCameraList");
     return Guarded(ORQ_ERROR, [&] {
-        if (!handle || !handle->manager || !list || !count) return ORQ_ERROR;
-        return handle->manager->GetCameraList(list, count);
+        CameraManager* held = LiveManager(handle);
+        if (!held || !list || !count) return ORQ_ERROR;
+        return held->GetCameraList(list, count);
     });
 }
 
@@ -202,15 +223,18 @@ ORQ_API OrqResult OrqOpenSession(OrqCameraManagerHandle handle, int cameraId,
                                  OrqSessionHandle* session) {
     API_ENTRY("OrqOpenSession");
     return Guarded(ORQ_ERROR, [&] {
-        if (!handle || !handle->manager || !session) return ORQ_ERROR;
-        return handle->manager->OpenSession(cameraId, session);
+        CameraManager* held = LiveManager(handle);
+        if (!held || !session) return ORQ_ERROR;
+        return held->OpenSession(cameraId, session);
     });
 }
 
 ORQ_API OrqResult OrqGetCameraConnectionState(OrqSessionHandle session, int* state) {
     API_ENTRY("OrqGetCameraConnectionState");
     return Guarded(ORQ_ERROR, [&] {
-        bool connected = session && session->manager->IsConnected(session->deviceId);
+        OrqSessionRecord record{};
+        bool connected =
+            LiveSession(session, record) && record.manager->IsConnected(record.deviceId);
         if (state) *state = connected ? 0 : 1;
         return ORQ_OK;
     });
@@ -259,12 +283,11 @@ ORQ_API OrqResult OrqShootSynchronized(OrqSessionHandle* sessions, int count, Or
         auto gate = std::make_shared<ShotGate>(cameras, kShotPatience);
         for (size_t i = 0; i < cameras; ++i) {
             // A camera named twice would wait at the gate for itself.
+            // Compared as the handles: each session is one camera's claim, and a handle that is
+            // not live is refused by the frame below without being read.
             bool repeated = false;
-            for (size_t k = 0; k < i && sessions[i]; ++k) {
-                repeated =
-                    repeated || (sessions[k] && sessions[k]->manager == sessions[i]->manager &&
-                                 sessions[k]->deviceId == sessions[i]->deviceId);
-            }
+            for (size_t k = 0; k < i && sessions[i]; ++k)
+                repeated = repeated || sessions[k] == sessions[i];
             auto ticket = std::make_shared<ShotTicket>(gate, i);
             const OrqResult posted =
                 repeated ? ORQ_ERROR : RunResult(sessions[i], [&](Device* device) {

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <thread>
 
+#include "CameraManager.h"
 #include "tests/support/support.h"
 
 using namespace orqtest;
@@ -42,12 +43,49 @@ TEST_F(SdkTest, NullAndStaleSessionsAreRefused) {
     EXPECT_EQ(OrqShoot(nullptr), ORQ_ERROR);
     EXPECT_EQ(OrqShootCompletedSubscribe(nullptr, nullptr, nullptr), nullptr);
     EXPECT_EQ(OrqIsVideoSupported(nullptr), 0);
+    EXPECT_EQ(OrqGetCameraManager()->manager, nullptr);  // a cell, but of no SDK
     StartWithSession("A810");
     EXPECT_EQ(OrqIsVideoSupported(session), 1);
     int state = -1;
     EXPECT_EQ(OrqSetPreviewState(session, 2), ORQ_OK);
     EXPECT_EQ(OrqGetPreviewState(session, &state), ORQ_OK);
     EXPECT_EQ(state, 0);
+
+    // Handles the SDK never issued, released ones, and those of a terminated SDK are answered
+    // without being read (ASan sees a read of a freed one).
+    OrqFileInfo* files = nullptr;
+    int count = 0;
+    ASSERT_EQ(OrqGetFileList(session, &files, &count), ORQ_OK);
+    OrqSessionRecord forged{};
+    const OrqSessionHandle kept = session;
+    OrqSessionHandle strangers[] = {&forged, reinterpret_cast<OrqSessionHandle>(files), kept};
+    OrqFree(session);
+    session = nullptr;
+    for (OrqSessionHandle stranger : strangers) {
+        int zoom = -1;
+        EXPECT_EQ(OrqGetZoom(stranger, &zoom), ORQ_ERROR);
+        EXPECT_EQ(OrqShoot(stranger), ORQ_ERROR);
+        EXPECT_EQ(OrqCameraErrorSubscribe(stranger, nullptr, nullptr), nullptr);
+        EXPECT_EQ(OrqGetCameraConnectionState(stranger, &state), ORQ_OK);
+        EXPECT_EQ(state, 1);
+    }
+    OrqResult results[1] = {ORQ_OK};
+    EXPECT_EQ(OrqShootSynchronized(strangers, 1, results), ORQ_ERROR);
+    OrqFree(files);
+    OrqCameraManagerHandle cell = manager;
+    OrqFree(manager);
+    manager = nullptr;
+    OrqCameraInfo* list = nullptr;
+    EXPECT_EQ(OrqGetCameraList(cell, &list, &count), ORQ_ERROR);
+    EXPECT_EQ(OrqOpenSession(cell, 0, &session), ORQ_ERROR);
+
+    manager = OrqGetCameraManager();
+    ASSERT_EQ(Cameras().size(), 1u);
+    session = Open(Cameras()[0].id);
+    OrqTerminateSDK();
+    Start();
+    EXPECT_EQ(OrqShoot(session), ORQ_ERROR);
+    session = nullptr;
 }
 
 TEST_F(SdkTest, TerminationSweepsWhatTheApplicationKept) {
