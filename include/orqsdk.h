@@ -238,8 +238,8 @@ ORQ_API OrqResult OrqInitializeSDK(void);
  * an application thread, never from a callback. Afterwards every pointer the SDK handed out is
  * dead. */
 ORQ_API void OrqTerminateSDK(void);
-/** Sets *version to the SDK's version text ("1.1.0.4"). Static: do not OrqFree. Needs no
- * started SDK. */
+/** Sets *version to the SDK's version text, that of ORQSDK_VERSION_STRING. Static: do not
+ * OrqFree. Needs no started SDK. */
 ORQ_API void OrqGetSDKVersion(OrqChar** version);
 /** Releases anything the SDK handed out by pointer (see the top of this file). Null is ignored;
  * an unknown pointer, or one freed twice, is logged and ignored. Any thread, also callbacks. */

@@ -18,7 +18,8 @@ using namespace orq;
 namespace {
 
 constexpr const char* kInstanceLockName = "ORQSDK{6F0C2D43-9B8A-4E51-A7D2-3C1E5B9F0A84}";
-const char16_t kVersionText[] = u"1.1.0.4";
+// From project(), through the generated version header.
+const char16_t kVersionText[] = u"" ORQSDK_VERSION_STRING;
 // Synchronised shots: how long the ready cameras wait for the slowest one's preparation, and how
 // much longer the caller waits for the Shoot commands to be answered.
 constexpr std::chrono::milliseconds kShotPatience{10000};
@@ -129,11 +130,11 @@ ORQ_API OrqResult OrqInitializeSDK(void) {
         if (!instanceLock) return ORQ_SECOND_PROCESS;
         ORQ_API_LOG(INF, "OrqGetSDKVersion");
         ORQ_LOG(INF, "Initilize SDK: %s", "64 bit ver");
-        ORQ_LOG(INF, "Version: %s", "1.1.0.4");
+        ORQ_LOG(INF, "Version: %s", ORQSDK_VERSION_STRING);
         ORQ_LOG(INF, "Build: %s %s", __DATE__, __TIME__);
         ORQ_API_LOG(INF, "OrqInitializeSDK");
         ORQ_API_LOG(INF, "> Initilize SDK: %s", "64 bit ver");
-        ORQ_API_LOG(INF, "> Version: %s", "1.1.0.4");
+        ORQ_API_LOG(INF, "> Version: %s", ORQSDK_VERSION_STRING);
         try {
             manager = new CameraManager();
         } catch (...) {

@@ -32,7 +32,8 @@ TEST_F(SdkTest, VersionAndNamesNeedNoStartedSdk) {
     OrqChar* version = nullptr;
     OrqGetSDKVersion(&version);
     ASSERT_NE(version, nullptr);
-    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(version)), u"1.1.0.4");
+    EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(version)),
+              u"" ORQSDK_VERSION_STRING);
     OrqChar* name = nullptr;
     EXPECT_EQ(OrqGetPropertyName(0, &name), ORQ_OK);
     EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(name)), u"Shooting Mode");
