@@ -15,8 +15,11 @@
  * whatever is left (and logs where each was handed out); after it every pointer is dead.
  *
  * Threads. Every export may be called from any thread. Calls that reach a camera are serialised
- * by one SDK-wide lock, and wait while a newly plugged camera is being started. Callbacks run on
- * SDK threads, never on a thread of the application except where a callback says so:
+ * by one SDK-wide lock. Starting a newly plugged camera and removing a gone one hold no lock,
+ * so calls on the other cameras go on meanwhile; the new camera is listed once its start-up has
+ * ended (OrqGetCameraList does not wait for a start-up that another thread runs).
+ * Callbacks run on SDK threads, never on a thread of the application except where a callback
+ * says so:
  *   - each camera has one thread of its own that does all its work in order (the "camera
  *     thread"): session events come from there;
  *   - camera-list and start-up-failure events come from the SDK's USB notification thread (or
@@ -33,8 +36,16 @@
  * Queued work. Calls marked "queued" check what they can, post the work to the camera thread
  * and return ORQ_OK at once; their end is told by the event they name. Queued work runs in the
  * order it was queued. A queued request that fails on the camera is not returned to anyone: it
- * ends the camera's session, reported once by the camera-error callback, and every later call on
- * that session returns the failure.
+ * ends the camera's session, reported once by the camera-error callback. After that the calls
+ * that check the camera return the failure: OrqShoot, OrqShootSynchronized (for that camera),
+ * OrqUpdateAEAF, OrqResetCamera, OrqDownloadFile, OrqDownloadFileTo, OrqDeleteFile,
+ * OrqGetPropertyData, OrqSetPropertyData, OrqSetZoom, OrqSetFocus and OrqFocusShift. The calls
+ * that answer from what the SDK holds go on answering ORQ_OK with the last values it had:
+ * OrqGetCameraInfo, OrqGetFileList, OrqGetPropertyList, OrqGetPropertyDesc, OrqGetZoom,
+ * OrqGetMaximumZoom, OrqGetFocus, OrqGetPreviewState, OrqSetPreviewState, OrqIsVideoSupported
+ * and the subscriptions; OrqGetPreviewFrame gives the last frame made, or ORQ_NOT_READY.
+ * OrqStartVideo and OrqStopVideo run no such check: they talk to the camera on the caller's
+ * thread, and answer what it answers. Poll OrqGetCameraConnectionState for the cable.
  *
  * Results. Session calls return ORQ_ERROR (a pointer: null; an integer: 0) for a null session
  * or a bad argument, and for a handle that is not a live one of this SDK: never issued, already
@@ -199,7 +210,8 @@ typedef void (*OrqCameraListChangedCallback)(void* context, OrqCameraInfo* info,
  * ORQ_BATTERY_LOW, ...; ORQ_NO_PERMISSION on Linux when the udev rule that gives the user access
  * is not installed); the camera is not listed and is not tried again until it has been
  * unplugged or switched off and on. Runs on the USB notification thread or inside
- * OrqGetCameraList, with the SDK's lock held: every other thread's camera calls wait for it.
+ * OrqGetCameraList once the start-ups of that pass have ended, with no SDK lock held: other
+ * threads' calls go on meanwhile.
  * `path` (the device path) is yours: OrqFree it. */
 typedef void (*OrqCameraInitializationErrorCallback)(void* context, int result, OrqChar* path);
 /** A shot ended: `file` is the new picture (on the card, or in host memory when Direct Transfer
@@ -216,8 +228,11 @@ typedef void (*OrqDownloadCompletedCallback)(void* context, int fileId, OrqChar*
 typedef void (*OrqPropertyChangedCallback)(void* context, int propertyId);
 /** The camera's session ended with `result`: ORQ_DISCONNECTED (unplugged or switched off),
  * ORQ_BATTERY_LOW, or the failure of a queued request or of the camera's watch (usually
- * ORQ_ERROR). Raised once, on the camera thread, which then ends; every later session call
- * returns `result`. Free your session; the camera is started again when it is plugged in anew. */
+ * ORQ_ERROR). Raised once, on the camera thread, which then ends; the calls that check the camera
+ * return `result` from then on (see "Queued work" above). Free your session; the camera is
+ * started again when it is plugged in anew. A camera unplugged in the middle of a transfer can
+ * fail the calls up to 8 s before this event comes (the camera thread's disconnect check): poll
+ * OrqGetCameraConnectionState meanwhile if you need to know sooner. */
 typedef void (*OrqCameraErrorCallback)(void* context, OrqResult result);
 /** An event with nothing to carry; see each subscribe call. */
 typedef void (*OrqNotifyCallback)(void* context);
