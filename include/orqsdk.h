@@ -103,7 +103,8 @@ extern "C" {
 typedef enum OrqResult {
     ORQ_OK = 0,
     ORQ_ERROR = 1,               /**< bad argument, refused request, or a failed camera operation */
-    ORQ_SESSION_BUSY = 2,        /**< OrqOpenSession: the camera already has an open session */
+    ORQ_SESSION_BUSY = 2,        /**< OrqOpenSession: the camera already has an open session;
+                                      OrqStartVideo, OrqStopVideo: a shot is under way */
     ORQ_DEVICE_NOT_READY = 3,    /**< no such camera (any more), or it is still starting */
     ORQ_NOT_READY = 4,           /**< OrqGetPreviewFrame: no frame has been made yet */
     ORQ_UNKNOWN_PROPERTY = 6,    /**< the camera's model does not have this property */
@@ -361,12 +362,14 @@ ORQ_API OrqSubscription OrqDownloadCompletedSubscribe(OrqSessionHandle session,
 /** 1 if the camera's model records movies, else 0 (also for a null or gone session). */
 ORQ_API int OrqIsVideoSupported(OrqSessionHandle session);
 /** Starts recording a movie. Not queued: runs on the calling thread and returns when the camera
- * has answered, holding up every other camera call meanwhile. ORQ_OK or ORQ_ERROR; a failure
- * does not end the session. OrqShoot is refused while recording. */
+ * has answered, holding up every other camera call meanwhile. ORQ_OK; ORQ_SESSION_BUSY while a
+ * shot is under way (the shot goes on); ORQ_ERROR when the camera refuses. A failure does not
+ * end the session. Runs no readiness check: after the session has ended it still talks to the
+ * camera. OrqShoot is refused while recording. */
 ORQ_API OrqResult OrqStartVideo(OrqSessionHandle session);
 /** Stops recording, lists the card and copies the new movie's record into *file (may be null).
- * Not queued, as OrqStartVideo. ORQ_OK; ORQ_ERROR if the camera refused or no new file is
- * found. */
+ * Not queued and unchecked, as OrqStartVideo. ORQ_OK; ORQ_SESSION_BUSY while a shot is under
+ * way; ORQ_ERROR if the camera refused or no new file is found. */
 ORQ_API OrqResult OrqStopVideo(OrqSessionHandle session, OrqFileInfo* file);
 
 /* ---- Properties ---------------------------------------------------------------------------

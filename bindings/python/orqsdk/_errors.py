@@ -50,7 +50,7 @@ class OrqError(Exception):
 
 
 class SessionBusy(OrqError):
-    """The camera's session is already open."""
+    """The camera's session is already open; for video, a shot is under way."""
 
 
 class DeviceNotReady(OrqError):
