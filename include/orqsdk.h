@@ -316,7 +316,8 @@ ORQ_API OrqResult OrqDownloadFile(OrqSessionHandle session, int fileId, int dele
  * renamed into place when complete, so `path` never holds part of a file. Its end is the
  * download-completed callback. The id and the disk are checked only on the camera thread: an
  * unknown id, or a file that cannot be written, ends the session (camera-error callback) and
- * deletes nothing. ORQ_OK once queued. */
+ * deletes nothing. ORQ_OK once queued; ORQ_ERROR for a null or empty `path`, refused before
+ * anything is queued or written. */
 ORQ_API OrqResult OrqDownloadFileTo(OrqSessionHandle session, int fileId, OrqChar* path,
                                     int deleteAfter);
 /** Queued: deletes a file from the card, or frees a picture held in host memory. No event; an

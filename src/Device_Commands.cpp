@@ -45,6 +45,11 @@ OrqResult Device::DownloadFileCommand(int fileId, bool deleteAfter) {
 }
 
 OrqResult Device::DownloadFileToCommand(int fileId, const std::u16string& path, bool deleteAfter) {
+    // Without a name the part file would land in whatever folder the process runs in.
+    if (path.empty()) {
+        ORQ_LOG(ERR, "Download file: no path given");
+        return ORQ_ERROR;
+    }
     if (OrqResult ready = CheckReady()) return ready;
     Post(std::make_shared<MainLoopMsg_DownloadTo>(fileId, path, deleteAfter));
     return ORQ_OK;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #ifndef _WIN32
 #include <unistd.h>
@@ -48,6 +49,16 @@ TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
     const OrqFileInfo card = ShootOne();
     const auto bytes = camera->FileBytes(static_cast<uint32_t>(card.id));
     ASSERT_TRUE(bytes);
+    // No path at all is refused at the call: nothing queued, nothing in the working folder (an
+    // empty one until the download behind has ended).
+    const auto home = std::filesystem::current_path();
+    const auto working = std::filesystem::path(orq::platform::ToUtf8(TempPath("capture_api_cwd")));
+    std::filesystem::remove_all(working);
+    std::filesystem::create_directory(working);
+    std::filesystem::current_path(working);
+    OrqChar empty[] = {0};
+    EXPECT_EQ(OrqDownloadFileTo(session, card.id, nullptr, 1), ORQ_ERROR);
+    EXPECT_EQ(OrqDownloadFileTo(session, card.id, empty, 1), ORQ_ERROR);
     ASSERT_EQ(OrqDownloadFile(session, card.id, 1), ORQ_OK);
     ASSERT_TRUE(WaitFor([&] { return !Downloads().empty(); }));
     const std::u16string named = TempPath(Narrow(card.name));
@@ -55,6 +66,8 @@ TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
     EXPECT_EQ(ReadAll(named), std::string(bytes->begin(), bytes->end()));
     // Deleted within the same message.
     EXPECT_TRUE(WaitFor([&] { return !camera->FileBytes(card.id); }));
+    std::filesystem::current_path(home);
+    EXPECT_TRUE(std::filesystem::is_empty(working));
 
     // A buffered picture stands in no table: only a download to a given path reaches it.
     ASSERT_EQ(OrqSetPropertyData(session, ORQ_PROP_DIRECT_TRANSFER, 0), ORQ_OK);
