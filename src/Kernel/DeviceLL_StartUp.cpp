@@ -98,7 +98,7 @@ OrqResult DeviceLL::CleanMemoryCard() {
     for (const OrqFileInfo& file : stale) {
         // These are the user's pictures: one leaves the card only once the host holds it.
         if (!KeepVerifiedCopy(file)) {
-            ORQ_LOG(ERR, "clean file: no verified copy on the host, left on the card: %d", file.id);
+            ORQ_LOG(ERR, "card file left on the card, no verified copy on the host: %d", file.id);
             continue;
         }
         result = PTPRemoveFile(file.id);
@@ -146,7 +146,8 @@ bool DeviceLL::KeepVerifiedCopy(const OrqFileInfo& file) {
         copy.size() != size || (size > 0 && std::memcmp(copy.data(), data, size) != 0)) {
         return false;
     }
-    ORQ_LOG(INF, "clean file: copy kept at %s", platform::ToUtf8(path).c_str());
+    // Words of its own: readers count the "clean file: " lines, one per file.
+    ORQ_LOG(INF, "kept copy of card file: %s", platform::ToUtf8(path).c_str());
     return true;
 }
 

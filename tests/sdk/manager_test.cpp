@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -147,9 +148,17 @@ TEST_F(SdkTest, CardCleanUpRemovesOnlyWhatTheHostHoldsACopyOf) {
     put(camera, u"IMG_0012.JPG", "twelve");
     put(camera, u"img_12x.jpg", "twelve-x");
     int before = OrqSimGetFileCount(camera);
+    logStart = LogSize();
     Start();
     ASSERT_EQ(Cameras().size(), 1u);
     EXPECT_EQ(OrqSimGetFileCount(camera), before - 3 + 1);  // and the camera's log, img_0002
+    // A reader counts one "clean file: " line per removed file; the copies have lines of their own.
+    const auto startingWith = [](const Strings& messages, const std::string& head) {
+        return std::count_if(messages.begin(), messages.end(),
+                             [&](const std::string& m) { return m.rfind(head, 0) == 0; });
+    };
+    EXPECT_EQ(startingWith(MessagesSince(logStart), "clean file: "), 3);
+    EXPECT_EQ(startingWith(MessagesSince(logStart), "kept copy of card file: "), 3);
     ASSERT_EQ(std::distance(fs::directory_iterator(kept), fs::directory_iterator()), 1);
     const fs::path folder = fs::directory_iterator(kept)->path();
     EXPECT_EQ(read(folder / "img_0010.jpg"), "ten");
