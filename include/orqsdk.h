@@ -333,11 +333,13 @@ ORQ_API OrqSubscription OrqDownloadCompletedSubscribe(OrqSessionHandle session,
 ORQ_API int OrqIsVideoSupported(OrqSessionHandle session);
 /** Starts recording a movie. Not queued: runs on the calling thread and returns when the camera
  * has answered, holding up every other camera call meanwhile. ORQ_OK or ORQ_ERROR; a failure
- * does not end the session. OrqShoot is refused while recording. */
+ * does not end the session. ORQ_SESSION_BUSY, with nothing sent, from the moment OrqShoot
+ * accepts a shot until that shot has ended, queued or on the camera. OrqShoot is refused while
+ * recording. */
 ORQ_API OrqResult OrqStartVideo(OrqSessionHandle session);
 /** Stops recording, lists the card and copies the new movie's record into *file (may be null).
  * Not queued, as OrqStartVideo. ORQ_OK; ORQ_ERROR if the camera refused or no new file is
- * found. */
+ * found; ORQ_SESSION_BUSY while a shot is queued or on the camera, as for OrqStartVideo. */
 ORQ_API OrqResult OrqStopVideo(OrqSessionHandle session, OrqFileInfo* file);
 
 /* ---- Properties ---------------------------------------------------------------------------

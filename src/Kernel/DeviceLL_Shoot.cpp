@@ -71,7 +71,8 @@ ContProcStep RepeatingStep(DeviceLL* device,
 }  // namespace
 
 std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCompleted,
-                                          std::shared_ptr<ShotTicket> ticket) {
+                                          std::shared_ptr<ShotTicket> ticket,
+                                          std::shared_ptr<void> accepted) {
     bool direct = false;
     if (config.Has(ORQ_PROP_DIRECT_TRANSFER)) {
         std::lock_guard<std::recursive_mutex> guard(propertyLock);
@@ -87,10 +88,11 @@ std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCom
                                  : "Shoot: SHOOT_FINISHED not seen after %d ms";
 
     return std::make_unique<ContProc>(
-        [this, begin, await, awaitInterval, overdue, onCompleted = std::move(onCompleted), ticket](
-            ContProc* self, milliseconds* delay, OrqResult* result, bool* again) {
-            std::shared_ptr<void> claim;
-            OrqResult status = (this->*begin)(claim, ticket.get());
+        [this, begin, await, awaitInterval, overdue, onCompleted = std::move(onCompleted), ticket,
+         accepted = std::move(accepted)](ContProc* self, milliseconds* delay, OrqResult* result,
+                                         bool* again) mutable {
+            std::shared_ptr<void> claim = accepted ? std::move(accepted) : AcceptShot();
+            OrqResult status = claim ? (this->*begin)(ticket.get()) : ORQ_ERROR;
             if (ticket) ticket->Report(status);
             if (status != ORQ_OK) {
                 *result = status;
@@ -105,26 +107,37 @@ std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCom
         });
 }
 
-std::shared_ptr<void> DeviceLL::ClaimCardForShot() {
-    std::unique_lock<std::mutex> guard(captureLock);
-    if (!captureChanged.wait_for(guard, kVideoCallWait, [this] { return !videoCallInFlight; })) {
-        ORQ_LOG(ERR, "Shoot: video call in progress");
-        return nullptr;
-    }
+std::shared_ptr<void> DeviceLL::AcceptShot() {
+    std::lock_guard<std::mutex> guard(captureLock);
+    // A start under way has set the flag already: the shot would be refused on the camera thread.
     if (VideoRecording.load()) {
         ORQ_LOG(ERR, "Shooting not supported: video recording started");
         return nullptr;
     }
-    shotInFlight = true;
+    ++shotsAccepted;
     return std::shared_ptr<void>(this, [](DeviceLL* self) {
         std::lock_guard<std::mutex> released(self->captureLock);
-        self->shotInFlight = false;
+        --self->shotsAccepted;
+        self->captureChanged.notify_all();
     });
 }
 
-OrqResult DeviceLL::ShootBegin(std::shared_ptr<void>& claim, ShotTicket* ticket) {
-    claim = ClaimCardForShot();
-    if (!claim) return ORQ_ERROR;
+bool DeviceLL::AwaitCardForShot() {
+    std::unique_lock<std::mutex> guard(captureLock);
+    // A stop of video may still be listing the card for its movie.
+    if (!captureChanged.wait_for(guard, kVideoCallWait, [this] { return !videoCallInFlight; })) {
+        ORQ_LOG(ERR, "Shoot: video call in progress");
+        return false;
+    }
+    if (VideoRecording.load()) {
+        ORQ_LOG(ERR, "Shooting not supported: video recording started");
+        return false;
+    }
+    return true;
+}
+
+OrqResult DeviceLL::ShootBegin(ShotTicket* ticket) {
+    if (!AwaitCardForShot()) return ORQ_ERROR;
     ORQ_LOG(INF, "Shoot started on camera");
     ClearCameraEvent(CAMERA_EVENT_SHOOT_FINISHED);
     eventsMissed = false;
@@ -194,9 +207,8 @@ OrqResult DeviceLL::ShootAwaitFile(bool& done, OrqFileInfo& file) {
     }
 }
 
-OrqResult DeviceLL::DirectShootBegin(std::shared_ptr<void>& claim, ShotTicket* ticket) {
-    claim = ClaimCardForShot();
-    if (!claim) return ORQ_ERROR;
+OrqResult DeviceLL::DirectShootBegin(ShotTicket* ticket) {
+    if (!AwaitCardForShot()) return ORQ_ERROR;
     ORQ_LOG(INF, "Shoot started on camera (remote version)");
     SetPreviewSuspended(true);
 

@@ -85,6 +85,28 @@ TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
     EXPECT_TRUE(WaitFor([&] { return Logged("PTPRemoveFile: DirectTransfer -100") == 1; }));
 }
 
+// A shot is the camera's from the moment OrqShoot accepts it, though the loop is still busy with
+// its poll: video does not start under it, and it is taken.
+TEST_F(CaptureApi, AQueuedShotKeepsVideoFromStartingAndIsTaken) {
+    Recorder errors;
+    OrqCameraErrorSubscribe(session, &Recorder::OnCameraError, &errors);
+    // The poll's battery reading is held until the shot is queued and the video refused.
+    camera->InjectFault(
+        Fault::Operation(Fault::Delay, orq::PTP_OC_Vendor, orq::ORQM_GetVBat, 1500));
+    camera->ClearOperations();
+    ASSERT_TRUE(
+        WaitFor([&] { return camera->CountOperations(orq::PTP_OC_Vendor, orq::ORQM_GetVBat); }));
+    ASSERT_EQ(OrqShoot(session), ORQ_OK);
+    EXPECT_EQ(OrqStartVideo(session), ORQ_SESSION_BUSY);
+    ASSERT_TRUE(events.Await(events.shots, 1));
+    EXPECT_TRUE(camera->FileBytes(static_cast<uint32_t>(Shots()[0].id)));
+    // Its hold ends with it.
+    EXPECT_EQ(OrqStartVideo(session), ORQ_OK);
+    EXPECT_EQ(OrqShoot(session), ORQ_ERROR);
+    EXPECT_EQ(OrqStopVideo(session, nullptr), ORQ_OK);
+    EXPECT_EQ(errors.Size(errors.cameraErrors), 0u);
+}
+
 // The camera names the file; only a plain name may ever become one in the temporary folder. A
 // download whose file was not verifiably written never costs the card its copy.
 TEST_F(CaptureApi, CameraFileNamesStayInsideTheTemporaryFolderAndFailuresKeepTheCardFile) {
