@@ -318,6 +318,11 @@ protected:
     // 'done' false while the step is to run again.
     OrqResult ShootBegin(ShotTicket* ticket);
     OrqResult ShootAwaitFile(bool& done, OrqFileInfo& file);
+    // The new file of the last listing into `file`, with the completion line; false when none.
+    bool TakeShotFile(OrqFileInfo& file);
+    // Event reads left before a shot still waiting for SHOOT_FINISHED looks at the card.
+    // Main-loop thread only.
+    int readsBeforeCardLook = 0;
     OrqResult DirectShootBegin(ShotTicket* ticket);
     OrqResult DirectShootAwaitPicture(bool& done, OrqFileInfo& file);
     OrqResult DirectShootReceive(OrqFileInfo& file);

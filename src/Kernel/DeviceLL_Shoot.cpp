@@ -1,6 +1,7 @@
 // Taking a picture: the normal shot, which the camera writes to its card and which is found by
 // comparing two listings, and the remote shot, whose picture comes to the host in chunks and is
 // kept in memory under a negative id.
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <list>
@@ -24,6 +25,10 @@ constexpr milliseconds kRemotePollInterval{10};
 // How long a shot waits for a video call under way to end before it is refused.
 constexpr milliseconds kVideoCallWait{5000};
 constexpr milliseconds kListingRetrySleep{500};
+// A shot whose SHOOT_FINISHED has not come looks at the card after this many event reads
+// without it (2 s at the step's pace): a read the camera garbled may have taken the bit with it.
+// Counted, not timed, so that a replayed session looks when its recording did.
+constexpr int kReadsBetweenCardLooks = 20;
 constexpr int kListingAttempts = 5;
 // Beyond the largest picture these cameras make, in bytes and in chunks (empty ones included).
 constexpr uint64_t kMaxPictureBytes = 64ull << 20;
@@ -157,7 +162,23 @@ OrqResult DeviceLL::ShootBegin(ShotTicket* ticket) {
     ORQ_LOG(DEB, "Shoot transaction");
     if (ticket) ticket->Arrive();
     if (PTPShoot() != ORQ_OK) return ORQ_ERROR;
+    readsBeforeCardLook = kReadsBetweenCardLooks;
     return ORQ_OK;
+}
+
+bool DeviceLL::TakeShotFile(OrqFileInfo& file) {
+    {
+        std::lock_guard<std::mutex> guard(fileTableLock);
+        if (latestFileId == -1) return false;
+        auto found =
+            std::find_if(fileTable.begin(), fileTable.end(),
+                         [this](const OrqFileInfo& record) { return record.id == latestFileId; });
+        if (found == fileTable.end()) return false;
+        file = *found;
+    }
+    ORQ_LOG(INF, "Shoot Completed:\n    name: %s\n    id:   %d\n    size: %d",
+            bytes::LowBytes(file.name, 128).c_str(), file.id, static_cast<int>(file.size));
+    return true;
 }
 
 OrqResult DeviceLL::ShootAwaitFile(bool& done, OrqFileInfo& file) {
@@ -168,8 +189,22 @@ OrqResult DeviceLL::ShootAwaitFile(bool& done, OrqFileInfo& file) {
     }
     if (!CameraEvent(CAMERA_EVENT_SHOOT_FINISHED)) {
         // A lost event read may have carried the end: the card tells whether the file is there.
-        if (!eventsMissed.exchange(false)) return ORQ_OK;
-        ORQ_LOG(ERR, "Shoot: event read lost, looking for the file");
+        if (eventsMissed.exchange(false)) {
+            ORQ_LOG(ERR, "Shoot: event read lost, looking for the file");
+        } else {
+            // So may one that came back garbled, which nothing tells apart: a look at the card
+            // now and then, and a shot whose file is there ends.
+            if (--readsBeforeCardLook > 0) return ORQ_OK;
+            readsBeforeCardLook = kReadsBetweenCardLooks;
+            ORQ_LOG(DEB, "Shoot: SHOOT_FINISHED not seen yet, looking at the card");
+            result = PTPUpdateObjectsInfo();
+            if (result != ORQ_OK) {
+                ORQ_LOG(ERR, "PTPUpdateObjectsInfo() failed");
+                return result;
+            }
+            done = TakeShotFile(file);
+            return ORQ_OK;
+        }
     }
 
     PTPMemoryStatistics("SHOOT_FINISHED event");
@@ -181,20 +216,12 @@ OrqResult DeviceLL::ShootAwaitFile(bool& done, OrqFileInfo& file) {
             return result;
         }
         PTPMemoryStatistics("after PTPUpdateObjectsInfo");
+        if (TakeShotFile(file)) {
+            done = true;
+            return ORQ_OK;
+        }
         {
             std::unique_lock<std::mutex> guard(fileTableLock);
-            if (!fileTable.empty() && latestFileId != -1) {
-                for (const OrqFileInfo& record : fileTable) {
-                    if (record.id != latestFileId) continue;
-                    file = record;
-                    guard.unlock();
-                    ORQ_LOG(INF, "Shoot Completed:\n    name: %s\n    id:   %d\n    size: %d",
-                            bytes::LowBytes(file.name, 128).c_str(), file.id,
-                            static_cast<int>(file.size));
-                    done = true;
-                    return ORQ_OK;
-                }
-            }
             if (++retry >= kListingAttempts) {
                 ORQ_LOG(ERR, "Shoot: new file not found");
                 return ORQ_ERROR;
