@@ -233,8 +233,6 @@ public:
     // unknown or the name is not a plain file name of this system.
     static bool DownloadTarget(std::u16string folder, const std::u16string& name,
                                std::u16string& path);
-    // Camera text made safe for one log line: control bytes become \xNN.
-    static std::string EscapeCameraText(const std::string& text);
     OrqResult PTPRemoveFile(int32_t fileId);
     std::unique_ptr<ContProc> CreateZoomProc(int32_t position);
     OrqResult UpdateZoom();

@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "CameraText.h"
 #include "Kernel/Bytes.h"
 #include "Kernel/DeviceLL.h"
 #include "Kernel/ShotGate.h"
@@ -177,7 +178,8 @@ bool DeviceLL::TakeShotFile(OrqFileInfo& file) {
         file = *found;
     }
     ORQ_LOG(INF, "Shoot Completed:\n    name: %s\n    id:   %d\n    size: %d",
-            bytes::LowBytes(file.name, 128).c_str(), file.id, static_cast<int>(file.size));
+            CameraText(bytes::LowBytes(file.name, 128)).c_str(), file.id,
+            static_cast<int>(file.size));
     return true;
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "CameraText.h"
 #include "Kernel/Bytes.h"
 #include "Kernel/DeviceLL.h"
 #include "Logger.h"
@@ -58,8 +59,8 @@ OrqResult DeviceLL::LoadOrqmVersion(const char* required) {
     for (int i = 0; i < 4; ++i) {
         if (current.part[i] > wanted.part[i]) return ORQ_OK;
         if (current.part[i] < wanted.part[i]) {
-            ORQ_LOG(ERR, "Old Orqm version. Current: '%s', required: '%s'", version.c_str(),
-                    required);
+            ORQ_LOG(ERR, "Old Orqm version. Current: '%s', required: '%s'",
+                    CameraText(version).c_str(), required);
             return ORQ_OLD_MODULE;
         }
     }
@@ -91,7 +92,8 @@ OrqResult DeviceLL::CleanMemoryCard() {
                 if (number >= 10) break;
             }
             if (number < 10) continue;
-            ORQ_LOG(INF, "clean file: %s %d", AsNarrowBytes(file.name).c_str(), file.id);
+            ORQ_LOG(INF, "clean file: %s %d", CameraText(AsNarrowBytes(file.name)).c_str(),
+                    file.id);
             stale.push_back(file);
         }
     }
@@ -166,8 +168,8 @@ OrqResult DeviceLL::PTPGetCamLog() {
         const char* text = reinterpret_cast<const char*>(block.data.get());
         std::string contents = text ? std::string(text, strnlen(text, block.size)) : "";
         ORQ_LOG(INF, "camera log:");
-        // Camera text, line breaks included, must not pass for lines of ours.
-        ORQ_LOG(INF, "%s", EscapeCameraText(contents).c_str());
+        // Line breaks included, it must not pass for lines of ours; the line holds what fits.
+        ORQ_LOG(INF, "%s", CameraText(contents, 4096).c_str());
         return ORQ_OK;
     }
     return ORQ_OK;
