@@ -17,7 +17,11 @@ using std::chrono::milliseconds;
 // The link with the upward operations the SDK's camera gives it, minus its thread and events.
 class SessionLink : public DeviceLL {
 public:
-    using DeviceLL::DeviceLL;
+    SessionLink(orq::UsbLib* usb, const orq::SDKConfig* config, const std::u16string& path)
+        : DeviceLL(usb, config, path) {
+        // A bound an input can reach: fifty event reads of a shot, not six hundred.
+        operationLimit = milliseconds(5000);
+    }
 
     bool IsMemLogging() override { return sdkConfig->MemLogging; }
     OrqResult SetPreShootProperty() override {
