@@ -41,8 +41,8 @@ uint32_t ResponseParam(const std::vector<uint32_t>& params, size_t index) {
 
 // Builds a step that runs 'body' and keeps going after 'interval' while it is not done; when
 // done, 'finish' runs with the file.
-// The step holds the shot's claim on the card until the chain ends; past 'limit' it fails with
-// 'overdue'.
+// The step holds the shot's claim on the card until the file is found or the chain ends; past
+// 'limit' it fails with 'overdue'.
 ContProcStep RepeatingStep(DeviceLL* device,
                            OrqResult (DeviceLL::*body)(bool& done, OrqFileInfo& file),
                            milliseconds interval, milliseconds limit, const char* overdue,
@@ -50,7 +50,7 @@ ContProcStep RepeatingStep(DeviceLL* device,
                            std::shared_ptr<void> claim) {
     const auto started = std::chrono::steady_clock::now();
     return [device, body, interval, limit, overdue, onCompleted, claim, started](
-               ContProc*, milliseconds* delay, OrqResult* result, bool* again) {
+               ContProc*, milliseconds* delay, OrqResult* result, bool* again) mutable {
         bool done = false;
         OrqFileInfo file{};
         OrqResult status = (device->*body)(done, file);
@@ -68,6 +68,8 @@ ContProcStep RepeatingStep(DeviceLL* device,
             *again = true;
             return;
         }
+        // Released first: an application told of the shot may start video at once.
+        claim.reset();
         if (onCompleted) onCompleted(file);
         device->SetPreviewSuspended(false);
         *result = ORQ_OK;

@@ -90,6 +90,19 @@ TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
 TEST_F(CaptureApi, AQueuedShotKeepsVideoFromStartingAndIsTaken) {
     Recorder errors;
     OrqCameraErrorSubscribe(session, &Recorder::OnCameraError, &errors);
+    // Told of the shot, the application starts video at once: the hold has ended by then.
+    struct VideoOnShot {
+        OrqSessionHandle session;
+        std::atomic<int> started{-1};
+    } video{session};
+    OrqShootCompletedSubscribe(
+        session,
+        [](void* self, OrqFileInfo* file) {
+            auto* on = static_cast<VideoOnShot*>(self);
+            on->started = OrqStartVideo(on->session);
+            OrqFree(file);
+        },
+        &video);
     // The poll's battery reading is held until the shot is queued and the video refused.
     camera->InjectFault(
         Fault::Operation(Fault::Delay, orq::PTP_OC_Vendor, orq::ORQM_GetVBat, 1500));
@@ -100,8 +113,8 @@ TEST_F(CaptureApi, AQueuedShotKeepsVideoFromStartingAndIsTaken) {
     EXPECT_EQ(OrqStartVideo(session), ORQ_SESSION_BUSY);
     ASSERT_TRUE(events.Await(events.shots, 1));
     EXPECT_TRUE(camera->FileBytes(static_cast<uint32_t>(Shots()[0].id)));
-    // Its hold ends with it.
-    EXPECT_EQ(OrqStartVideo(session), ORQ_OK);
+    ASSERT_TRUE(WaitFor([&] { return video.started != -1; }));
+    EXPECT_EQ(video.started, ORQ_OK);
     EXPECT_EQ(OrqShoot(session), ORQ_ERROR);
     EXPECT_EQ(OrqStopVideo(session, nullptr), ORQ_OK);
     EXPECT_EQ(errors.Size(errors.cameraErrors), 0u);
