@@ -347,7 +347,8 @@ ORQ_API OrqResult OrqDownloadFile(OrqSessionHandle session, int fileId, int dele
  * renamed into place when complete, so `path` never holds part of a file. Its end is the
  * download-completed callback. The id and the disk are checked only on the camera thread: an
  * unknown id, or a file that cannot be written, ends the session (camera-error callback) and
- * deletes nothing. ORQ_OK once queued. */
+ * deletes nothing. ORQ_OK once queued; ORQ_ERROR for a null or empty `path`, refused before
+ * anything is queued or written. */
 ORQ_API OrqResult OrqDownloadFileTo(OrqSessionHandle session, int fileId, OrqChar* path,
                                     int deleteAfter);
 /** Queued: deletes a file from the card, or frees a picture held in host memory. No event; an
@@ -362,14 +363,16 @@ ORQ_API OrqSubscription OrqDownloadCompletedSubscribe(OrqSessionHandle session,
 /** 1 if the camera's model records movies, else 0 (also for a null or gone session). */
 ORQ_API int OrqIsVideoSupported(OrqSessionHandle session);
 /** Starts recording a movie. Not queued: runs on the calling thread and returns when the camera
- * has answered, holding up every other camera call meanwhile. ORQ_OK; ORQ_SESSION_BUSY while a
- * shot is under way (the shot goes on); ORQ_ERROR when the camera refuses. A failure does not
- * end the session. Runs no readiness check: after the session has ended it still talks to the
- * camera. OrqShoot is refused while recording. */
+ * has answered, holding up every other camera call meanwhile. ORQ_OK; ORQ_ERROR when the camera
+ * refuses (a failure does not end the session); ORQ_SESSION_BUSY, with nothing sent, from the
+ * moment OrqShoot accepts a shot until that shot has ended, queued or on the camera (the shot
+ * goes on). Runs no readiness check: after the session has ended it still talks to the camera.
+ * OrqShoot is refused while recording. */
 ORQ_API OrqResult OrqStartVideo(OrqSessionHandle session);
 /** Stops recording, lists the card and copies the new movie's record into *file (may be null).
- * Not queued and unchecked, as OrqStartVideo. ORQ_OK; ORQ_SESSION_BUSY while a shot is under
- * way; ORQ_ERROR if the camera refused or no new file is found. */
+ * Not queued and unchecked, as OrqStartVideo. ORQ_OK; ORQ_ERROR if the camera refused or no new
+ * file is found; ORQ_SESSION_BUSY while a shot is queued or on the camera, as for OrqStartVideo.
+ */
 ORQ_API OrqResult OrqStopVideo(OrqSessionHandle session, OrqFileInfo* file);
 
 /* ---- Properties ---------------------------------------------------------------------------

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <functional>
 
+#include "CameraText.h"
 #include "Logger.h"
 #include "memmgr.h"
 
@@ -123,7 +124,7 @@ void CameraManager::SweepTable(const std::set<std::u16string>& connected, Reconc
     }
     for (int32_t deviceId : gone) {
         Device* device = devices[deviceId].get();
-        std::string name = platform::ToUtf8(device->DeviceName());
+        const CameraText name(device->DeviceName());
         std::string path = platform::ToUtf8(device->DevicePath());
         if (device->IsConnected()) {
             ORQ_LOG(INF, "device disconnect: \n    %s\n    %s", name.c_str(), path.c_str());
@@ -167,10 +168,10 @@ void CameraManager::StartAdded(Reconciliation& pass) {
             continue;
         }
         ORQ_LOG(INF, "new device found: \n    %s\n    %s\n    %s\n    %s",
-                platform::ToUtf8(device->DeviceName()).c_str(),
+                CameraText(device->DeviceName()).c_str(),
                 platform::ToUtf8(device->DevicePath()).c_str(),
-                platform::ToUtf8(device->OrqmVersion()).c_str(),
-                platform::ToUtf8(device->SerialNumber()).c_str());
+                CameraText(device->OrqmVersion()).c_str(),
+                CameraText(device->SerialNumber()).c_str());
         pass.changes.push_back({device->CameraInfo(deviceId ^ kCameraIdPattern), 0});
         devices.emplace(deviceId, std::move(device));
     }

@@ -244,7 +244,8 @@ bool Device::HandleMessage(const std::shared_ptr<MainLoopMsg_Base>& message, Orq
             });
     } else if (auto* shoot = dynamic_cast<MainLoopMsg_Shoot*>(base)) {
         ORQ_LOG(DEB, "Main loop: shoot");
-        contProc = Shoot([this](OrqFileInfo file) { OnShootCompleted(file); }, shoot->ticket);
+        contProc = Shoot([this](OrqFileInfo file) { OnShootCompleted(file); }, shoot->ticket,
+                         std::move(shoot->accepted));
     } else if (auto* download = dynamic_cast<MainLoopMsg_DownloadTo*>(base)) {
         ORQ_LOG(DEB, "Main loop: download to");
         outcome = PTPDownloadFile(download->fileId, download->path);

@@ -9,11 +9,10 @@ namespace orq {
 
 OrqResult Device::ShootCommand(std::shared_ptr<ShotTicket> ticket) {
     if (OrqResult ready = CheckReady()) return ready;
-    if (VideoRecording) {
-        ORQ_LOG(ERR, "Shooting not supported: video recording started");
-        return ORQ_ERROR;
-    }
-    Post(std::make_shared<MainLoopMsg_Shoot>(std::move(ticket)));
+    // Taken now, not when the loop gets to the message: video must not start in between.
+    std::shared_ptr<void> accepted = AcceptShot();
+    if (!accepted) return ORQ_ERROR;
+    Post(std::make_shared<MainLoopMsg_Shoot>(std::move(ticket), std::move(accepted)));
     return ORQ_OK;
 }
 
@@ -45,6 +44,11 @@ OrqResult Device::DownloadFileCommand(int fileId, bool deleteAfter) {
 }
 
 OrqResult Device::DownloadFileToCommand(int fileId, const std::u16string& path, bool deleteAfter) {
+    // Without a name the part file would land in whatever folder the process runs in.
+    if (path.empty()) {
+        ORQ_LOG(ERR, "Download file: no path given");
+        return ORQ_ERROR;
+    }
     if (OrqResult ready = CheckReady()) return ready;
     Post(std::make_shared<MainLoopMsg_DownloadTo>(fileId, path, deleteAfter));
     return ORQ_OK;

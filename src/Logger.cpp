@@ -98,6 +98,14 @@ struct Message {
     void Took() { size += std::strlen(text + size); }
 };
 
+bool NeedsEscape(const char* text) {
+    for (; *text; ++text) {
+        const auto byte = static_cast<unsigned char>(*text);
+        if (byte < 0x20 || byte == 0x7F) return true;
+    }
+    return false;
+}
+
 // printf with one extension: "%S" formats a char16_t string. Every other conversion is handed
 // to snprintf one at a time, so the format behaves the same on every platform.
 void Format(Message& out, const char* format, va_list args) {
@@ -167,14 +175,20 @@ void Format(Message& out, const char* format, va_list args) {
         switch (conversion) {
             case 'S': {
                 const char16_t* wide = va_arg(args, const char16_t*);
-                std::string narrow = wide ? platform::ToUtf8(wide) : "(null)";
+                std::string narrow = wide ? EscapeLogText(platform::ToUtf8(wide)) : "(null)";
                 spec[specLength - 1] = 's';
                 emit(narrow.c_str());
                 break;
             }
             case 's': {
                 const char* text = va_arg(args, const char*);
-                emit(text ? text : "(null)");
+                if (!text) {
+                    emit("(null)");
+                } else if (NeedsEscape(text)) {
+                    emit(EscapeLogText(text).c_str());
+                } else {
+                    emit(text);
+                }
                 break;
             }
             case 'c':
@@ -280,6 +294,23 @@ private:
 };
 
 }  // namespace
+
+std::string EscapeLogText(std::string_view text, bool backslash) {
+    static const char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7F || (backslash && c == '\\')) {
+            out += "\\x";
+            out += kHex[byte >> 4];
+            out += kHex[byte & 15];
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
 
 std::string SourceName(const char* path) {
     std::string name(path ? path : "");

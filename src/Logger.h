@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "platform/Platform.h"
 
@@ -20,6 +21,11 @@ void LogWrite(uint32_t log, int32_t level, const char* sourceFile, uint32_t line
 // LogWrite with the arguments taken.
 void LogWriteV(uint32_t log, int32_t level, const char* sourceFile, uint32_t line,
                uint64_t threadId, const char* format, va_list args);
+
+// Control bytes (below 0x20, and 0x7F) as \xNN, and the backslash too if asked. Every text a
+// format's %s or %S brings into a line goes through it, so no argument can start a line of its
+// own; camera text also escapes the backslash (CameraText.h).
+std::string EscapeLogText(std::string_view text, bool backslash = false);
 
 // Base name of a source path, without folders or extension ("src/Kernel/DeviceLL.cpp" ->
 // "DeviceLL").

@@ -17,8 +17,10 @@ struct MainLoopMsg_Halt : MainLoopMsg_Base {};
 struct MainLoopMsg_UpdateAeAf : MainLoopMsg_Base {};
 struct MainLoopMsg_Shoot : MainLoopMsg_Base {
     MainLoopMsg_Shoot() = default;
-    explicit MainLoopMsg_Shoot(std::shared_ptr<ShotTicket> ticket) : ticket(std::move(ticket)) {}
+    MainLoopMsg_Shoot(std::shared_ptr<ShotTicket> ticket, std::shared_ptr<void> accepted)
+        : ticket(std::move(ticket)), accepted(std::move(accepted)) {}
     std::shared_ptr<ShotTicket> ticket;  // null unless the shot is synchronised with others
+    std::shared_ptr<void> accepted;      // the shot's hold on the card (DeviceLL::AcceptShot)
 };
 struct MainLoopMsg_ResetCamera : MainLoopMsg_Base {};
 

@@ -1,26 +1,10 @@
 #include "Kernel/DeviceLL.h"
 
+#include "CameraText.h"
 #include "Logger.h"
 #include "SDKConfig.h"
 
 namespace orq {
-
-std::string DeviceLL::EscapeCameraText(const std::string& text) {
-    static const char kHex[] = "0123456789ABCDEF";
-    std::string out;
-    out.reserve(text.size());
-    for (char c : text) {
-        auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7F || c == '\\') {
-            out += "\\x";
-            out += kHex[byte >> 4];
-            out += kHex[byte & 15];
-        } else {
-            out += c;
-        }
-    }
-    return out;
-}
 
 DeviceLL::DeviceLL(UsbLib* usb, const SDKConfig* sdkConfig, std::u16string devicePath)
     : sdkConfig(sdkConfig),
@@ -34,7 +18,7 @@ OrqResult DeviceLL::OpenCamera() {
     if (opened != ORQ_OK) return opened;
     const CameraConfig* profile = FindCameraConfig(deviceName);
     if (!profile) {
-        ORQ_LOG(ERR, "camera config not found: %S", deviceName.c_str());
+        ORQ_LOG(ERR, "camera config not found: %s", CameraText(deviceName).c_str());
         return ORQ_ERROR;
     }
     config = *profile;

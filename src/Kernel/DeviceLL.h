@@ -220,15 +220,19 @@ public:
     // The shoot chain, normal or remote with direct transfer (Direct Transfer set to On, 0).
     // The caller takes ownership of the result.
     // With a ticket, the chain waits at its gate just before the Shoot command and reports there.
+    // `accepted` is the shot's hold from AcceptShot; without one the chain takes its own.
     std::unique_ptr<ContProc> Shoot(std::function<void(OrqFileInfo)> onCompleted,
-                                    std::shared_ptr<ShotTicket> ticket = nullptr);
+                                    std::shared_ptr<ShotTicket> ticket = nullptr,
+                                    std::shared_ptr<void> accepted = nullptr);
+    // A shot's hold on the card's next file from the moment it is accepted (queued) to the end
+    // of its chain, however it ends: video does not start meanwhile. Null, logged, while a movie
+    // is being recorded or its start is under way.
+    std::shared_ptr<void> AcceptShot();
     OrqResult PTPDownloadFile(int32_t fileId, const std::u16string& path);
     // The folder joined with the camera's name, refused (false, logged) when the folder is
     // unknown or the name is not a plain file name of this system.
     static bool DownloadTarget(std::u16string folder, const std::u16string& name,
                                std::u16string& path);
-    // Camera text made safe for one log line: control bytes become \xNN.
-    static std::string EscapeCameraText(const std::string& text);
     OrqResult PTPRemoveFile(int32_t fileId);
     std::unique_ptr<ContProc> CreateZoomProc(int32_t position);
     OrqResult UpdateZoom();
@@ -293,14 +297,14 @@ protected:
     std::map<int32_t, std::list<PtpDataBlock>> DirectTransferFiles;
     std::recursive_mutex directTransferLock;
     std::atomic<bool> VideoRecording{false};
-    // Whose is the card's next new file: one shot, or one start or stop of video, at a time.
+    // Whose is the card's next new file: shots, or one start or stop of video, at a time.
     std::mutex captureLock;
     std::condition_variable captureChanged;
-    bool shotInFlight = false;       // from a shot's first step to the end of its chain
+    int shotsAccepted = 0;           // shots queued or in their chain (AcceptShot)
     bool videoCallInFlight = false;  // during a start or stop of video
-    // A shot's claim on the card, released when its chain ends however it ends; null when the
-    // shot is refused (video recording, or a video call that does not end).
-    std::shared_ptr<void> ClaimCardForShot();
+    // The shot's turn at the card once a video call under way has ended; false (logged) when
+    // the call does not end or left the camera recording.
+    bool AwaitCardForShot();
     // Bound of every wait for the camera to end an operation (a shot, a streamed picture, the
     // lens): past it the operation fails as a failing camera's does.
     std::chrono::milliseconds operationLimit{60000};
@@ -310,9 +314,14 @@ protected:
 
     // Steps of the shoot chains (DeviceLL_Shoot.cpp); each returns the step's result, with
     // 'done' false while the step is to run again.
-    OrqResult ShootBegin(std::shared_ptr<void>& claim, ShotTicket* ticket);
+    OrqResult ShootBegin(ShotTicket* ticket);
     OrqResult ShootAwaitFile(bool& done, OrqFileInfo& file);
-    OrqResult DirectShootBegin(std::shared_ptr<void>& claim, ShotTicket* ticket);
+    // The new file of the last listing into `file`, with the completion line; false when none.
+    bool TakeShotFile(OrqFileInfo& file);
+    // Event reads left before a shot still waiting for SHOOT_FINISHED looks at the card.
+    // Main-loop thread only.
+    int readsBeforeCardLook = 0;
+    OrqResult DirectShootBegin(ShotTicket* ticket);
     OrqResult DirectShootAwaitPicture(bool& done, OrqFileInfo& file);
     OrqResult DirectShootReceive(OrqFileInfo& file);
     // Copies a card file into the SDK's folder of cleaned-up pictures and reads the copy back;

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "CameraText.h"
 #include "Kernel/Bytes.h"
 #include "Kernel/DeviceLL.h"
 #include "Logger.h"
@@ -27,8 +28,7 @@ bool DeviceLL::DownloadTarget(std::u16string folder, const std::u16string& name,
         if (c < 0x20 || c == 0x7F || c == u'/' || c == u'\\' || c == u':') plain = false;
     }
     if (!plain) {
-        ORQ_LOG(ERR, "Download file: file name refused: %s",
-                EscapeCameraText(platform::ToUtf8(name)).c_str());
+        ORQ_LOG(ERR, "Download file: file name refused: %s", CameraText(name).c_str());
         return false;
     }
     if (folder.back() != platform::PathSeparator()) folder += platform::PathSeparator();

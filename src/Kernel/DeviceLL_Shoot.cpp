@@ -1,6 +1,7 @@
 // Taking a picture: the normal shot, which the camera writes to its card and which is found by
 // comparing two listings, and the remote shot, whose picture comes to the host in chunks and is
 // kept in memory under a negative id.
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <list>
@@ -8,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "CameraText.h"
 #include "Kernel/Bytes.h"
 #include "Kernel/DeviceLL.h"
 #include "Kernel/ShotGate.h"
@@ -24,6 +26,10 @@ constexpr milliseconds kRemotePollInterval{10};
 // How long a shot waits for a video call under way to end before it is refused.
 constexpr milliseconds kVideoCallWait{5000};
 constexpr milliseconds kListingRetrySleep{500};
+// A shot whose SHOOT_FINISHED has not come looks at the card after this many event reads
+// without it (2 s at the step's pace): a read the camera garbled may have taken the bit with it.
+// Counted, not timed, so that a replayed session looks when its recording did.
+constexpr int kReadsBetweenCardLooks = 20;
 constexpr int kListingAttempts = 5;
 // Beyond the largest picture these cameras make, in bytes and in chunks (empty ones included).
 constexpr uint64_t kMaxPictureBytes = 64ull << 20;
@@ -35,8 +41,8 @@ uint32_t ResponseParam(const std::vector<uint32_t>& params, size_t index) {
 
 // Builds a step that runs 'body' and keeps going after 'interval' while it is not done; when
 // done, 'finish' runs with the file.
-// The step holds the shot's claim on the card until the chain ends; past 'limit' it fails with
-// 'overdue'.
+// The step holds the shot's claim on the card until the file is found or the chain ends; past
+// 'limit' it fails with 'overdue'.
 ContProcStep RepeatingStep(DeviceLL* device,
                            OrqResult (DeviceLL::*body)(bool& done, OrqFileInfo& file),
                            milliseconds interval, milliseconds limit, const char* overdue,
@@ -44,7 +50,7 @@ ContProcStep RepeatingStep(DeviceLL* device,
                            std::shared_ptr<void> claim) {
     const auto started = std::chrono::steady_clock::now();
     return [device, body, interval, limit, overdue, onCompleted, claim, started](
-               ContProc*, milliseconds* delay, OrqResult* result, bool* again) {
+               ContProc*, milliseconds* delay, OrqResult* result, bool* again) mutable {
         bool done = false;
         OrqFileInfo file{};
         OrqResult status = (device->*body)(done, file);
@@ -62,6 +68,8 @@ ContProcStep RepeatingStep(DeviceLL* device,
             *again = true;
             return;
         }
+        // Released first: an application told of the shot may start video at once.
+        claim.reset();
         if (onCompleted) onCompleted(file);
         device->SetPreviewSuspended(false);
         *result = ORQ_OK;
@@ -71,7 +79,8 @@ ContProcStep RepeatingStep(DeviceLL* device,
 }  // namespace
 
 std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCompleted,
-                                          std::shared_ptr<ShotTicket> ticket) {
+                                          std::shared_ptr<ShotTicket> ticket,
+                                          std::shared_ptr<void> accepted) {
     bool direct = false;
     if (config.Has(ORQ_PROP_DIRECT_TRANSFER)) {
         std::lock_guard<std::recursive_mutex> guard(propertyLock);
@@ -87,10 +96,11 @@ std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCom
                                  : "Shoot: SHOOT_FINISHED not seen after %d ms";
 
     return std::make_unique<ContProc>(
-        [this, begin, await, awaitInterval, overdue, onCompleted = std::move(onCompleted), ticket](
-            ContProc* self, milliseconds* delay, OrqResult* result, bool* again) {
-            std::shared_ptr<void> claim;
-            OrqResult status = (this->*begin)(claim, ticket.get());
+        [this, begin, await, awaitInterval, overdue, onCompleted = std::move(onCompleted), ticket,
+         accepted = std::move(accepted)](ContProc* self, milliseconds* delay, OrqResult* result,
+                                         bool* again) mutable {
+            std::shared_ptr<void> claim = accepted ? std::move(accepted) : AcceptShot();
+            OrqResult status = claim ? (this->*begin)(ticket.get()) : ORQ_ERROR;
             if (ticket) ticket->Report(status);
             if (status != ORQ_OK) {
                 *result = status;
@@ -105,26 +115,37 @@ std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCom
         });
 }
 
-std::shared_ptr<void> DeviceLL::ClaimCardForShot() {
-    std::unique_lock<std::mutex> guard(captureLock);
-    if (!captureChanged.wait_for(guard, kVideoCallWait, [this] { return !videoCallInFlight; })) {
-        ORQ_LOG(ERR, "Shoot: video call in progress");
-        return nullptr;
-    }
+std::shared_ptr<void> DeviceLL::AcceptShot() {
+    std::lock_guard<std::mutex> guard(captureLock);
+    // A start under way has set the flag already: the shot would be refused on the camera thread.
     if (VideoRecording.load()) {
         ORQ_LOG(ERR, "Shooting not supported: video recording started");
         return nullptr;
     }
-    shotInFlight = true;
+    ++shotsAccepted;
     return std::shared_ptr<void>(this, [](DeviceLL* self) {
         std::lock_guard<std::mutex> released(self->captureLock);
-        self->shotInFlight = false;
+        --self->shotsAccepted;
+        self->captureChanged.notify_all();
     });
 }
 
-OrqResult DeviceLL::ShootBegin(std::shared_ptr<void>& claim, ShotTicket* ticket) {
-    claim = ClaimCardForShot();
-    if (!claim) return ORQ_ERROR;
+bool DeviceLL::AwaitCardForShot() {
+    std::unique_lock<std::mutex> guard(captureLock);
+    // A stop of video may still be listing the card for its movie.
+    if (!captureChanged.wait_for(guard, kVideoCallWait, [this] { return !videoCallInFlight; })) {
+        ORQ_LOG(ERR, "Shoot: video call in progress");
+        return false;
+    }
+    if (VideoRecording.load()) {
+        ORQ_LOG(ERR, "Shooting not supported: video recording started");
+        return false;
+    }
+    return true;
+}
+
+OrqResult DeviceLL::ShootBegin(ShotTicket* ticket) {
+    if (!AwaitCardForShot()) return ORQ_ERROR;
     ORQ_LOG(INF, "Shoot started on camera");
     ClearCameraEvent(CAMERA_EVENT_SHOOT_FINISHED);
     eventsMissed = false;
@@ -144,7 +165,24 @@ OrqResult DeviceLL::ShootBegin(std::shared_ptr<void>& claim, ShotTicket* ticket)
     ORQ_LOG(DEB, "Shoot transaction");
     if (ticket) ticket->Arrive();
     if (PTPShoot() != ORQ_OK) return ORQ_ERROR;
+    readsBeforeCardLook = kReadsBetweenCardLooks;
     return ORQ_OK;
+}
+
+bool DeviceLL::TakeShotFile(OrqFileInfo& file) {
+    {
+        std::lock_guard<std::mutex> guard(fileTableLock);
+        if (latestFileId == -1) return false;
+        auto found =
+            std::find_if(fileTable.begin(), fileTable.end(),
+                         [this](const OrqFileInfo& record) { return record.id == latestFileId; });
+        if (found == fileTable.end()) return false;
+        file = *found;
+    }
+    ORQ_LOG(INF, "Shoot Completed:\n    name: %s\n    id:   %d\n    size: %d",
+            CameraText(bytes::LowBytes(file.name, 128)).c_str(), file.id,
+            static_cast<int>(file.size));
+    return true;
 }
 
 OrqResult DeviceLL::ShootAwaitFile(bool& done, OrqFileInfo& file) {
@@ -155,8 +193,22 @@ OrqResult DeviceLL::ShootAwaitFile(bool& done, OrqFileInfo& file) {
     }
     if (!CameraEvent(CAMERA_EVENT_SHOOT_FINISHED)) {
         // A lost event read may have carried the end: the card tells whether the file is there.
-        if (!eventsMissed.exchange(false)) return ORQ_OK;
-        ORQ_LOG(ERR, "Shoot: event read lost, looking for the file");
+        if (eventsMissed.exchange(false)) {
+            ORQ_LOG(ERR, "Shoot: event read lost, looking for the file");
+        } else {
+            // So may one that came back garbled, which nothing tells apart: a look at the card
+            // now and then, and a shot whose file is there ends.
+            if (--readsBeforeCardLook > 0) return ORQ_OK;
+            readsBeforeCardLook = kReadsBetweenCardLooks;
+            ORQ_LOG(DEB, "Shoot: SHOOT_FINISHED not seen yet, looking at the card");
+            result = PTPUpdateObjectsInfo();
+            if (result != ORQ_OK) {
+                ORQ_LOG(ERR, "PTPUpdateObjectsInfo() failed");
+                return result;
+            }
+            done = TakeShotFile(file);
+            return ORQ_OK;
+        }
     }
 
     PTPMemoryStatistics("SHOOT_FINISHED event");
@@ -168,20 +220,12 @@ OrqResult DeviceLL::ShootAwaitFile(bool& done, OrqFileInfo& file) {
             return result;
         }
         PTPMemoryStatistics("after PTPUpdateObjectsInfo");
+        if (TakeShotFile(file)) {
+            done = true;
+            return ORQ_OK;
+        }
         {
             std::unique_lock<std::mutex> guard(fileTableLock);
-            if (!fileTable.empty() && latestFileId != -1) {
-                for (const OrqFileInfo& record : fileTable) {
-                    if (record.id != latestFileId) continue;
-                    file = record;
-                    guard.unlock();
-                    ORQ_LOG(INF, "Shoot Completed:\n    name: %s\n    id:   %d\n    size: %d",
-                            bytes::LowBytes(file.name, 128).c_str(), file.id,
-                            static_cast<int>(file.size));
-                    done = true;
-                    return ORQ_OK;
-                }
-            }
             if (++retry >= kListingAttempts) {
                 ORQ_LOG(ERR, "Shoot: new file not found");
                 return ORQ_ERROR;
@@ -194,9 +238,8 @@ OrqResult DeviceLL::ShootAwaitFile(bool& done, OrqFileInfo& file) {
     }
 }
 
-OrqResult DeviceLL::DirectShootBegin(std::shared_ptr<void>& claim, ShotTicket* ticket) {
-    claim = ClaimCardForShot();
-    if (!claim) return ORQ_ERROR;
+OrqResult DeviceLL::DirectShootBegin(ShotTicket* ticket) {
+    if (!AwaitCardForShot()) return ORQ_ERROR;
     ORQ_LOG(INF, "Shoot started on camera (remote version)");
     SetPreviewSuspended(true);
 

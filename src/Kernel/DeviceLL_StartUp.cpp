@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "CameraText.h"
 #include "Kernel/Bytes.h"
 #include "Kernel/DeviceLL.h"
 #include "Logger.h"
@@ -58,8 +59,8 @@ OrqResult DeviceLL::LoadOrqmVersion(const char* required) {
     for (int i = 0; i < 4; ++i) {
         if (current.part[i] > wanted.part[i]) return ORQ_OK;
         if (current.part[i] < wanted.part[i]) {
-            ORQ_LOG(ERR, "Old Orqm version. Current: '%s', required: '%s'", version.c_str(),
-                    required);
+            ORQ_LOG(ERR, "Old Orqm version. Current: '%s', required: '%s'",
+                    CameraText(version).c_str(), required);
             return ORQ_OLD_MODULE;
         }
     }
@@ -91,14 +92,15 @@ OrqResult DeviceLL::CleanMemoryCard() {
                 if (number >= 10) break;
             }
             if (number < 10) continue;
-            ORQ_LOG(INF, "clean file: %s %d", AsNarrowBytes(file.name).c_str(), file.id);
+            ORQ_LOG(INF, "clean file: %s %d", CameraText(AsNarrowBytes(file.name)).c_str(),
+                    file.id);
             stale.push_back(file);
         }
     }
     for (const OrqFileInfo& file : stale) {
         // These are the user's pictures: one leaves the card only once the host holds it.
         if (!KeepVerifiedCopy(file)) {
-            ORQ_LOG(ERR, "clean file: no verified copy on the host, left on the card: %d", file.id);
+            ORQ_LOG(ERR, "card file left on the card, no verified copy on the host: %d", file.id);
             continue;
         }
         result = PTPRemoveFile(file.id);
@@ -146,7 +148,8 @@ bool DeviceLL::KeepVerifiedCopy(const OrqFileInfo& file) {
         copy.size() != size || (size > 0 && std::memcmp(copy.data(), data, size) != 0)) {
         return false;
     }
-    ORQ_LOG(INF, "clean file: copy kept at %s", platform::ToUtf8(path).c_str());
+    // Words of its own: readers count the "clean file: " lines, one per file.
+    ORQ_LOG(INF, "kept copy of card file: %s", platform::ToUtf8(path).c_str());
     return true;
 }
 
@@ -165,8 +168,8 @@ OrqResult DeviceLL::PTPGetCamLog() {
         const char* text = reinterpret_cast<const char*>(block.data.get());
         std::string contents = text ? std::string(text, strnlen(text, block.size)) : "";
         ORQ_LOG(INF, "camera log:");
-        // Camera text, line breaks included, must not pass for lines of ours.
-        ORQ_LOG(INF, "%s", EscapeCameraText(contents).c_str());
+        // Line breaks included, it must not pass for lines of ours; the line holds what fits.
+        ORQ_LOG(INF, "%s", CameraText(contents, 4096).c_str());
         return ORQ_OK;
     }
     return ORQ_OK;

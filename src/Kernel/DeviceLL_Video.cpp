@@ -7,14 +7,19 @@ namespace orq {
 
 namespace {
 
-// Marks a start or stop of video under way, or refuses it while a shot owns the card's next file.
+// Marks a start or stop of video under way, or refuses it while an accepted shot, queued or on
+// the camera, owns the card's next file. `recording`, when given, is set with the mark, so that
+// no shot is accepted between the two.
 class VideoCall {
 public:
-    VideoCall(std::mutex& lock, std::condition_variable& changed, bool& shot, bool& call)
+    VideoCall(std::mutex& lock, std::condition_variable& changed, const int& shots, bool& call,
+              std::atomic<bool>* recording = nullptr)
         : lock(lock), changed(changed), call(call) {
         std::lock_guard<std::mutex> guard(lock);
-        busy = shot || call;
-        if (!busy) call = true;
+        busy = shots > 0 || call;
+        if (busy) return;
+        call = true;
+        if (recording) recording->store(true);
     }
     ~VideoCall() {
         if (busy) return;
@@ -34,13 +39,12 @@ private:
 }  // namespace
 
 OrqResult DeviceLL::PTPStartVideo() {
-    VideoCall call(captureLock, captureChanged, shotInFlight, videoCallInFlight);
+    // Recording is set first, so that a shot asked for while the recording starts is refused.
+    VideoCall call(captureLock, captureChanged, shotsAccepted, videoCallInFlight, &VideoRecording);
     if (call.Busy()) {
         ORQ_LOG(ERR, "PTPStartVideo: shot in progress");
         return ORQ_SESSION_BUSY;
     }
-    // Set first, so that a shot queued while the recording starts is already refused.
-    VideoRecording.store(true);
 
     // The baseline against which the movie's file is recognised at the stop.
     OrqResult result = PTPUpdateObjectsInfo();
@@ -57,7 +61,7 @@ OrqResult DeviceLL::PTPStartVideo() {
 }
 
 OrqResult DeviceLL::PTPStopVideo(OrqFileInfo* file) {
-    VideoCall call(captureLock, captureChanged, shotInFlight, videoCallInFlight);
+    VideoCall call(captureLock, captureChanged, shotsAccepted, videoCallInFlight);
     if (call.Busy()) {
         ORQ_LOG(ERR, "PTPStopVideo: shot in progress");
         return ORQ_SESSION_BUSY;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #ifndef _WIN32
 #include <unistd.h>
@@ -48,6 +49,16 @@ TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
     const OrqFileInfo card = ShootOne();
     const auto bytes = camera->FileBytes(static_cast<uint32_t>(card.id));
     ASSERT_TRUE(bytes);
+    // No path at all is refused at the call: nothing queued, nothing in the working folder (an
+    // empty one until the download behind has ended).
+    const auto home = std::filesystem::current_path();
+    const auto working = std::filesystem::path(orq::platform::ToUtf8(TempPath("capture_api_cwd")));
+    std::filesystem::remove_all(working);
+    std::filesystem::create_directory(working);
+    std::filesystem::current_path(working);
+    OrqChar empty[] = {0};
+    EXPECT_EQ(OrqDownloadFileTo(session, card.id, nullptr, 1), ORQ_ERROR);
+    EXPECT_EQ(OrqDownloadFileTo(session, card.id, empty, 1), ORQ_ERROR);
     ASSERT_EQ(OrqDownloadFile(session, card.id, 1), ORQ_OK);
     ASSERT_TRUE(WaitFor([&] { return !Downloads().empty(); }));
     const std::u16string named = TempPath(Narrow(card.name));
@@ -55,6 +66,8 @@ TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
     EXPECT_EQ(ReadAll(named), std::string(bytes->begin(), bytes->end()));
     // Deleted within the same message.
     EXPECT_TRUE(WaitFor([&] { return !camera->FileBytes(card.id); }));
+    std::filesystem::current_path(home);
+    EXPECT_TRUE(std::filesystem::is_empty(working));
 
     // A buffered picture stands in no table: only a download to a given path reaches it.
     ASSERT_EQ(OrqSetPropertyData(session, ORQ_PROP_DIRECT_TRANSFER, 0), ORQ_OK);
@@ -70,6 +83,41 @@ TEST_F(CaptureApi, ShotsAndDownloadsGoThroughTheMainLoop) {
     EXPECT_EQ(Downloads()[1], std::make_pair(-100, target));
     ASSERT_EQ(OrqDeleteFile(session, -100), ORQ_OK);
     EXPECT_TRUE(WaitFor([&] { return Logged("PTPRemoveFile: DirectTransfer -100") == 1; }));
+}
+
+// A shot is the camera's from the moment OrqShoot accepts it, though the loop is still busy with
+// its poll: video does not start under it, and it is taken.
+TEST_F(CaptureApi, AQueuedShotKeepsVideoFromStartingAndIsTaken) {
+    Recorder errors;
+    OrqCameraErrorSubscribe(session, &Recorder::OnCameraError, &errors);
+    // Told of the shot, the application starts video at once: the hold has ended by then.
+    struct VideoOnShot {
+        OrqSessionHandle session;
+        std::atomic<int> started{-1};
+    } video{session};
+    OrqShootCompletedSubscribe(
+        session,
+        [](void* self, OrqFileInfo* file) {
+            auto* on = static_cast<VideoOnShot*>(self);
+            on->started = OrqStartVideo(on->session);
+            OrqFree(file);
+        },
+        &video);
+    // The poll's battery reading is held until the shot is queued and the video refused.
+    camera->InjectFault(
+        Fault::Operation(Fault::Delay, orq::PTP_OC_Vendor, orq::ORQM_GetVBat, 1500));
+    camera->ClearOperations();
+    ASSERT_TRUE(
+        WaitFor([&] { return camera->CountOperations(orq::PTP_OC_Vendor, orq::ORQM_GetVBat); }));
+    ASSERT_EQ(OrqShoot(session), ORQ_OK);
+    EXPECT_EQ(OrqStartVideo(session), ORQ_SESSION_BUSY);
+    ASSERT_TRUE(events.Await(events.shots, 1));
+    EXPECT_TRUE(camera->FileBytes(static_cast<uint32_t>(Shots()[0].id)));
+    ASSERT_TRUE(WaitFor([&] { return video.started != -1; }));
+    EXPECT_EQ(video.started, ORQ_OK);
+    EXPECT_EQ(OrqShoot(session), ORQ_ERROR);
+    EXPECT_EQ(OrqStopVideo(session, nullptr), ORQ_OK);
+    EXPECT_EQ(errors.Size(errors.cameraErrors), 0u);
 }
 
 // The camera names the file; only a plain name may ever become one in the temporary folder. A

@@ -256,6 +256,20 @@ TEST_F(CaptureTest, ShotsEndWithinTheirBound) {
               ORQ_OK);
     ASSERT_EQ(device->shots.size(), 1u);
     EXPECT_EQ(device->shots[0].id, static_cast<int32_t>(camera->Files().back().handle));
+
+    // Every event read answered garbled, each taking the bits with it: the card tells.
+    const Bytes garbled[] = {DataThen(Words({0x10, 0x9999, 7, 0})),  // 40 bytes, as real ones
+                             DataThen({})};
+    for (const Bytes& reply : garbled) {
+        camera->ClearFaults();
+        Fault fault = Raw(orq::PTP_OC_Vendor, orq::ORQM_GetEvents, reply);
+        fault.times = -1;
+        camera->InjectFault(fault);
+        const size_t before = device->shots.size();
+        EXPECT_EQ(Shoot(), ORQ_OK) << reply.size();
+        ASSERT_EQ(device->shots.size(), before + 1);
+        EXPECT_EQ(device->shots.back().id, static_cast<int32_t>(camera->Files().back().handle));
+    }
 }
 
 // Each new file belongs to the operation that made it: video waits its turn behind a shot, shots

@@ -3,6 +3,7 @@
 #include <regex>
 #include <thread>
 
+#include "CameraText.h"
 #include "tests/support/support.h"
 
 using namespace orq;
@@ -34,8 +35,11 @@ TEST(Logger, LinesArePaddedToSeventyCutSplitAndFormatted) {
     LogWrite(LOG_MAIN, INF, "x.cpp", 1, 1, "%S|%5d|%-3s|%x|%lld|%%", u"Kamera \u00e9", 42, "a",
              255u, 1LL << 40);
     LogWrite(LOG_MAIN, INF, "y.cpp", 6, 1, "first\nsecond\nthird");
+    // Line breaks come from formats only: an argument's are escaped.
+    LogWrite(LOG_MAIN, INF, "x.cpp", 1, 1, "%s|%S|%s", "a\nb", u"c\rd",
+             CameraText("e\\f\n").c_str());
     auto lines = LogLinesSince(start);
-    ASSERT_EQ(lines.size(), 9u);
+    ASSERT_EQ(lines.size(), 10u);
     std::smatch match;
     ASSERT_TRUE(std::regex_match(lines[0], match, kLine)) << lines[0];
     EXPECT_EQ(match[1], "INF");
@@ -57,6 +61,10 @@ TEST(Logger, LinesArePaddedToSeventyCutSplitAndFormatted) {
             << lines[i];
     }
     EXPECT_NE(lines[8].find("| third"), std::string::npos);
+    EXPECT_EQ(MessageColumn(lines[9]).substr(0, 24), "a\\x0Ab|c\\x0Dd|e\\x5Cf\\x0A");
+    // Camera text is cut at its bound, never inside a character.
+    EXPECT_EQ(CameraText(std::string(300, 'x')).str(), std::string(256, 'x') + "...");
+    EXPECT_EQ(CameraText(std::string(255, 'x') + "\xc3\xa9").str(), std::string(255, 'x') + "...");
 }
 
 TEST(Logger, ApiLogIsSeparate) {

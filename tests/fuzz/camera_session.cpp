@@ -1,5 +1,7 @@
 #include "camera_session.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <vector>
 
@@ -15,7 +17,11 @@ using std::chrono::milliseconds;
 // The link with the upward operations the SDK's camera gives it, minus its thread and events.
 class SessionLink : public DeviceLL {
 public:
-    using DeviceLL::DeviceLL;
+    SessionLink(orq::UsbLib* usb, const orq::SDKConfig* config, const std::u16string& path)
+        : DeviceLL(usb, config, path) {
+        // A bound an input can reach: fifty event reads of a shot, not six hundred.
+        operationLimit = milliseconds(5000);
+    }
 
     bool IsMemLogging() override { return sdkConfig->MemLogging; }
     OrqResult SetPreShootProperty() override {
@@ -46,6 +52,9 @@ public:
         return ORQ_OK;
     }
 
+    // The longest a chain may ask to wait in all before it ends: its bound, and one more step.
+    milliseconds ChainBound() const { return operationLimit + milliseconds(100); }
+
     // As the SDK's periodic poll; it stops at the first failure as the SDK does.
     void Poll() {
         BuildAvailableValues();
@@ -57,14 +66,23 @@ public:
     }
 };
 
-// Steps a multi-step operation to its end, as the main loop does.
-void RunToEnd(std::unique_ptr<orq::ContProc> proc, SessionSource& source) {
+// Steps a multi-step operation to its end, as the main loop does. An operation that asks to wait
+// longer than `bound` in all has not ended as it must, whatever the camera answered: a finding.
+void RunToEnd(std::unique_ptr<orq::ContProc> proc, SessionSource& source,
+              milliseconds bound = milliseconds::max()) {
+    milliseconds waited(0);
     while (proc) {
         milliseconds delay(0);
         OrqResult result = ORQ_OK;
         bool again = false;
         proc->step(proc.get(), &delay, &result, &again);
         if (!again) return;
+        waited += delay;
+        if (waited > bound) {
+            std::fprintf(stderr, "an operation did not end within %lld ms\n",
+                         static_cast<long long>(bound.count()));
+            std::abort();
+        }
         source.Wait(delay);
     }
 }
@@ -111,7 +129,7 @@ void RunOperation(SessionLink& link, uint8_t operation, SessionSource& source,
             link.Poll();
             break;
         case kShoot:
-            RunToEnd(link.Shoot(nullptr), source);
+            RunToEnd(link.Shoot(nullptr), source, link.ChainBound());
             break;
         case kFileList:
             link.PTPUpdateObjectsInfo();

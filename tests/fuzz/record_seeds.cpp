@@ -2,10 +2,12 @@
 // every byte the camera sends and every choice of the script written down in the order the
 // fuzzer reads them back. Usage: camera_fuzz_record <folder>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Kernel/DeviceLL.h"
 #include "camera_session.h"
 #include "models/CameraConfig.h"
 #include "sim/VirtualBus.h"
@@ -77,8 +79,10 @@ std::vector<uint8_t> SetProperty(const orq::CameraConfig& model, int32_t id, int
     return {kSetProperty, which, choice};
 }
 
+// `prepare` sets the camera up before it is plugged in.
 bool Record(const std::string& folder, const std::string& code, const char* label, uint8_t flags,
-            std::vector<uint8_t> script) {
+            std::vector<uint8_t> script,
+            const std::function<void(orqsim::VirtualCamera&)>& prepare = {}) {
     const auto& models = orq::CameraConfigTable();
     uint8_t index = 0;
     while (index < models.size() && models[index].name != std::u16string(code.begin(), code.end()))
@@ -98,6 +102,7 @@ bool Record(const std::string& folder, const std::string& code, const char* labe
     camera->SetVideoSettings(settings);
     camera->AddFileOfSize(u"IMG_0001.JPG", 300);
     camera->AddFileOfSize(u"MVI_0002.MOV", 200);
+    if (prepare) prepare(*camera);
     const std::u16string path = u"orqsim://seed/" + std::u16string(code.begin(), code.end());
     camera->PlugIn(path);
 
@@ -161,5 +166,19 @@ int main(int argc, char** argv) {
     ok &= Record(folder, "G15", "card", 0, card + unplug);
     ok &= Record(folder, "A810", "card", 2, card + unplug);
     ok &= Record(folder, "A810", "video", 0, video + host("A810") + unplug);
+    // Every event read answered with a data phase of the right shape and a mutated word, which
+    // takes the camera's bits with it: the shots end by a look at the card.
+    ok &= Record(
+        folder, "SX510", "garbled-events", 0, std::vector<uint8_t>{kShoot, kPoll, kShoot} + unplug,
+        [](orqsim::VirtualCamera& camera) {
+            orqsim::Bytes reply = {28, 0, 0,    0,    2, 0, 0x99, 0x99, 0, 0, 0, 0, 0x10, 0,
+                                   0,  0, 0x99, 0x99, 0, 0, 7,    0,    0, 0, 0, 0, 0,    0,
+                                   12, 0, 0,    0,    3, 0, 1,    0x20, 0, 0, 0, 0};
+            orqsim::Fault fault = orqsim::Fault::Operation(orqsim::Fault::RawReply,
+                                                           orq::PTP_OC_Vendor, orq::ORQM_GetEvents);
+            fault.bytes = reply;
+            fault.times = -1;
+            camera.InjectFault(fault);
+        });
     return ok ? 0 : 1;
 }

@@ -1,7 +1,9 @@
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <string>
 
 #include "sim/VirtualCamera.h"
@@ -127,6 +129,56 @@ TEST_F(SdkTest, ACameraLeftInPlayModeHoldsUpNoOtherCallAndFailsInTheEnd) {
     OrqFree(session);
 }
 
+// A camera's text reaches the log escaped on every path: a line break in its product string,
+// module version, serial number or a file name never makes a line of the camera's choosing.
+TEST_F(SdkTest, CameraTextNeverForgesALogLine) {
+    auto plug = [&](std::u16string product, std::string version, std::u16string serial) {
+        orqsim::CameraOptions options;
+        options.productString = std::move(product);
+        options.orqmVersion = std::move(version);
+        options.serialNumber = std::move(serial);
+        options.shootMs = 200;
+        auto camera = std::make_shared<orqsim::VirtualCamera>(options);
+        EXPECT_TRUE(camera->PlugIn(u"orqsim://forged/" + options.productString.substr(11, 5)));
+        plugged.push_back(camera);
+        return camera;
+    };
+    plug(u"Orq Camera ZZ999\nFORGED product", "3.1.3.0", u"1");
+    plug(u"Orq Camera G15", "1.0\nFORGED old", u"2");
+    auto camera =
+        plug(u"Orq Camera SX160\nFORGED name", "3.1.3.0\nFORGED version", u"SN\nFORGED serial");
+    logStart = LogSize();
+    Start();
+    ASSERT_EQ(Cameras().size(), 1u);
+    session = Open(camera);
+    Recorder shots;
+    OrqShootCompletedSubscribe(session, &Recorder::OnShot, &shots);
+    ASSERT_EQ(OrqShoot(session), ORQ_OK);
+    // The camera's next new file is one it names itself.
+    ASSERT_TRUE(
+        WaitFor([&] { return camera->CountOperations(orq::PTP_OC_Vendor, orq::ORQM_Shoot); }));
+    camera->AddFile(u"IMG_0500\nFORGED shot.JPG", Pattern(10));
+    ASSERT_TRUE(shots.Await(shots.shots, 1));
+    EXPECT_EQ(Narrow(shots.shots[0].name), "IMG_0500\nFORGED shot.JPG");
+    OrqFree(session);
+    session = nullptr;
+    camera->Unplug();
+    ASSERT_TRUE(WaitFor([&] { return Cameras().empty(); }));
+
+    // Each line stands with its source, or continues one of ours, indented.
+    const std::regex ours(R"(^(DEB|INF|ERR) [\d :.-]+ \| (    .*|.* \| \w+:\d+ \[\d+\]))");
+    const std::string log = ReadAll(orq::MainLogPath()).substr(logStart);
+    for (const std::string& line : LogLinesSince(logStart))
+        EXPECT_TRUE(line.empty() || std::regex_match(line, ours)) << line;
+    for (const char* escaped : {"camera config not found: Orq Camera ZZ999\\x0AFORGED product",
+                                "Old Orqm version. Current: '1.0\\x0AFORGED old'",
+                                "Orq Camera SX160\\x0AFORGED name", "3.1.3.0\\x0AFORGED version",
+                                "SN\\x0AFORGED serial", "name: IMG_0500\\x0AFORGED shot.JPG"})
+        EXPECT_NE(log.find(escaped), std::string::npos) << escaped;
+    // Found, gone, deleted.
+    EXPECT_EQ(CountContaining(LogLinesSince(logStart), "    Orq Camera SX160\\x0AFORGED name"), 3);
+}
+
 // Start-up clears img_ numbers from 10 up off the card, but only behind a copy on the host that
 // reads back equal; an older copy of the same name is kept, and without a copy the card keeps it.
 TEST_F(SdkTest, CardCleanUpRemovesOnlyWhatTheHostHoldsACopyOf) {
@@ -147,9 +199,17 @@ TEST_F(SdkTest, CardCleanUpRemovesOnlyWhatTheHostHoldsACopyOf) {
     put(camera, u"IMG_0012.JPG", "twelve");
     put(camera, u"img_12x.jpg", "twelve-x");
     int before = OrqSimGetFileCount(camera);
+    logStart = LogSize();
     Start();
     ASSERT_EQ(Cameras().size(), 1u);
     EXPECT_EQ(OrqSimGetFileCount(camera), before - 3 + 1);  // and the camera's log, img_0002
+    // A reader counts one "clean file: " line per removed file; the copies have lines of their own.
+    const auto startingWith = [](const Strings& messages, const std::string& head) {
+        return std::count_if(messages.begin(), messages.end(),
+                             [&](const std::string& m) { return m.rfind(head, 0) == 0; });
+    };
+    EXPECT_EQ(startingWith(MessagesSince(logStart), "clean file: "), 3);
+    EXPECT_EQ(startingWith(MessagesSince(logStart), "kept copy of card file: "), 3);
     ASSERT_EQ(std::distance(fs::directory_iterator(kept), fs::directory_iterator()), 1);
     const fs::path folder = fs::directory_iterator(kept)->path();
     EXPECT_EQ(read(folder / "img_0010.jpg"), "ten");
