@@ -97,3 +97,19 @@ if(NOT WIN32)
       "Where cmake --install puts the udev rule (relative: under the install prefix)")
   install(FILES packaging/70-orqsdk.rules DESTINATION ${ORQ_UDEV_RULES_DIR})
 endif()
+
+# The docs and examples travel with the libraries: the header points to the guide. On Windows the
+# zip's top folder has a README for Windows users in place of the source tree's.
+set(ORQ_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/orqsdk)
+install(DIRECTORY docs/ DESTINATION ${ORQ_DOC_DIR} FILES_MATCHING PATTERN "*.md")
+install(FILES sim/README.md DESTINATION ${ORQ_DOC_DIR} RENAME virtual-camera.md)
+install(FILES examples/README.md examples/CMakeLists.txt examples/example_support.h
+        examples/shoot.c examples/live_view.c examples/settings.c
+        DESTINATION ${ORQ_DOC_DIR}/examples)
+install(DIRECTORY examples/python DESTINATION ${ORQ_DOC_DIR}/examples
+        FILES_MATCHING PATTERN "*.py")
+if(WIN32)
+  install(FILES packaging/windows/README.md LICENSE CHANGELOG.md DESTINATION .)
+else()
+  install(FILES README.md LICENSE CHANGELOG.md DESTINATION ${ORQ_DOC_DIR})
+endif()

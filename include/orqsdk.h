@@ -5,7 +5,8 @@
  *   OrqInitializeSDK; OrqGetCameraManager; subscribe to the manager's two events;
  *   OrqGetCameraList; OrqOpenSession; subscribe to the session's events; work;
  *   OrqFree on everything the SDK handed out; OrqTerminateSDK.
- * docs/guide.md walks through it; this header is the reference.
+ * docs/guide.md (installed as share/doc/orqsdk/guide.md) walks through it; this header is the
+ * reference.
  *
  * Result memory. Every pointer the SDK hands out (lists, records, strings, descriptions, handles,
  * sessions, subscriptions, preview frames) is the caller's until it passes it to OrqFree, once.

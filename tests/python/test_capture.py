@@ -2,11 +2,13 @@
 
 import logging
 import os
+import threading
 import time
 
 import pytest
 
 import orqsdk
+from orqsdk import sim
 
 
 def test_shots_to_card_and_host(session, camera, tmp_path):
@@ -59,3 +61,29 @@ def test_exception_in_callback_does_not_stop_later_callbacks(session, caplog):
     assert min(calls.values()) >= 3
     assert "inside an SDK callback" in caplog.text
     assert session.next_frame().width == 320
+
+
+def test_synchronised_shot_fires_every_camera_together(sdk):
+    cameras = [sim.VirtualCamera(model) for model in ("SX160", "A810", "G15")]
+    deadline = time.monotonic() + 10
+    while len(sdk.cameras()) < len(cameras) and time.monotonic() < deadline:
+        time.sleep(0.02)
+    sessions = [camera.open() for camera in sdk.cameras()]
+    # A slow link on one camera: shots fired in turn would reach it most of a second late.
+    cameras[2].set_latency(20_000, 0)
+    counts = [camera.file_count for camera in cameras]
+    shot = threading.Semaphore(0)
+    for session in sessions:
+        session.subscribe("shoot_completed", lambda file: shot.release())
+    assert sdk.shoot_synchronized(sessions) == [None, None, None]
+    assert all(shot.acquire(timeout=10) for _ in sessions)
+    assert [camera.file_count for camera in cameras] == [count + 1 for count in counts]
+    times = [camera.shoot_times() for camera in cameras]
+    assert all(len(one) == 1 for one in times), times
+    starts = [one[0] for one in times]
+    # When the Shoot commands reached the cameras: together, not one preparation apart.
+    assert max(starts) - min(starts) < 150_000_000, starts
+    sessions[0].close()
+    with pytest.raises(orqsdk.ClosedError):
+        sdk.shoot_synchronized(sessions)
+    assert sdk.shoot_synchronized([]) == []

@@ -1,6 +1,7 @@
 #!/bin/sh
 # orqcam as a user runs it: in a terminal a transfer draws a progress bar, in a pipe or with
-# --quiet it does not; the USB build with nothing attached exits with "no camera".
+# --quiet it does not; --json leaves stderr empty; the USB build with nothing attached exits
+# with "no camera".
 set -u
 orqcam=$1
 usb=$2
@@ -23,6 +24,14 @@ grep -q 'left' "$dir/pipe.txt" && fail "a progress bar in a pipe"
 script -qec "'$orqcam' --quiet --virtual SX160 shoot --to-host '$dir/quiet'" /dev/null \
     >"$dir/quiet.txt" || fail "quiet shoot: exit $?"
 grep -q 'left' "$dir/quiet.txt" && fail "a progress bar with --quiet"
+
+# Under --json stdout is the one document and stderr stays empty on success, whatever the
+# libraries themselves might print.
+"$orqcam" --json --virtual SX160 shoot --to-host "$dir/json" >"$dir/json.out" 2>"$dir/json.err" ||
+    fail "shoot --json: exit $?"
+[ -s "$dir/json.err" ] && fail "stderr under --json: $(cat "$dir/json.err")"
+ls "$dir"/json/*.jpg >/dev/null || fail "no picture from the --json run"
+[ "$(wc -l <"$dir/json.out")" -eq 1 ] && grep -q '^{.*}$' "$dir/json.out" || fail "not one JSON line"
 
 if [ "$usb" = 1 ]; then
     "$orqcam" info 2>"$dir/usb.txt"

@@ -2,9 +2,14 @@
 // camera outlives the tool: what a command leaves on the camera is read after the SDK stopped.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <regex>
+#include <set>
+#include <sstream>
 #include <thread>
 
 #include "Args.h"
@@ -48,10 +53,11 @@ protected:
         return camera;
     }
 
-    // Runs one command; its stdout and stderr land in out and err.
+    // Runs one command; its stdout and stderr land in out and err, and while it runs in the
+    // files outPath and errPath.
     int Cmd(const std::vector<std::string>& arguments) {
-        FILE* o = std::tmpfile();
-        FILE* e = std::tmpfile();
+        FILE* o = std::fopen(outPath().string().c_str(), "w+b");
+        FILE* e = std::fopen((dir / "stderr.txt").string().c_str(), "w+b");
         io.out = o;
         io.err = e;
         int exit = orqcam::Run(arguments, true);
@@ -64,6 +70,8 @@ protected:
         return exit;
     }
 
+    fs::path outPath() const { return dir / "stdout.txt"; }
+
     int OnCamera(OrqSimCamera camera, int property) {
         return ValueOnCamera(camera, models[camera], property);
     }
@@ -72,6 +80,13 @@ protected:
     fs::path dir;
     std::map<OrqSimCamera, std::string> models;
 };
+
+constexpr size_t npos = std::string::npos;
+
+std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
 
 // The first number under key in a JSON document.
 int Field(const std::string& json, const std::string& key) {
@@ -142,11 +157,20 @@ TEST_F(OrqcamTest, RefusalsTimeoutsAndErrorsHaveTheirExitCodes) {
     EXPECT_EQ(Cmd({"--virtual", "SX999", "list"}), kExitUsage);
     EXPECT_NE(err.find("A1400 A2200"), std::string::npos);  // the models are listed
 
-    // Errors under --json are one document on stdout, result by name.
+    // Errors under --json are one document on stdout, result by name, and one line on stderr;
+    // failures no SDK result stands for name orqcam's own.
     EXPECT_EQ(Cmd({"--json", "set", "Image Size", "99"}), kExitRefused);
     EXPECT_EQ(out,
               "{\"error\":\"the camera refused Image Size = 99: ORQ_PROPERTY_CONSTRAINT\","
               "\"result\":\"ORQ_PROPERTY_CONSTRAINT\",\"exit\":6}\n");
+    EXPECT_EQ(err, "orqcam: the camera refused Image Size = 99: ORQ_PROPERTY_CONSTRAINT\n");
+    const std::vector<std::vector<std::string>> usage = {
+        {"--json", "--frobnicate", "list"}, {"--json"}, {"--json", "--camera", "7", "info"}};
+    for (const auto& args : usage) {
+        EXPECT_EQ(Cmd(args), kExitUsage);
+        EXPECT_NE(out.find("\"result\":\"ORQCAM_USAGE\""), std::string::npos) << out;
+        EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+    }
 
     // A write the camera answers late is a timeout; one it fails ends the session.
     OrqSimFault late{};
@@ -250,18 +274,95 @@ TEST_F(OrqcamTest, AllCamerasShootTogetherAndDownloadEveryFile) {
     }
 }
 
-TEST_F(OrqcamTest, WatchTellsEveryEventWithTimeAndCamera) {
+// A script reads watch's events as they happen: each is a line of its own on stdout, there
+// before the command ends.
+TEST_F(OrqcamTest, WatchStreamsEveryEventAsALineOfJson) {
     OrqSimCamera camera = Attach("SX160");
+    std::atomic<bool> ended{false};
+    bool seenWhileRunning = false;
     std::thread unplug([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         sdk.SimDetachCamera(camera);
+        for (int i = 0; i < 200 && !ended && !seenWhileRunning; ++i) {
+            std::ifstream file(outPath());
+            std::string text((std::istreambuf_iterator<char>(file)), {});
+            seenWhileRunning = text.find("\"event\":\"disconnected\"") != npos && !ended;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
     });
     int exit = Cmd({"--json", "watch", "4"});
+    ended = true;
     unplug.join();
     EXPECT_EQ(exit, kExitCameraError);
-    EXPECT_NE(out.find("\"event\":\"disconnected\""), std::string::npos) << out;
+    EXPECT_TRUE(seenWhileRunning) << out;
     EXPECT_NE(out.find("\"event\":\"camera-error\""), std::string::npos) << out;
-    EXPECT_NE(err.find("ORQ_DISCONNECTED"), std::string::npos) << err;
+    std::istringstream lines(out);
+    int count = 0;
+    for (std::string line; std::getline(lines, line); ++count)
+        EXPECT_TRUE(line.rfind("{\"t\":", 0) == 0 && line.back() == '}') << line;
+    EXPECT_GE(count, 2);
+    EXPECT_EQ(err, "") << "stderr is for errors only";
+}
+
+// Numbers are what scripts hold on to: --virtual's order, whatever order the bus lists them in,
+// and cameras attached otherwise by serial.
+TEST_F(OrqcamTest, CamerasAreNumberedInTheOrderNamed) {
+    const std::vector<std::vector<std::string>> orders = {
+        {"A810", "SX160", "G15"}, {"G15", "A810", "SX160"}, {"SX160", "G15", "A810"}};
+    for (const auto& order : orders) {
+        std::vector<std::string> args = {"--json"};
+        for (const std::string& model : order) args.insert(args.end(), {"--virtual", model});
+        ASSERT_EQ(Cmd(args + std::vector<std::string>{"list"}), kExitOk) << err;
+        size_t a = out.find(order[0]), b = out.find(order[1]), c = out.find(order[2]);
+        EXPECT_TRUE(a < b && b < c) << out;
+        // Only the A810 records video: --camera reaches the camera that list numbered.
+        int video = static_cast<int>(std::find(order.begin(), order.end(), "A810") - order.begin());
+        EXPECT_EQ(Cmd(args + std::vector<std::string>{"--camera", std::to_string(video), "video",
+                                                      "start"}),
+                  kExitOk)
+            << err;
+    }
+    for (const char* model : {"SX160", "A810", "G15"}) Attach(model);
+    ASSERT_EQ(Cmd({"--json", "list"}), kExitOk);
+    std::vector<std::string> serials;
+    for (size_t at = out.find("\"serial\":\""); at != npos; at = out.find("\"serial\":\"", at + 1))
+        serials.push_back(out.substr(at + 10, out.find('"', at + 10) - at - 10));
+    EXPECT_EQ(serials.size(), 3u) << out;
+    EXPECT_TRUE(std::is_sorted(serials.begin(), serials.end())) << out;
+}
+
+// With --json, stdout is JSON and stderr is silent unless something failed; --help names no
+// result that does not exist.
+TEST_F(OrqcamTest, JsonOutputLeavesStderrForErrorsAndHelpNamesRealResults) {
+    Attach("SX160");
+    const std::vector<std::vector<std::string>> commands = {
+        {"list"},
+        {"info"},
+        {"props"},
+        {"set", "Image Size", "Small"},
+        {"shoot"},
+        {"files"},
+        {"download", "--all", "--dir", dir.string()},
+        {"preview", "--frames", "1"},
+        {"zoom"},
+        {"--all", "shoot", "--to-host", (dir / "host").string()},
+        {"--version"}};
+    for (auto args : commands) {
+        args.insert(args.begin(), "--json");
+        EXPECT_EQ(Cmd(args), kExitOk) << err;
+        EXPECT_EQ(err, "") << args[1];
+        EXPECT_TRUE(out.size() > 2 && (out.front() == '{' || out.front() == '[')) << out;
+        EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << out;
+    }
+    EXPECT_EQ(Cmd({"--help"}), kExitOk);
+    std::set<std::string> known;
+    for (int result = 0; result < 64; ++result) known.insert(OrqResultName(result));
+    for (int exit = 0; exit <= kExitRefused; ++exit) known.insert(ToolResultName(exit));
+    std::regex name("ORQ(CAM)?_[A-Z_]*[A-Z]");
+    int named = 0;
+    for (std::sregex_iterator it(out.begin(), out.end(), name), end; it != end; ++it, ++named)
+        EXPECT_EQ(known.count(it->str()), 1u) << it->str();
+    EXPECT_GE(named, 3);
 }
 
 }  // namespace

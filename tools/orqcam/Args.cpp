@@ -89,7 +89,7 @@ const std::vector<VerbSpec>& Verbs() {
         {"watch",
          "watch [SECONDS]",
          "print every event, one line each with a monotonic timestamp and the camera "
-         "(default 10 s)",
+         "(default 10 s); with --json one JSON object per line, written as the event happens",
          0,
          1,
          {}},
@@ -118,10 +118,11 @@ void PrintHelp(FILE* stream) {
         "Options:\n"
         "  --virtual MODEL   a virtual camera of that model instead of USB (any case);\n"
         "                    repeat it for several cameras\n"
-        "  --camera N        the camera numbered N by `list` (default 0)\n"
+        "  --camera N        the camera numbered N by `list` (default 0): virtual cameras\n"
+        "                    in the order --virtual names them, USB cameras by serial\n"
         "  --all             run the verb on every camera\n"
         "  --json            one JSON document on stdout, errors included\n"
-        "                    ({\"error\": ..., \"result\": \"ORQ_...\"}); other text on stderr\n"
+        "                    ({\"error\": ..., \"result\": ...}); stderr carries errors only\n"
         "  --quiet           no progress bar and no human text; errors still go to stderr\n"
         "  --timeout SECONDS how long to wait for the camera (default 10)\n"
         "  --help            this text; VERB --help for one verb\n"
@@ -130,7 +131,8 @@ void PrintHelp(FILE* stream) {
         "Properties are named by id or by name, in any case. A value is first matched against\n"
         "the property's value names (any case), where the property has value names; otherwise,\n"
         "or when no name matches, it must be a number, the SDK's value. Results are given by\n"
-        "name (ORQ_BUSY...).\n"
+        "name: the SDK's (ORQ_PROPERTY_CONSTRAINT, ORQ_DISCONNECTED...), or orqcam's own for\n"
+        "failures no SDK result stands for: ORQCAM_USAGE, ORQCAM_NO_CAMERA, ORQCAM_TIMEOUT.\n"
         "\n"
         "Exit codes:\n"
         "  0  success\n"
@@ -152,10 +154,8 @@ void PrintVerbHelp(const VerbSpec& verb, FILE* stream) {
 }
 
 bool Usage(const std::string& message) {
-    Warn("orqcam: %s (see orqcam --help)\n", message.c_str());
-    if (io.json) {
-        std::fprintf(io.out, "%s\n", Failure(kExitUsage, message).json.c_str());
-    }
+    Outcome failure = Failure(kExitUsage, message + " (see orqcam --help)");
+    if (io.json) std::fprintf(io.out, "%s\n", failure.json.c_str());
     return false;
 }
 
@@ -302,7 +302,7 @@ Parsed Finish(const Options& options, bool help) {
     }
     if (options.version) return Parsed::Run;
     if (options.verb.empty()) {
-        PrintHelp(io.err);
+        if (!io.json) PrintHelp(io.err);
         Usage("no verb given");
         return Parsed::Usage;
     }

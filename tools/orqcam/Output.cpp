@@ -41,13 +41,12 @@ std::string Lower(std::string text) {
 }
 
 void Say(const char* format, ...) {
-    if (io.quiet) return;
+    if (io.quiet || io.json) return;
     va_list args;
     va_start(args, format);
-    FILE* stream = io.json ? io.err : io.out;
-    std::vfprintf(stream, format, args);
+    std::vfprintf(io.out, format, args);
     va_end(args);
-    std::fflush(stream);
+    std::fflush(io.out);
 }
 
 void Warn(const char* format, ...) {
@@ -125,12 +124,26 @@ void PrintTable(const std::vector<std::string>& header,
     for (const auto& row : rows) print(row);
 }
 
+const char* ToolResultName(int exitCode) {
+    switch (exitCode) {
+        case kExitUsage:
+            return "ORQCAM_USAGE";
+        case kExitNoCamera:
+            return "ORQCAM_NO_CAMERA";
+        case kExitTimeout:
+            return "ORQCAM_TIMEOUT";
+        default:
+            return "ORQ_ERROR";
+    }
+}
+
 Outcome Failure(int exitCode, const std::string& message, int result) {
     Warn("orqcam: %s\n", message.c_str());
     Outcome outcome;
     outcome.exit = exitCode;
+    const char* name = result == kNoSdkResult ? ToolResultName(exitCode) : ResultName(result);
     outcome.json = JsonObject({{"error", JsonString(message)},
-                               {"result", JsonString(ResultName(result))},
+                               {"result", JsonString(name)},
                                {"exit", JsonNumber(exitCode)}});
     return outcome;
 }

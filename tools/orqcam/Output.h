@@ -21,8 +21,8 @@ enum Exit {
     kExitRefused = 6,
 };
 
-// Where output goes. Human text goes to `out`, or to `err` with --json, where `out` carries
-// the one JSON document of the command.
+// Where output goes. Human text goes to `out`; with --json `out` carries the one JSON document
+// of the command and `err` errors alone, so that a script can treat any text there as a failure.
 struct Io {
     FILE* out = stdout;
     FILE* err = stderr;
@@ -46,7 +46,7 @@ std::string Lower(std::string text);
 #define ORQCAM_PRINTF __attribute__((format(printf, 1, 2)))
 #endif
 
-// Human text: stdout normally, stderr under --json. Nothing under --quiet unless forced.
+// Human text on stdout; nothing under --json or --quiet.
 void Say(const char* format, ...) ORQCAM_PRINTF;
 // A warning or error line on stderr, always.
 void Warn(const char* format, ...) ORQCAM_PRINTF;
@@ -70,10 +70,16 @@ void PrintTable(const std::vector<std::string>& header,
 struct Outcome {
     int exit = kExitOk;
     std::string json = "{}";
+    bool streamed = false;  // its JSON went out line by line already (watch)
 };
 
+// A failure that no SDK result stands for; its document names orqcam's own result for the exit
+// code: ORQCAM_USAGE, ORQCAM_NO_CAMERA, ORQCAM_TIMEOUT (ORQ_ERROR for the rest).
+constexpr int kNoSdkResult = -1;
+const char* ToolResultName(int exitCode);
+
 // A failure: says it on stderr and makes the error document.
-Outcome Failure(int exitCode, const std::string& message, int result = ORQ_ERROR);
+Outcome Failure(int exitCode, const std::string& message, int result = kNoSdkResult);
 Outcome FailureOf(OrqResult result, const std::string& what);
 
 }  // namespace orqcam

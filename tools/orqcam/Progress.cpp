@@ -28,7 +28,7 @@ Progress::Progress(FILE* stream, std::string label, uint64_t totalBytes)
     : stream(stream),
       label(std::move(label)),
       total(totalBytes),
-      shown(!io.quiet && isatty(fileno(stream))),
+      shown(!io.quiet && !io.json && isatty(fileno(stream))),
       start(std::chrono::steady_clock::now()) {
     Draw(false);
 }

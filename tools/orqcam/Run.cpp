@@ -1,8 +1,10 @@
 #include "Run.h"
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <thread>
+#include <tuple>
 
 #include "Verbs.h"
 #ifdef ORQCAM_SERVE
@@ -29,6 +31,20 @@ std::string CameraJson(int index, const OrqCameraInfo& info) {
                        {"path", JsonString(Utf8(info.path))}});
 }
 
+// Scripts address cameras by number, so numbers must not follow the order the bus happened to
+// report them in: virtual cameras in the order --virtual named them (by their paths), then
+// every other camera by serial, then path.
+void Number(std::vector<OrqCameraInfo>& found, const std::vector<std::string>& virtualPaths) {
+    auto key = [&](const OrqCameraInfo& camera) {
+        std::string path = Utf8(camera.path);
+        auto named = std::find(virtualPaths.begin(), virtualPaths.end(), path);
+        return std::make_tuple(named - virtualPaths.begin(), Utf8(camera.serial), path);
+    };
+    std::stable_sort(
+        found.begin(), found.end(),
+        [&](const OrqCameraInfo& a, const OrqCameraInfo& b) { return key(a) < key(b); });
+}
+
 Outcome List(const std::vector<OrqCameraInfo>& cameras) {
     std::vector<std::vector<std::string>> rows;
     std::vector<std::string> json;
@@ -47,18 +63,22 @@ Outcome List(const std::vector<OrqCameraInfo>& cameras) {
 // Events of the manager (cameras arriving, going, failing to start) and of each camera.
 struct Watcher {
     std::mutex lock;
-    std::vector<std::string> events;
     bool failed = false;
 
     void Line(const std::string& camera, const std::string& kind, const std::string& text,
               const std::string& json) {
         std::lock_guard<std::mutex> guard(lock);
-        double seconds = MonotonicMs() / 1000.0;
-        Say("%10.3f  %-14s %-15s %s\n", seconds, camera.c_str(), kind.c_str(), text.c_str());
-        events.push_back(JsonObject({{"t", JsonNumber(MonotonicMs())},
-                                     {"camera", JsonString(camera)},
-                                     {"event", JsonString(kind)},
-                                     {"data", json}}));
+        long long ms = MonotonicMs();
+        Say("%10.3f  %-14s %-15s %s\n", ms / 1000.0, camera.c_str(), kind.c_str(), text.c_str());
+        // A script reads each event as it happens: one object per line, flushed at once.
+        if (io.json) {
+            std::string line = JsonObject({{"t", JsonNumber(ms)},
+                                           {"camera", JsonString(camera)},
+                                           {"event", JsonString(kind)},
+                                           {"data", json}});
+            std::fprintf(io.out, "%s\n", line.c_str());
+            std::fflush(io.out);
+        }
         if (kind == "camera-error") failed = true;
     }
 
@@ -99,7 +119,7 @@ Outcome Watch(const Options& options, OrqCameraManagerHandle manager,
     Outcome outcome;
     std::lock_guard<std::mutex> guard(watcher.lock);
     outcome.exit = watcher.failed ? kExitCameraError : kExitOk;
-    outcome.json = JsonObject({{"events", JsonArray(watcher.events)}});
+    outcome.streamed = true;
     // The manager's subscriptions go with termination, after which nothing calls back.
     return outcome;
 }
@@ -218,7 +238,8 @@ Outcome Version() {
     return outcome;
 }
 
-Outcome Started(const Options& options, bool simulated) {
+Outcome Started(const Options& options, bool simulated,
+                const std::vector<std::string>& virtualPaths) {
     OrqResult started = sdk.InitializeSDK();
     if (started == ORQ_SECOND_PROCESS) {
         return Failure(kExitSdk, "another program on this machine is using the SDK", started);
@@ -231,6 +252,7 @@ Outcome Started(const Options& options, bool simulated) {
     std::vector<OrqCameraInfo> found;
     if (listed == ORQ_OK && list) found.assign(list, list + count);
     sdk.Free(list);
+    Number(found, virtualPaths);
     Outcome outcome;
     std::vector<std::unique_ptr<Camera>> owned;
     if (listed != ORQ_OK) {
@@ -263,14 +285,18 @@ int Run(const std::vector<std::string>& arguments, bool simulated) {
     } else if (options.version) {
         outcome = Version();
     } else {
+        std::vector<std::string> paths;
         for (const std::string& model : options.models) {
             OrqSimCamera camera = sdk.SimAttachCamera(model.c_str());
-            if (camera) attached.push_back(camera);
+            if (!camera) continue;
+            attached.push_back(camera);
+            OrqChar path[512] = {};
+            if (sdk.SimGetCameraPath(camera, path, 512) == ORQ_OK) paths.push_back(Utf8(path));
         }
-        outcome = Started(options, simulated);
+        outcome = Started(options, simulated, paths);
         for (OrqSimCamera camera : attached) sdk.SimRemoveCamera(camera);
     }
-    if (io.json) {
+    if (io.json && !outcome.streamed) {
         std::fprintf(io.out, "%s\n", outcome.json.c_str());
         std::fflush(io.out);
     }

@@ -123,6 +123,7 @@ bool SdkLibrary::Load(bool simulated, std::string& error) {
         bind(SimRemoveAll, "OrqSimRemoveAll");
         bind(SimInjectFault, "OrqSimInjectFault");
         bind(SimSetZoom, "OrqSimSetZoom");
+        bind(SimGetCameraPath, "OrqSimGetCameraPath");
     }
     if (!complete) error = file + " lacks exports of this SDK version";
     return complete;

@@ -68,6 +68,7 @@ struct SdkLibrary {
     decltype(&OrqSimRemoveAll) SimRemoveAll = nullptr;
     decltype(&OrqSimInjectFault) SimInjectFault = nullptr;
     decltype(&OrqSimSetZoom) SimSetZoom = nullptr;
+    decltype(&OrqSimGetCameraPath) SimGetCameraPath = nullptr;
 
 private:
     void* handle = nullptr;

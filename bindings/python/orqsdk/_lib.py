@@ -70,6 +70,7 @@ _API = {
     "OrqCameraErrorSubscribe": (_p, [_p, IntCallback, _p]),
     "OrqUpdateAEAF": (_i, [_p]),
     "OrqShoot": (_i, [_p]),
+    "OrqShootSynchronized": (_i, [_pp, _i, _pi]),
     "OrqShootCompletedSubscribe": (_p, [_p, FileCallback, _p]),
     "OrqGetFileList": (_i, [_p, _pp, _pi]),
     "OrqDownloadFile": (_i, [_p, _i, _i]),
@@ -124,6 +125,7 @@ _SIM_API = {
     "OrqSimSetLatency": (_i, [ctypes.c_int32, ctypes.c_uint32, ctypes.c_uint32]),
     "OrqSimCountOperations": (ctypes.c_int32, [ctypes.c_int32, ctypes.c_uint16, ctypes.c_int32]),
     "OrqSimClearOperations": (_i, [ctypes.c_int32]),
+    "OrqSimGetShootTimes": (ctypes.c_int32, [ctypes.c_int32, ctypes.POINTER(ctypes.c_int64), ctypes.c_int32]),
 }
 
 

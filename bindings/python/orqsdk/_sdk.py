@@ -3,15 +3,16 @@
 from __future__ import annotations
 
 import atexit
+import contextlib
 import ctypes
 import logging
 import threading
 import time
 import weakref
 from dataclasses import dataclass
-from typing import TYPE_CHECKING, Callable, List, Optional, Set
+from typing import TYPE_CHECKING, Callable, List, Optional, Sequence, Set
 
-from ._errors import ClosedError, Result, check, error_for
+from ._errors import ClosedError, OrqError, Result, check, error_for
 from ._events import Subscription, in_callback
 from ._lib import CameraInfoRecord, FileInfoRecord, Library, field_text, load_sdk
 
@@ -205,6 +206,30 @@ class SDK:
                 break
             time.sleep(0.02)
         raise error_for(Result.DEVICE_NOT_READY, f"no camera{' ' + model if model else ''} attached")
+
+    def shoot_synchronized(self, sessions: Sequence["Session"]) -> List[Optional[OrqError]]:
+        """Takes a picture with each camera at the same moment (OrqShootSynchronized); blocks
+        until every camera's Shoot command is answered, at most about 40 s.
+
+        Returns one entry per session: None where the shot went out, else the error saying why
+        not. Each shot ends as :meth:`Session.shoot`'s does, with the ``shoot_completed`` event:
+        subscribe before calling to get the files. Not from an SDK callback."""
+        if in_callback():
+            raise RuntimeError("a synchronised shot inside an SDK callback would wait for itself")
+        if not sessions:
+            return []
+        results = (ctypes.c_int * len(sessions))()
+        with contextlib.ExitStack() as stack:
+            handles = (ctypes.c_void_p * len(sessions))(
+                *[stack.enter_context(session._call()) for session in sessions]
+            )
+            outcome = self._lib.OrqShootSynchronized(handles, len(sessions), results)
+        if outcome != Result.OK and all(result == Result.OK for result in results):
+            check(outcome, "OrqShootSynchronized")  # refused as a whole: bad arguments
+        return [
+            None if result == Result.OK else error_for(result, f"OrqShootSynchronized {session.camera.model}")
+            for session, result in zip(sessions, results)
+        ]
 
     def _open_session(self, camera: Camera) -> "Session":
         from ._session import Session

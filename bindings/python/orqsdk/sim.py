@@ -15,7 +15,7 @@ folder), then on the system's search path. :class:`SDK` is :class:`orqsdk.SDK` o
 from __future__ import annotations
 
 import ctypes
-from typing import Optional
+from typing import List, Optional
 
 from ._errors import OrqError, Result, check
 from ._lib import Library, OrqChar, field_text, load_sim, make_text
@@ -149,6 +149,17 @@ class VirtualCamera:
 
     def clear_operations(self) -> None:
         self._check("OrqSimClearOperations")
+
+    def shoot_times(self) -> List[int]:
+        """When the camera received each Shoot command since attach or :meth:`clear_operations`,
+        oldest first (the latest 4096), in nanoseconds of one monotonic clock that every virtual
+        camera of the process shares: the spread of a synchronised shot, seen from the cameras."""
+        held = int(self._lib.OrqSimGetShootTimes(self.id, None, 0))
+        if held < 0:
+            raise OrqError(Result.ERROR, "OrqSimGetShootTimes: unknown camera")
+        times = (ctypes.c_int64 * max(held, 1))()
+        got = int(self._lib.OrqSimGetShootTimes(self.id, times, held))
+        return list(times[: min(got, held)])
 
     def __repr__(self) -> str:
         return f"<VirtualCamera {self.model} #{self.id}>"
