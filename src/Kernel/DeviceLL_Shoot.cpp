@@ -92,6 +92,11 @@ std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCom
             std::shared_ptr<void> claim;
             OrqResult status = (this->*begin)(claim, ticket.get());
             if (ticket) ticket->Report(status);
+            if (status == ORQ_TOO_LATE) {
+                // Prepared after the agreed moment: no shot, and nothing wrong with the camera.
+                SetPreviewSuspended(false);
+                return;
+            }
             if (status != ORQ_OK) {
                 *result = status;
                 return;
@@ -142,7 +147,7 @@ OrqResult DeviceLL::ShootBegin(std::shared_ptr<void>& claim, ShotTicket* ticket)
         return result;
     }
     ORQ_LOG(DEB, "Shoot transaction");
-    if (ticket) ticket->Arrive();
+    if (ticket && !ticket->Arrive()) return ORQ_TOO_LATE;
     if (PTPShoot() != ORQ_OK) return ORQ_ERROR;
     return ORQ_OK;
 }
@@ -212,7 +217,7 @@ OrqResult DeviceLL::DirectShootBegin(std::shared_ptr<void>& claim, ShotTicket* t
     }
     PTPMemoryStatistics("pre shoot transaction");
     ORQ_LOG(DEB, "Shoot transaction (remote version)");
-    if (ticket) ticket->Arrive();
+    if (ticket && !ticket->Arrive()) return ORQ_TOO_LATE;
     if (PTPRemoteCaptureStart() != ORQ_OK) return ORQ_ERROR;
     PTPMemoryStatistics("after shoot transaction");
     return ORQ_OK;
