@@ -65,6 +65,25 @@ const std::vector<VerbSpec>& Verbs() {
          0,
          0,
          {"--listen", "--token"}},
+        {"node",
+         "node --broker URL --rig NAME [--node NAME] [--store DIR] [--listen ADDRESS:PORT]",
+         "serve every camera to a rig over an MQTT broker (docs/rig.md): fire at agreed times, "
+         "keep each shot's pictures in DIR (default ./orqcam-rig) and serve them with a token. "
+         "URL: mqtt://[user[:password]@]host[:port] or mqtts://... with --cafile FILE; the "
+         "password also from --password-file FILE or ORQ_RIG_PASSWORD. Runs until interrupted",
+         0,
+         0,
+         {"--broker", "--rig", "--node", "--store", "--listen", "--cafile", "--password-file"}},
+        {"rig",
+         "rig --broker URL --rig NAME list|watch [S]|shoot [CAMERA..] [--id ID] [--lead MS]"
+         "|set NAME VALUE|zoom N|max|collect SHOT --dir D",
+         "drive a rig of nodes (docs/rig.md): list its nodes and cameras, print its messages "
+         "for S seconds, fire every camera (or those named NODE or NODE/CAMERA) MS after now "
+         "(default 1000), set a setting or the zoom everywhere, or fetch a shot's pictures from "
+         "every node into D/SHOT with a manifest",
+         1,
+         66,
+         {"--broker", "--rig", "--cafile", "--password-file", "--id", "--lead", "--dir"}},
         {"preview",
          "preview [--frames N] [--out DIR]",
          "take N live-view frames (default 10); --out writes them as BMP files, otherwise the "
@@ -140,6 +159,7 @@ void PrintHelp(FILE* stream) {
         "  4  the camera or the SDK failed\n"
         "  5  timeout: the camera did not finish in time\n"
         "  6  the camera refused the value (not on offer, read-only)\n"
+        "  7  node, rig: the broker refused us (user, password) or cannot be reached\n"
         "\n"
         "On Linux a camera needs the udev rule installed with the SDK\n"
         "(/usr/lib/udev/rules.d/70-orqsdk.rules) to be opened by a normal user.\n",
@@ -210,6 +230,21 @@ Taken VerbFlag(const std::vector<std::string>& arguments, size_t& i, Options& op
     if (arg == "--out") return TakeValue(arguments, i, options.out) ? Taken::Yes : Taken::Bad;
     if (arg == "--listen") return TakeValue(arguments, i, options.listen) ? Taken::Yes : Taken::Bad;
     if (arg == "--token") return TakeValue(arguments, i, options.token) ? Taken::Yes : Taken::Bad;
+    const std::pair<const char*, std::string*> texts[] = {
+        {"--broker", &options.broker}, {"--rig", &options.rig},
+        {"--node", &options.node},     {"--store", &options.store},
+        {"--cafile", &options.cafile}, {"--password-file", &options.passwordFile},
+        {"--id", &options.shotId}};
+    for (const auto& [flag, target] : texts)
+        if (arg == flag) return TakeValue(arguments, i, *target) ? Taken::Yes : Taken::Bad;
+    if (arg == "--lead") {
+        if (!TakeValue(arguments, i, value)) return Taken::Bad;
+        if (!ParseInteger(value, options.leadMs) || options.leadMs < 0 || options.leadMs > 60000) {
+            Usage("--lead takes milliseconds from 0 to 60000, not '" + value + "'");
+            return Taken::Bad;
+        }
+        return Taken::Yes;
+    }
     if (arg == "--delete") {
         options.deleteAfter = true;
     } else if (arg == "--all") {
@@ -313,6 +348,11 @@ Parsed Finish(const Options& options, bool help) {
     }
     if (options.all && options.cameraGiven) {
         Usage("--all and --camera exclude each other");
+        return Parsed::Usage;
+    }
+    if ((options.verb == "node" || options.verb == "rig") &&
+        (options.broker.empty() || options.rig.empty())) {
+        Usage(options.verb + " needs --broker URL and --rig NAME");
         return Parsed::Usage;
     }
     if (options.verb == "download" && options.allFiles == !options.args.empty()) {

@@ -8,6 +8,9 @@
 #ifdef ORQCAM_SERVE
 #include "Serve.h"
 #endif
+#ifdef ORQCAM_RIG
+#include "Rig.h"
+#endif
 
 namespace orqcam {
 
@@ -143,7 +146,8 @@ std::optional<Outcome> OpenChosen(const Options& options, OrqCameraManagerHandle
                                   std::vector<std::unique_ptr<Camera>>& owned,
                                   std::vector<Camera*>& cameras) {
     for (size_t i = 0; i < found.size(); ++i) {
-        if (!options.all && options.verb != "serve" && static_cast<int>(i) != options.camera)
+        if (!options.all && options.verb != "serve" && options.verb != "node" &&
+            static_cast<int>(i) != options.camera)
             continue;
         owned.push_back(std::make_unique<Camera>(static_cast<int>(i), found[i]));
         OrqResult opened = owned.back()->Open(manager);
@@ -181,6 +185,13 @@ Outcome Dispatch(const Options& options, OrqCameraManagerHandle manager,
         return Serve(options, cameras);
 #else
         return Failure(kExitUsage, "this orqcam was built without the server");
+#endif
+    }
+    if (options.verb == "node") {
+#ifdef ORQCAM_RIG
+        return RigNode(options, cameras);
+#else
+        return Failure(kExitUsage, "this orqcam was built without rigs (libmosquitto)");
 #endif
     }
     if (options.verb == "watch") return Watch(options, manager, cameras);
@@ -258,7 +269,13 @@ int Run(const std::vector<std::string>& arguments, bool simulated) {
     Outcome outcome;
     std::string error;
     std::vector<OrqSimCamera> attached;
-    if (!sdk.Load(simulated, error)) {
+    if (options.verb == "rig") {
+#ifdef ORQCAM_RIG
+        outcome = RigControl(options);
+#else
+        outcome = Failure(kExitUsage, "this orqcam was built without rigs (libmosquitto)");
+#endif
+    } else if (!sdk.Load(simulated, error)) {
         outcome = Failure(kExitSdk, error);
     } else if (options.version) {
         outcome = Version();

@@ -112,6 +112,8 @@ bool SdkLibrary::Load(bool simulated, std::string& error) {
     bind(NewPreviewFrameSubscribe, "OrqNewPreviewFrameSubscribe");
     ShootSynchronized =
         reinterpret_cast<decltype(ShootSynchronized)>(Symbol("OrqShootSynchronized"));
+    ShootSynchronizedAt =
+        reinterpret_cast<decltype(ShootSynchronizedAt)>(Symbol("OrqShootSynchronizedAt"));
     if (simulated) {
         bind(SimAttachCamera, "OrqSimAttachCamera");
         bind(SimDetachCamera, "OrqSimDetachCamera");

@@ -57,6 +57,7 @@ struct SdkLibrary {
     decltype(&OrqNewPreviewFrameSubscribe) NewPreviewFrameSubscribe = nullptr;
     // Optional: null in SDK versions without it.
     decltype(&OrqShootSynchronized) ShootSynchronized = nullptr;
+    decltype(&OrqShootSynchronizedAt) ShootSynchronizedAt = nullptr;
     // Simulator build only.
     decltype(&OrqSimAttachCamera) SimAttachCamera = nullptr;
     decltype(&OrqSimDetachCamera) SimDetachCamera = nullptr;

@@ -45,8 +45,9 @@ inline int StatusFor(OrqResult result) {
 }
 class Server {
 public:
-    Server(const Options& options, const std::vector<Camera*>& cameras)
-        : options(options), hub(cameras) {}
+    Server(const Options& options, const std::vector<Camera*>& cameras,
+           const ServeExtension* extension)
+        : options(options), extension(extension), hub(cameras) {}
 
     Outcome Run();
 
@@ -83,6 +84,7 @@ private:
     void Events(const Request& request, Response& response);
 
     const Options& options;
+    const ServeExtension* extension;
     Hub hub;
     httplib::Server http;
     std::string token;
