@@ -214,21 +214,26 @@ def check_shot(broker, nodes, shot, number, shots_dir, expect_complete=True):
     cameras = manifest["cameras"]
     check(len(cameras) == len(nodes) * CAMERAS,
           "%s manifest lists %d cameras, not %d" % (shot, len(cameras), len(nodes) * CAMERAS))
+    problems = []
     for entry in cameras:
         files = entry["files"]
-        where = "%s %s/%s" % (shot, entry["node"], entry["camera"])
-        if not check(len(files) == 1, where + " has one file: " + entry.get("reason", "")):
+        where = "%s/%s" % (entry["node"], entry["camera"])
+        if len(files) != 1:
+            problems.append(where + " has no file: " + entry.get("reason", ""))
             continue
-        check(entry["release"]["status"] == "fired" and entry["model"] in MODELS and
-              entry["settings"].get("Image Size"), where + " release, model and settings")
-        check(files[0]["name"] == "IMG_%04d.JPG" % number,
-              where + " fired once: %s, not IMG_%04d.JPG" % (files[0]["name"], number))
+        if not (entry["release"]["status"] == "fired" and entry["model"] in MODELS and
+                entry["settings"].get("Image Size")):
+            problems.append(where + " lacks its release, model or settings")
+        if files[0]["name"] != "IMG_%04d.JPG" % number:
+            problems.append(where + " did not fire once: %s" % files[0]["name"])
         local = os.path.join(shots_dir, shot, files[0]["path"])
         kept = os.path.join(work, "store-" + entry["node"], shot, files[0]["path"])
         with open(local, "rb") as a, open(kept, "rb") as b:
-            check(a.read() == b.read(), where + " collected byte for byte")
-        check(sha256(local) == files[0]["sha256"] and os.path.getsize(local) == files[0]["size"],
-              where + " size and SHA-256 as the manifest says")
+            if a.read() != b.read():
+                problems.append(where + " differs from the node's copy")
+        if sha256(local) != files[0]["sha256"] or os.path.getsize(local) != files[0]["size"]:
+            problems.append(where + " does not match the manifest's size and SHA-256")
+    check(not problems, "%s: %d cameras wrong, e.g. %s" % (shot, len(problems), problems[:2]))
     return collected
 
 

@@ -94,6 +94,7 @@ private:
     static void Connected(mosquitto*, void* self, int code);
     static void Received(mosquitto*, void* self, const struct mosquitto_message* message);
     static void Published(mosquitto*, void* self, int mid);
+    static void Dropped(mosquitto*, void* self, int code);
 
     mosquitto* handle = nullptr;
     bool looping = false;
@@ -102,7 +103,8 @@ private:
     std::string echoTopic;
     std::mutex lock;
     std::condition_variable changed;
-    int answer = -1;  // the broker's CONNACK code; -1 before one
+    int answer = -1;       // the broker's CONNACK code; -1 before one
+    bool dropped = false;  // the connection closed before any answer
     bool echoed = false;
     std::vector<int> acknowledged;
 };

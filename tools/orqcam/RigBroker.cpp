@@ -235,6 +235,15 @@ void Broker::Received(mosquitto*, void* self, const mosquitto_message* message) 
     if (broker->onMessage) broker->onMessage(topic, payload);
 }
 
+void Broker::Dropped(mosquitto*, void* self, int) {
+    auto* broker = static_cast<Broker*>(self);
+    {
+        std::lock_guard<std::mutex> guard(broker->lock);
+        if (broker->answer < 0) broker->dropped = true;
+    }
+    broker->changed.notify_all();
+}
+
 void Broker::Published(mosquitto*, void* self, int mid) {
     auto* broker = static_cast<Broker*>(self);
     {
@@ -259,6 +268,7 @@ Outcome Broker::Connect(const Options& options, const std::string& clientId,
     mosquitto_connect_callback_set(handle, &Broker::Connected);
     mosquitto_message_callback_set(handle, &Broker::Received);
     mosquitto_publish_callback_set(handle, &Broker::Published);
+    mosquitto_disconnect_callback_set(handle, &Broker::Dropped);
     mosquitto_reconnect_delay_set(handle, 1, 2, false);
     if (!address.user.empty() &&
         mosquitto_username_pw_set(handle, address.user.c_str(),
@@ -290,9 +300,15 @@ Outcome Broker::Connect(const Options& options, const std::string& clientId,
     looping = true;
     std::unique_lock<std::mutex> guard(lock);
     bool answered = changed.wait_for(guard, std::chrono::milliseconds(timeoutMs),
-                                     [this] { return answer >= 0; });
+                                     [this] { return answer >= 0 || dropped; });
     int code = answer;
+    bool closed = dropped;
     guard.unlock();
+    if (closed && code < 0) {
+        Disconnect();
+        return Failure(kExitBroker, "the broker at " + where + " closed the connection unanswered" +
+                                        (address.tls ? " (TLS refused?)" : " (does it want TLS?)"));
+    }
     if (!answered) {
         Disconnect();
         return Failure(kExitBroker, "the broker at " + where + " did not answer within " +

@@ -101,6 +101,7 @@ private:
     const Options& options;
     const std::vector<Camera*>& cameras;
     std::string node, store;
+    long long started = 0;
     std::vector<Member> members;
     Broker broker;
 
@@ -132,14 +133,10 @@ Json Node::NodeState() {
     std::lock_guard<std::mutex> guard(lock);
     OrqChar* version = nullptr;
     sdk.GetSDKVersion(&version);
-    return {{"v", kVersion},
-            {"node", node},
-            {"online", true},
-            {"version", Utf8(version)},
-            {"started", NumberOf(clock, "started")},
-            {"files", {{"url", url}, {"token", token}}},
-            {"clock", clock},
-            {"cameras", members.size()}};
+    return {{"v", kVersion},      {"node", node},
+            {"online", true},     {"version", Utf8(version)},
+            {"started", started}, {"files", {{"url", url}, {"token", token}}},
+            {"clock", clock},     {"cameras", members.size()}};
 }
 
 Json Node::Settings(const Member& member) {
@@ -275,9 +272,7 @@ void Node::Work() {
             std::lock_guard<std::mutex> guard(lock);
             if (clock.value("synchronised", false) != now["synchronised"].get<bool>() ||
                 !clock.contains("estErrorUs")) {
-                long long started = NumberOf(clock, "started");
                 clock = now;
-                clock["started"] = started;
                 state = true;
             }
         }
@@ -632,7 +627,7 @@ Outcome Node::Run() {
         members.push_back(member);
     }
     clock = ClockState();
-    clock["started"] = UtcMicros();
+    started = UtcMicros();
 
     broker.OnMessage([this](const std::string& topic, const std::string& payload) {
         OnMessage(topic, payload);
