@@ -23,15 +23,21 @@ import time
 
 import paho.mqtt.client as mqtt
 
-ORQCAM = os.path.abspath(sys.argv[1])
+ORQCAM = os.path.abspath(sys.argv[1]) if len(sys.argv) > 1 else "orqcam"
 RIG = "ci"
 NODES = 4
 CAMERAS = 16
 SHOTS = 20
 MODELS = ["SX160", "A810", "G15", "SX40"]
 PASSWORD = "rig-secret"
-work = tempfile.mkdtemp(prefix="orq-rig-", dir="/var/tmp")  # not /tmp: each node has its own
-os.chmod(work, 0o755)  # the broker runs as its own user
+work = None  # the run's folder, under /var/tmp: each node has its own /tmp
+
+
+def make_work():
+    global work
+    work = tempfile.mkdtemp(prefix="orq-rig-", dir="/var/tmp")
+    os.chmod(work, 0o755)  # the broker runs as its own user
+    return work
 failures = []
 children = []  # every broker and node started, stopped by their ids at the end
 
@@ -139,8 +145,9 @@ def password_file():
 
 
 class Node:
-    def __init__(self, broker, name, cameras, extra=()):
+    def __init__(self, broker, name, cameras, extra=(), latency=None):
         self.broker, self.name, self.cameras, self.extra = broker, name, cameras, list(extra)
+        self.latency = latency
         self.store = os.path.join(work, "store-" + name)
         self.log = os.path.join(work, "node-%s.log" % name)
         self.process = None
@@ -149,6 +156,8 @@ class Node:
         models = []
         for i in range(self.cameras):
             models += ["--virtual", MODELS[i % len(MODELS)]]
+        if self.latency:
+            models += ["--virtual-latency", self.latency]
         command = [ORQCAM] + models + ["node", "--broker", self.broker.url(), "--rig", RIG,
                                        "--node", self.name, "--store", self.store,
                                        "--password-file", password_file()] + self.extra
@@ -277,6 +286,7 @@ class Listener:
 
 
 def main():
+    make_work()
     started = time.monotonic()
     broker = Broker("broker")
     names = ["pc%d" % i for i in range(NODES)]
@@ -461,7 +471,7 @@ if __name__ == "__main__":
             if child.poll() is None:
                 child.kill()
                 child.wait(10)
-    if result == 0:
+    if result == 0 and work:
         shutil.rmtree(work, ignore_errors=True)
     else:
         print("kept for a look:", work)

@@ -138,6 +138,8 @@ void PrintHelp(FILE* stream) {
         "  --virtual MODEL   a virtual camera of that model instead of USB (any case);\n"
         "                    repeat it for several cameras\n"
         "  --camera N        the camera numbered N by `list` (default 0)\n"
+        "  --virtual-latency US:NS  the virtual cameras' latency per transfer (microseconds)\n"
+        "                    and per byte (nanoseconds), as a USB link has (e.g. 125:28)\n"
         "  --all             run the verb on every camera\n"
         "  --json            one JSON document on stdout, errors included\n"
         "                    ({\"error\": ..., \"result\": \"ORQ_...\"}); other text on stderr\n"
@@ -291,6 +293,17 @@ Taken CommonOption(const std::vector<std::string>& arguments, size_t& i, Options
             return Taken::Bad;
         }
         options.timeoutMs = seconds * 1000;
+    } else if (arg == "--virtual-latency") {
+        if (!TakeValue(arguments, i, value)) return Taken::Bad;
+        size_t colon = value.find(':');
+        if (colon == std::string::npos ||
+            !ParseInteger(value.substr(0, colon), options.latencyUs) ||
+            !ParseInteger(value.substr(colon + 1), options.latencyNsPerByte) ||
+            options.latencyUs < 0 || options.latencyUs > 1000000 || options.latencyNsPerByte < 0 ||
+            options.latencyNsPerByte > 1000000) {
+            Usage("--virtual-latency takes US:NS (per transfer, per byte), not '" + value + "'");
+            return Taken::Bad;
+        }
     } else if (arg == "--all") {
         options.all = true;
     } else if (arg == "--json" || arg == "--quiet" || arg == "-q") {

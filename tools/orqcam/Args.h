@@ -14,6 +14,8 @@ struct Options {
     bool json = false;
     bool quiet = false;
     int timeoutMs = 10000;
+    // --virtual-latency US:NS, of every transfer and every byte of the virtual cameras
+    int latencyUs = 0, latencyNsPerByte = 0;
     std::string verb;
     std::vector<std::string> args;
     // Options of single verbs.

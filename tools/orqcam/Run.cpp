@@ -282,7 +282,11 @@ int Run(const std::vector<std::string>& arguments, bool simulated) {
     } else {
         for (const std::string& model : options.models) {
             OrqSimCamera camera = sdk.SimAttachCamera(model.c_str());
-            if (camera) attached.push_back(camera);
+            if (!camera) continue;
+            attached.push_back(camera);
+            if (options.latencyUs || options.latencyNsPerByte)
+                sdk.SimSetLatency(camera, static_cast<uint32_t>(options.latencyUs),
+                                  static_cast<uint32_t>(options.latencyNsPerByte));
         }
         outcome = Started(options, simulated);
         for (OrqSimCamera camera : attached) sdk.SimRemoveCamera(camera);

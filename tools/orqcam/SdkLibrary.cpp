@@ -124,6 +124,7 @@ bool SdkLibrary::Load(bool simulated, std::string& error) {
         bind(SimAddFile, "OrqSimAddFile");
         bind(SimRemoveAll, "OrqSimRemoveAll");
         bind(SimInjectFault, "OrqSimInjectFault");
+        bind(SimSetLatency, "OrqSimSetLatency");
     }
     if (!complete) error = file + " lacks exports of this SDK version";
     return complete;

@@ -68,6 +68,7 @@ struct SdkLibrary {
     decltype(&OrqSimAddFile) SimAddFile = nullptr;
     decltype(&OrqSimRemoveAll) SimRemoveAll = nullptr;
     decltype(&OrqSimInjectFault) SimInjectFault = nullptr;
+    decltype(&OrqSimSetLatency) SimSetLatency = nullptr;
 
 private:
     void* handle = nullptr;
