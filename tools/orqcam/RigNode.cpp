@@ -93,7 +93,10 @@ private:
     // The chosen cameras' indices; false when the command names none of this node's.
     bool Choose(const Json& command, std::vector<size_t>& chosen);
     void Fire(const Json& command, const std::vector<size_t>& chosen);
-    void Keep(const std::string& id, Json& entry, size_t index, int shotsBefore);
+    // save writes the shot's record; it runs before the shot event, so that whoever acts on
+    // the event finds the file in the record.
+    void Keep(const std::string& id, Json& entry, size_t index, int shotsBefore,
+              const std::function<void()>& save);
     void Adjust(const std::string& kind, const Json& command, const std::vector<size_t>& chosen);
     void LoadKnown();
     void Routes(httplib::Server& http);
@@ -394,7 +397,8 @@ void Node::Fire(const Json& command, const std::vector<size_t>& chosen) {
         Json& entry = report["cameras"][asked[k]];
         size_t index = chosen[asked[k]];
         if (entry["status"] == "fired") {
-            Keep(id, entry, index, shotsBefore[index]);
+            Keep(id, entry, index, shotsBefore[index],
+                 [&] { WriteAtomically(recordPath, report.dump()); });
         } else {
             entry["files"] = Json::array();
             entry["reason"] =
@@ -412,13 +416,15 @@ void Node::Fire(const Json& command, const std::vector<size_t>& chosen) {
     known[id] = report;
 }
 
-void Node::Keep(const std::string& id, Json& entry, size_t index, int shotsBefore) {
+void Node::Keep(const std::string& id, Json& entry, size_t index, int shotsBefore,
+                const std::function<void()>& save) {
     const Member& member = members[index];
     Camera& camera = *member.camera;
     const std::string event = Topic("event/" + node + "/" + member.key + "/shot");
     auto fail = [&](const std::string& reason) {
         entry["files"] = Json::array();
         entry["reason"] = reason;
+        save();
         broker.Publish(event,
                        Json{{"v", kVersion},
                             {"node", node},
@@ -468,6 +474,7 @@ void Node::Keep(const std::string& id, Json& entry, size_t index, int shotsBefor
                                    {"size", size},
                                    {"sha256", sha},
                                    {"fileId", file.id}}});
+    save();
     broker.Publish(event,
                    Json{{"v", kVersion},
                         {"node", node},
