@@ -6,6 +6,7 @@ paho-mqtt and orqcam ($ORQCAM); skipped without them. Nothing waits a fixed time
 import hashlib
 import json
 import os
+import re
 import shutil
 import signal
 import socket
@@ -13,6 +14,7 @@ import subprocess
 import tempfile
 import threading
 import time
+import urllib.request
 from pathlib import Path
 
 import pytest
@@ -226,6 +228,49 @@ def test_broker_refusals(setup):
         rig.connect("mqtt://127.0.0.1:%d" % setup.port, "py", password="x")
     with pytest.raises(rig.BrokerError, match="cannot reach|unanswered|did not answer"):
         rig.connect(setup.url.replace("mqtt:", "mqtts:"), "py", timeout=5)
+
+
+def test_serve_rig_view(setup, controller):
+    """orqcam serve --broker: the page's API shows the rig and fires it; no camera of its own."""
+    log = setup.folder / "serve.log"
+    command = [ORQCAM, "serve", "--listen", "127.0.0.1:0", "--broker", setup.url, "--rig", "py",
+               "--password-file", str(setup.password_file)]
+    server = subprocess.Popen(
+        ["unshare", "-m", "--propagation", "private", "--", "sh", "-c",
+         "mount -t tmpfs tmpfs /tmp && exec " + " ".join("'%s'" % c for c in command)],
+        stdout=open(log, "w"), stderr=subprocess.STDOUT)
+    try:
+        base = until(lambda: re.search(r"on (http://\S+/)", log.read_text()), 20,
+                     "orqcam serve listening").group(1)
+
+        direct = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+
+        def call(path, body=None):
+            request = urllib.request.Request(base + path.lstrip("/"), method="POST" if body else "GET",
+                                             data=json.dumps(body).encode() if body else None,
+                                             headers={"Content-Type": "application/json"})
+            with direct.open(request, timeout=10) as answer:
+                return answer.status, json.loads(answer.read())
+
+        status, view = call("/api/rig")
+        assert status == 200 and view["rig"] == "py" and view["last"] is None
+        assert sorted(n["node"] for n in view["nodes"] if n["online"]) == sorted(NODES)
+        assert len(view["cameras"]) == 4
+        status, fired = call("/api/rig/fire", {"leadMs": 600})
+        assert status == 202
+        last = until(lambda: (lambda v: v["last"] if v["last"]["id"] == fired["id"] and
+                              not v["last"]["pending"] else None)(call("/api/rig")[1]),
+                     30, "the fired shot's pictures kept")
+        assert last["complete"] and len(last["cameras"]) == 4
+        assert all(c["status"] == "fired" and c["file"] for c in last["cameras"])
+        # Each camera fired once, and the pictures are the ones the nodes hand out.
+        assert len({c["file"]["name"] for c in last["cameras"]}) == 1
+        manifest = controller.collect(fired["id"], setup.folder / "served").manifest
+        assert sorted(f["sha256"] for c in manifest["cameras"] for f in c["files"]) == \
+            sorted(c["file"]["sha256"] for c in last["cameras"])
+    finally:
+        server.send_signal(signal.SIGTERM)
+        assert server.wait(20) == 0
 
 
 def test_node_lost_during_a_shot(setup, controller, tmp_path):

@@ -57,14 +57,15 @@ const std::vector<VerbSpec>& Verbs() {
          {"--all", "--dir", "--delete"}},
         {"delete", "delete ID", "remove a file from the card", 1, 1, {}},
         {"serve",
-         "serve [--listen ADDRESS:PORT] [--token TEXT]",
+         "serve [--listen ADDRESS:PORT] [--token TEXT] [--broker URL --rig NAME]",
          "every camera's live view and controls as a web page and a JSON API "
          "(docs/serve-api.md), on 127.0.0.1:8080 by default; beyond this machine every "
-         "request needs the token (a random one is printed when none is given). Runs until "
+         "request needs the token (a random one is printed when none is given). With --broker "
+         "and --rig the page also shows that rig (docs/rig.md) and fires it. Runs until "
          "interrupted",
          0,
          0,
-         {"--listen", "--token"}},
+         {"--listen", "--token", "--broker", "--rig", "--cafile", "--password-file"}},
         {"node",
          "node --broker URL --rig NAME [--node NAME] [--store DIR] [--listen ADDRESS:PORT]",
          "serve every camera to a rig over an MQTT broker (docs/rig.md): fire at agreed times, "
@@ -363,7 +364,8 @@ Parsed Finish(const Options& options, bool help) {
         Usage("--all and --camera exclude each other");
         return Parsed::Usage;
     }
-    if ((options.verb == "node" || options.verb == "rig") &&
+    if ((options.verb == "node" || options.verb == "rig" ||
+         (options.verb == "serve" && !(options.broker.empty() && options.rig.empty()))) &&
         (options.broker.empty() || options.rig.empty())) {
         Usage(options.verb + " needs --broker URL and --rig NAME");
         return Parsed::Usage;

@@ -123,6 +123,8 @@ CameraVerb VerbFor(const std::string& verb) {
 
 // Why no verb can run on the cameras found, if none can.
 std::optional<Outcome> Unreachable(const Options& options, size_t found, bool simulated) {
+    // A page that drives a rig needs no camera of its own.
+    if (found == 0 && options.verb == "serve" && !options.broker.empty()) return std::nullopt;
     if (found == 0) {
         std::string hint = simulated ? ""
                                      : std::string("; ") + kPermissionHint +

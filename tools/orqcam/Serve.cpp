@@ -481,6 +481,7 @@ void Server::Routes() {
     http.Get(R"(/api/cameras/(\d+)/live)", bind(&Server::Live));
     http.Get("/api/events", bind(&Server::Events));
     if (extension && extension->routes) extension->routes(http);
+    if (rig) rig->Routes(http);
     http.set_error_handler([](const Request&, Response& response) {
         if (response.body.empty())
             Error(response, response.status,
@@ -505,6 +506,15 @@ Outcome Server::Run() {
     if (token.empty() && !IsLoopback(host)) {
         token = RandomToken();
         Say("listening beyond this machine: every request needs the token %s\n", token.c_str());
+    }
+    if (!extension && !options.broker.empty()) {
+#ifdef ORQCAM_RIG
+        Outcome failed;
+        rig = FollowRig(options, failed);
+        if (!rig) return failed;
+#else
+        return Failure(kExitUsage, "this orqcam is built without rigs (needs libmosquitto)");
+#endif
     }
     const char* base = std::getenv("TMPDIR");
     std::string folder = std::string(base && *base ? base : "/tmp") + "/orqcam-serve-XXXXXX";

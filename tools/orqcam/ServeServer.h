@@ -11,6 +11,7 @@
 #include "Serve.h"
 #include "ServeHub.h"
 #include "ServeJson.h"
+#include "ServeRig.h"
 
 namespace orqcam {
 namespace serve {
@@ -85,6 +86,7 @@ private:
 
     const Options& options;
     const ServeExtension* extension;
+    std::unique_ptr<RigView> rig;  // with --broker: outlives the server's handlers
     Hub hub;
     httplib::Server http;
     std::string token;
