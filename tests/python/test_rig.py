@@ -77,16 +77,9 @@ class Setup:
             ["unshare", "-m", "--propagation", "private", "--", "sh", "-c", inner],
             stdout=log, stderr=log)
 
-    def connect(self, **options):
-        return until(lambda: self._try(options), 10, "the broker up")
-
-    def _try(self, options):
-        try:
-            return rig.connect(self.url, "py", password_file=str(self.password_file), **options)
-        except rig.BrokerError as error:
-            if "cannot reach" not in str(error):
-                raise
-            return None
+    def connect(self):
+        return until(lambda: reached(self.url, password_file=str(self.password_file)), 10,
+                     "the broker up")
 
     def stop(self):
         for process in list(self.nodes.values()) + [self.broker]:
@@ -228,6 +221,48 @@ def test_broker_refusals(setup):
         rig.connect("mqtt://127.0.0.1:%d" % setup.port, "py", password="x")
     with pytest.raises(rig.BrokerError, match="cannot reach|unanswered|did not answer"):
         rig.connect(setup.url.replace("mqtt:", "mqtts:"), "py", timeout=5)
+
+
+def test_tls(setup):
+    """mqtts:// with the CA that signed the broker's certificate; a plain client is dropped."""
+    folder = setup.folder / "tls"
+    folder.mkdir()
+    (folder / "san.ext").write_text("subjectAltName=IP:127.0.0.1\n")
+    for command in (["req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "1", "-subj",
+                     "/CN=py-rig-ca", "-keyout", "ca.key", "-out", "ca.crt"],
+                    ["req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-subj", "/CN=127.0.0.1", "-keyout",
+                     "server.key", "-out", "server.csr"],
+                    ["x509", "-req", "-in", "server.csr", "-CA", "ca.crt", "-CAkey", "ca.key",
+                     "-CAcreateserial", "-days", "1", "-extfile", "san.ext", "-out", "server.crt"]):
+        subprocess.run(["openssl"] + command, cwd=folder, check=True, capture_output=True)
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        port = s.getsockname()[1]
+    (folder / "m.conf").write_text(
+        "listener %d 127.0.0.1\nallow_anonymous true\ncafile %s/ca.crt\ncertfile %s/server.crt\n"
+        "keyfile %s/server.key\n" % (port, folder, folder, folder))
+    subprocess.run(["chown", "-R", "mosquitto", str(folder)], check=True)
+    broker = subprocess.Popen(["mosquitto", "-c", str(folder / "m.conf")],
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        url = "mqtts://127.0.0.1:%d" % port
+        secure = until(lambda: reached(url, cafile=str(folder / "ca.crt")), 10, "the TLS broker")
+        with secure:
+            assert secure.list().nodes == {}
+        with pytest.raises(rig.BrokerError, match="closed the connection unanswered"):
+            rig.connect(url.replace("mqtts:", "mqtt:"), "py", timeout=5)
+    finally:
+        broker.terminate()
+        broker.wait(10)
+
+
+def reached(url, **options):
+    try:
+        return rig.connect(url, "py", **options)
+    except rig.BrokerError as error:
+        if "cannot reach" not in str(error):
+            raise
+        return None
 
 
 def test_serve_rig_view(setup, controller):
