@@ -54,8 +54,8 @@ class Setup:
             self.port = s.getsockname()[1]
         subprocess.run(["mosquitto_passwd", "-b", "-c", str(folder / "pw"), "ctl", PASSWORD],
                        check=True)
-        (folder / "m.conf").write_text("listener %d 127.0.0.1\nallow_anonymous false\n"
-                                       "password_file %s\npersistence false\n" % (self.port, folder / "pw"))
+        (folder / "m.conf").write_text("listener %d 127.0.0.1\nallow_anonymous false\npassword_file"
+                                       " %s\npersistence false\n" % (self.port, folder / "pw"))
         subprocess.run(["chown", "mosquitto", str(folder / "pw")], check=True)
         self.password_file = folder / "password"
         self.password_file.write_text(PASSWORD + "\n")
@@ -228,10 +228,11 @@ def test_tls(setup):
     folder = setup.folder / "tls"
     folder.mkdir()
     (folder / "san.ext").write_text("subjectAltName=IP:127.0.0.1\n")
-    for command in (["req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "1", "-subj",
-                     "/CN=py-rig-ca", "-keyout", "ca.key", "-out", "ca.crt"],
-                    ["req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-subj", "/CN=127.0.0.1", "-keyout",
-                     "server.key", "-out", "server.csr"],
+    key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"]
+    for command in (["req", "-x509"] + key + ["-days", "1", "-subj", "/CN=py-rig-ca", "-keyout",
+                                               "ca.key", "-out", "ca.crt"],
+                    ["req"] + key + ["-subj", "/CN=127.0.0.1", "-keyout", "server.key", "-out",
+                                     "server.csr"],
                     ["x509", "-req", "-in", "server.csr", "-CA", "ca.crt", "-CAkey", "ca.key",
                      "-CAcreateserial", "-days", "1", "-extfile", "san.ext", "-out", "server.crt"]):
         subprocess.run(["openssl"] + command, cwd=folder, check=True, capture_output=True)
