@@ -60,10 +60,13 @@ class Setup:
         self.password_file = folder / "password"
         self.password_file.write_text(PASSWORD + "\n")
         self.url = "mqtt://ctl@127.0.0.1:%d" % self.port
-        log = open(folder / "broker.log", "a")
-        self.broker = subprocess.Popen(["mosquitto", "-c", str(folder / "m.conf")],
-                                       stdout=log, stderr=log)
         self.nodes = {}
+        self.start_broker()
+
+    def start_broker(self):
+        log = open(self.folder / "broker.log", "a")
+        self.broker = subprocess.Popen(["mosquitto", "-c", str(self.folder / "m.conf")],
+                                       stdout=log, stderr=log)
 
     def start_node(self, name):
         command = [ORQCAM]
@@ -307,6 +310,20 @@ def test_serve_rig_view(setup, controller):
     finally:
         server.send_signal(signal.SIGTERM)
         assert server.wait(20) == 0
+
+
+def test_broker_restart(setup, controller):
+    """The controller reconnects by itself and fires again once the nodes are back."""
+    setup.broker.terminate()
+    setup.broker.wait(10)
+    until(lambda: not controller.connected, 10, "the controller sees the broker gone")
+    # Refused at once: the broker is gone (and, as it went, it gave out the nodes' wills).
+    with pytest.raises((rig.BrokerError, rig.NotOnline)):
+        controller.shoot("py-unsent", lead=0.5, timeout=2)
+    setup.start_broker()
+    until(lambda: controller.connected, 10, "the controller back")
+    until(lambda: all_online(controller), 20, "the nodes back")
+    assert controller.shoot("py-after", lead=0.6).ok
 
 
 def test_node_lost_during_a_shot(setup, controller, tmp_path):

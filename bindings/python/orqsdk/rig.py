@@ -355,6 +355,7 @@ class Rig:
         self._watches: List[Watch] = []
         self._answer: Optional[int] = None
         self._dropped = False
+        self._connected = False
         self._echoed = False
         self._closed = False
         client_id = "orq-ctl-py-%d-%d" % (os.getpid(), random.randrange(1000000))
@@ -402,16 +403,25 @@ class Rig:
 
     def _on_connect(self, client: Any, userdata: Any, flags: Any, rc: int) -> None:
         if rc == 0:
+            # Also after a reconnect: the broker forgot us, and sends the retained state again.
             client.subscribe([(self._echo, 1), (self.prefix + "#", 1)])
         with self._changed:
             self._answer = rc
+            self._connected = rc == 0
             self._changed.notify_all()
 
     def _on_disconnect(self, client: Any, userdata: Any, rc: int) -> None:
         with self._changed:
             if self._answer is None:
                 self._dropped = True
+            self._connected = False
             self._changed.notify_all()
+
+    @property
+    def connected(self) -> bool:
+        """Whether the broker connection is up now; while it is not, the state is as last seen."""
+        with self._changed:
+            return self._connected
 
     def _on_message(self, client: Any, userdata: Any, message: Any) -> None:
         topic = message.topic
