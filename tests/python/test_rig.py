@@ -20,6 +20,7 @@ from pathlib import Path
 import pytest
 
 pytest.importorskip("paho.mqtt.client", reason="orqsdk.rig needs python3-paho-mqtt")
+import paho.mqtt.publish as mqtt_publish  # noqa: E402
 from orqsdk import rig  # noqa: E402
 
 ORQCAM = os.environ.get("ORQCAM", "")
@@ -291,9 +292,14 @@ def test_serve_rig_view(setup, controller):
             with direct.open(request, timeout=10) as answer:
                 return answer.status, json.loads(answer.read())
 
+        # A node state of the wrong shape, as anyone who may publish could leave it.
+        mqtt_publish.single("orq/v1/py/node/odd", '{"v": 1, "node": "odd", "online": "yes"}',
+                            qos=1, retain=True, hostname="127.0.0.1", port=setup.port,
+                            auth={"username": "ctl", "password": PASSWORD})
+        until(lambda: "odd" in controller.list().nodes, 10, "the odd node state on the broker")
         status, view = call("/api/rig")
         assert status == 200 and view["rig"] == "py" and view["last"] is None
-        assert sorted(n["node"] for n in view["nodes"] if n["online"]) == sorted(NODES)
+        assert sorted(n["node"] for n in view["nodes"] if n["online"] is True) == sorted(NODES)
         assert len(view["cameras"]) == 4
         status, fired = call("/api/rig/fire", {"leadMs": 600})
         assert status == 202
@@ -308,6 +314,8 @@ def test_serve_rig_view(setup, controller):
         assert sorted(f["sha256"] for c in manifest["cameras"] for f in c["files"]) == \
             sorted(c["file"]["sha256"] for c in last["cameras"])
     finally:
+        mqtt_publish.single("orq/v1/py/node/odd", "", qos=1, retain=True, hostname="127.0.0.1",
+                            port=setup.port, auth={"username": "ctl", "password": PASSWORD})
         server.send_signal(signal.SIGTERM)
         assert server.wait(20) == 0
 

@@ -26,6 +26,12 @@ constexpr int kConnectWaitMs = 10000;
 constexpr int kSettleWaitMs = 5000;
 constexpr long long kDefaultLeadMs = 1000;
 
+// True only for a JSON true: a payload of any shape is read without a throw.
+bool Flag(const Json& object, const char* key) {
+    auto found = object.find(key);
+    return found != object.end() && found->is_boolean() && found->get<bool>();
+}
+
 void Send(httplib::Response& response, int status, const Json& body) {
     response.status = status;
     response.set_header("Cache-Control", "no-store");
@@ -48,7 +54,7 @@ private:
     std::string Topic(const std::string& rest) const { return rig::Prefix(options.rig) + rest; }
     bool Online(const std::string& node) const {
         auto found = nodes.find(node);
-        return found != nodes.end() && found->second.value("online", false);
+        return found != nodes.end() && Flag(found->second, "online");
     }
     void OnMessage(const std::string& topic, const std::string& payload);
     // A fire command seen (ours or another controller's) starts a new last shot.
@@ -116,7 +122,7 @@ void Follower::Began(const Json& command) {
     auto chosen = command.find("cameras");
     const bool everyone = chosen == command.end() || !chosen->is_array() || chosen->empty();
     for (const auto& [name, state] : nodes) {
-        if (!state.value("online", false)) continue;
+        if (!Flag(state, "online")) continue;
         bool named = everyone;
         for (const Json& entry : everyone ? Json::array() : *chosen) {
             const std::string text = entry.is_string() ? entry.get<std::string>() : "";
@@ -131,6 +137,7 @@ Json Follower::LastShot() const {
     Json entries = Json::array();
     long long earliest = 0, latest = 0;
     bool pending = false, complete = true;
+    bool duplicate = false;  // of the report at hand
     auto add = [&](const std::string& node, const std::string& camera, const std::string& status,
                    const Json& entry, const std::string& reason) {
         Json row = {{"node", node}, {"camera", camera}, {"status", status}};
@@ -154,6 +161,9 @@ Json Follower::LastShot() const {
                 row["status"] = "missing";
                 row["reason"] = "node offline";
                 complete = false;
+            } else if (duplicate) {
+                // The node fired this id before; no new picture comes, the first one stands.
+                row["reason"] = "fired before under this id";
             } else {
                 row["reason"] = "picture on its way";
                 pending = true;
@@ -183,7 +193,10 @@ Json Follower::LastShot() const {
             }
             continue;
         }
-        for (const Json& entry : report->second.value("cameras", Json::array())) {
+        duplicate = Flag(report->second, "duplicate");
+        auto listed = report->second.find("cameras");
+        if (listed == report->second.end() || !listed->is_array()) continue;
+        for (const Json& entry : *listed) {
             const std::string status = TextOf(entry, "status");
             add(node, TextOf(entry, "camera"), status, entry,
                 status == "late" ? "late" : "failed: " + TextOf(entry, "result"));
@@ -226,7 +239,7 @@ void Follower::Fire(const httplib::Request& request, httplib::Response& response
     {
         std::lock_guard<std::mutex> guard(lock);
         bool any = false;
-        for (const auto& [name, state] : nodes) any = any || state.value("online", false);
+        for (const auto& [name, state] : nodes) any = any || Flag(state, "online");
         if (!any) return Refuse(response, 409, "no node of rig " + options.rig + " is online");
         Began(command);
     }
