@@ -95,6 +95,15 @@ def _number(obj: Any, key: str, fallback: Optional[int] = 0) -> Optional[int]:
     return value if isinstance(value, int) and not isinstance(value, bool) else fallback
 
 
+def _flag(obj: Any, key: str) -> Any:
+    return obj.get(key) if isinstance(obj, dict) else None
+
+
+def _list(obj: Any, key: str) -> List[Any]:
+    value = obj.get(key) if isinstance(obj, dict) else None
+    return value if isinstance(value, list) else []
+
+
 def _utc_us() -> int:
     return time.time_ns() // 1000
 
@@ -185,7 +194,7 @@ class RigState:
     def unsynchronised(self) -> List[str]:
         """Online nodes whose clock no NTP or PTP daemon disciplines."""
         return [n for n in self.online_nodes()
-                if not (self.nodes[n].get("clock") or {}).get("synchronised", False)]
+                if _flag(self.nodes[n].get("clock"), "synchronised") is not True]
 
     def cameras_of(self, node: str) -> List[dict]:
         return [record for key, record in sorted(self.cameras.items())
@@ -362,6 +371,8 @@ class Rig:
         self._echo = self.prefix + "echo/" + client_id
         self._client = mqtt.Client(client_id, clean_session=True, protocol=mqtt.MQTTv311)
         self._client.reconnect_delay_set(1, 2)
+        # A fault in our handling of one message must not end the network thread for good.
+        self._client.suppress_exceptions = True
         if address["user"]:
             self._client.username_pw_set(address["user"], address["password"] or None)
         if address["tls"]:
@@ -569,7 +580,7 @@ class Rig:
                 for node, report in reports.items():
                     if self._gone(node) or report.get("duplicate") is True:
                         continue
-                    for entry in report.get("cameras") or []:
+                    for entry in _list(report, "cameras"):
                         if _text(entry, "status") == "fired" and \
                                 node + "/" + _text(entry, "camera") not in shots:
                             return False
@@ -609,8 +620,8 @@ class Rig:
                 continue
             duplicate = report.get("duplicate") is True
             record = self._node_record(state.nodes.get(node, {}), id) if duplicate else None
-            files = {_text(c, "camera"): c for c in (record or {}).get("cameras") or []}
-            for entry in report.get("cameras") or []:
+            files = {_text(c, "camera"): c for c in _list(record, "cameras")}
+            for entry in _list(report, "cameras"):
                 camera = _text(entry, "camera")
                 status = _text(entry, "status")
                 release = Release(node, camera, status, _text(entry, "result"),
@@ -619,8 +630,8 @@ class Rig:
                     release.sent, release.late_us = _number(entry, "sent"), _number(entry, "lateUs")
                     shot = shots.get(node + "/" + camera) or {}
                     if duplicate:
-                        taken = (files.get(camera, {}).get("files") or [{}])[0]
-                        shot = dict(taken) if _text(taken, "sha256") else \
+                        taken = (_list(files.get(camera), "files") or [{}])[0]
+                        shot = taken if _text(taken, "sha256") else \
                             {"reason": _text(files.get(camera), "reason", "no record")}
                     if _text(shot, "sha256"):
                         release.file = {k: shot.get(k) for k in ("name", "size", "sha256", "path")}
@@ -655,8 +666,9 @@ class Rig:
         for node, report in sorted(reports.items()):
             if "error" in report:
                 errors[node] = _text(report, "error")
-            for entry in report.get("cameras") or []:
-                entries.append(dict(entry, node=node))
+            for entry in _list(report, "cameras"):
+                if isinstance(entry, dict):
+                    entries.append(dict(entry, node=node))
         return Adjustment(id, kind, entries, not answered, errors)
 
     def set(self, setting: Union[str, int], value: Union[str, int], *,
