@@ -114,7 +114,8 @@ typedef enum OrqResult {
     ORQ_DISCONNECTED = 9,        /**< the camera was unplugged or switched off; its session ended */
     ORQ_SECOND_PROCESS = 10,     /**< OrqInitializeSDK: another process on this machine runs it */
     ORQ_OLD_MODULE = 13,         /**< start-up: the camera's on-board module is too old */
-    ORQ_NO_PERMISSION = 14       /**< start-up: this user may not open the camera's USB device */
+    ORQ_NO_PERMISSION = 14,      /**< start-up: this user may not open the camera's USB device */
+    ORQ_TOO_LATE = 15            /**< OrqShootSynchronizedAt: not ready by the moment; not fired */
 } OrqResult;
 
 /** The name of a result ("ORQ_OK", ...), or "ORQ_UNKNOWN_RESULT" for any other number. A static
@@ -145,6 +146,8 @@ static inline const char* OrqResultName(int result) {
             return "ORQ_OLD_MODULE";
         case ORQ_NO_PERMISSION:
             return "ORQ_NO_PERMISSION";
+        case ORQ_TOO_LATE:
+            return "ORQ_TOO_LATE";
         default:
             return "ORQ_UNKNOWN_RESULT";
     }
@@ -319,13 +322,42 @@ ORQ_API OrqResult OrqShoot(OrqSessionHandle session);
  * Shoot commands together; each shot ends as OrqShoot's does, with the shoot-completed callback
  * (and a failed shot ends that camera's session as there). A camera that refuses (as OrqShoot
  * would) or fails its preparation holds nobody; one not ready within 10 s no longer holds the
- * others and shoots alone when it is. `sessions` (each at most once) and `results` are the
- * caller's arrays of `count`, used only during the call. Returns once every Shoot command has
- * been answered, at most about 40 s: results[i] is ORQ_OK when camera i's Shoot went out,
- * otherwise why not (ORQ_DEVICE_NOT_READY: no answer by then). ORQ_OK when every camera shot,
- * otherwise ORQ_ERROR (invalid arguments: `results` untouched). Not from a callback: the
- * callback's camera would wait for itself. */
+ * others and shoots alone when it is. `sessions` and `results` are the caller's arrays of
+ * `count`, used only during the call. A null or dead entry fails only its own camera (its result
+ * ORQ_ERROR) while the others fire. Returns once every Shoot command has been answered, at most
+ * about 40 s: results[i] is ORQ_OK when camera i's Shoot went out, otherwise why not
+ * (ORQ_DEVICE_NOT_READY: no answer by then). ORQ_OK when every camera shot, otherwise ORQ_ERROR.
+ * Invalid arguments (a null array, `count` out of range, one session named twice) are refused
+ * with ORQ_ERROR before anything fires, `results` untouched. Not from a callback: the callback's
+ * camera would wait for itself. */
 ORQ_API OrqResult OrqShootSynchronized(OrqSessionHandle* sessions, int count, OrqResult* results);
+/** One camera's outcome of OrqShootSynchronizedAt. */
+typedef struct OrqReleaseReport {
+    OrqResult result;  /**< ORQ_OK: its Shoot command went out; ORQ_TOO_LATE: not prepared by
+                          the moment, not fired; otherwise why not, as OrqShootSynchronized */
+    int64_t sentUtcUs; /**< when its Shoot command left, microseconds since 1970-01-01 UTC by
+                          this machine's clock; 0 when it did not */
+    int64_t lateUs;    /**< ORQ_OK: sentUtcUs minus the moment; ORQ_TOO_LATE: how long after
+                          the moment it was prepared; otherwise 0 */
+} OrqReleaseReport;
+
+/** Blocking: takes a picture with each of `count` cameras (1 to 1024) at a given moment,
+ * `atUtcUs` (microseconds since 1970-01-01 UTC, by this machine's clock): for rigs whose
+ * cameras hang on several machines with agreed clocks (docs/rig.md). Every camera prepares its
+ * shot at once on its own thread, as in OrqShootSynchronized, then waits for the moment; the
+ * Shoot commands of all cameras prepared by then leave at it. A camera prepared after the moment
+ * is not fired late: it takes no picture, keeps its session, and reports ORQ_TOO_LATE; so do all
+ * cameras when the call itself comes after the moment. Each shot ends as OrqShoot's does, with
+ * the shoot-completed callback (and a failed shot ends that camera's session as there). The
+ * moment is turned into this machine's steady clock at the call: a step of the wall clock during
+ * the wait does not move it. `sessions` and `reports` are the caller's arrays of `count`, used
+ * only during the call; null or dead entries as in OrqShootSynchronized. Returns once every
+ * Shoot command has been answered, at most about 30 s after the moment. ORQ_OK when every camera
+ * shot, otherwise ORQ_ERROR; invalid arguments (as for OrqShootSynchronized, and a moment more
+ * than 60 s ahead) are refused before anything fires, `reports` untouched.
+ * Any application thread; not from a callback. */
+ORQ_API OrqResult OrqShootSynchronizedAt(OrqSessionHandle* sessions, int count, int64_t atUtcUs,
+                                         OrqReleaseReport* reports);
 /** Subscribes to ended shots (OrqShootCompletedCallback). Returns the subscription, or null. */
 ORQ_API OrqSubscription OrqShootCompletedSubscribe(OrqSessionHandle session,
                                                    OrqShootCompletedCallback callback,

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <exception>
 #include <mutex>
+#include <set>
 
 #include "CameraManager.h"
 #include "Kernel/ShotGate.h"
@@ -25,6 +26,8 @@ const char16_t kVersionText[] = u"" ORQSDK_VERSION_STRING;
 constexpr std::chrono::milliseconds kShotPatience{10000};
 constexpr std::chrono::milliseconds kShotReportMargin{30000};
 constexpr int kMaxSynchronizedShots = 1024;
+// A release at a given moment: how far ahead the moment may be.
+constexpr std::chrono::microseconds kLongestLead{60 * 1000 * 1000};
 
 // The manager pointer is read by exports on any thread without a lock, as the handle cells
 // copy it; it changes only in initialise and terminate.
@@ -275,32 +278,94 @@ ORQ_API OrqResult OrqShoot(OrqSessionHandle session) {
     return RunResult(session, [](Device* device) { return device->ShootCommand(); });
 }
 
+namespace {
+
+// Hands each camera its ticket of the gate; one that cannot take it reports at once.
+// Whether a session is named twice: that camera would wait at the gate for itself, so the whole
+// call is refused before anything fires. Compared as handles: a live session is one camera's
+// claim, and a handle that is not live is refused by the frame without being read.
+bool NamesASessionTwice(OrqSessionHandle* sessions, size_t cameras) {
+    std::set<OrqSessionHandle> seen;
+    for (size_t i = 0; i < cameras; ++i) {
+        if (sessions[i] && !seen.insert(sessions[i]).second) {
+            ORQ_LOG(ERR, "a synchronised shot names one session twice");
+            return true;
+        }
+    }
+    return false;
+}
+
+void PostTickets(OrqSessionHandle* sessions, size_t cameras,
+                 const std::shared_ptr<ShotGate>& gate) {
+    for (size_t i = 0; i < cameras; ++i) {
+        auto ticket = std::make_shared<ShotTicket>(gate, i);
+        const OrqResult posted =
+            RunResult(sessions[i], [&](Device* device) { return device->ShootCommand(ticket); });
+        if (posted != ORQ_OK) gate->Report(i, posted);
+    }
+}
+
+}  // namespace
+
 ORQ_API OrqResult OrqShootSynchronized(OrqSessionHandle* sessions, int count, OrqResult* results) {
     ORQ_API_LOG(INF, "OrqShootSynchronized: %d", count);
     ORQ_LOG(INF, "OrqShootSynchronized");
     if (!sessions || !results || count <= 0 || count > kMaxSynchronizedShots) return ORQ_ERROR;
     return Guarded(ORQ_ERROR, [&] {
         const size_t cameras = static_cast<size_t>(count);
+        if (NamesASessionTwice(sessions, cameras)) return ORQ_ERROR;
         auto gate = std::make_shared<ShotGate>(cameras, kShotPatience);
-        for (size_t i = 0; i < cameras; ++i) {
-            // A camera named twice would wait at the gate for itself.
-            // Compared as the handles: each session is one camera's claim, and a handle that is
-            // not live is refused by the frame below without being read.
-            bool repeated = false;
-            for (size_t k = 0; k < i && sessions[i]; ++k)
-                repeated = repeated || sessions[k] == sessions[i];
-            auto ticket = std::make_shared<ShotTicket>(gate, i);
-            const OrqResult posted =
-                repeated ? ORQ_ERROR : RunResult(sessions[i], [&](Device* device) {
-                    return device->ShootCommand(ticket);
-                });
-            if (posted != ORQ_OK) gate->Report(i, posted);
-        }
+        PostTickets(sessions, cameras, gate);
         const std::vector<OrqResult> outcome =
             gate->AwaitReports(kShotPatience + kShotReportMargin);
         OrqResult all = ORQ_OK;
         for (size_t i = 0; i < cameras; ++i) {
             results[i] = outcome[i];
+            if (outcome[i] != ORQ_OK) all = ORQ_ERROR;
+        }
+        return all;
+    });
+}
+
+ORQ_API OrqResult OrqShootSynchronizedAt(OrqSessionHandle* sessions, int count, int64_t atUtcUs,
+                                         OrqReleaseReport* reports) {
+    ORQ_API_LOG(INF, "OrqShootSynchronizedAt: %d %lld", count, static_cast<long long>(atUtcUs));
+    ORQ_LOG(INF, "OrqShootSynchronizedAt");
+    if (!sessions || !reports || count <= 0 || count > kMaxSynchronizedShots) return ORQ_ERROR;
+    return Guarded(ORQ_ERROR, [&] {
+        using std::chrono::microseconds;
+        const auto wallNow = std::chrono::system_clock::now();
+        const auto steadyNow = ShotGate::Clock::now();
+        const microseconds ahead = microseconds(atUtcUs) - std::chrono::duration_cast<microseconds>(
+                                                               wallNow.time_since_epoch());
+        if (ahead > kLongestLead) return ORQ_ERROR;
+        const size_t cameras = static_cast<size_t>(count);
+        if (NamesASessionTwice(sessions, cameras)) return ORQ_ERROR;
+        if (ahead.count() <= 0) {
+            ORQ_LOG(ERR, "OrqShootSynchronizedAt: the moment passed %lld us ago",
+                    static_cast<long long>(-ahead.count()));
+            for (size_t i = 0; i < cameras; ++i) reports[i] = {ORQ_TOO_LATE, 0, -ahead.count()};
+            return ORQ_ERROR;
+        }
+        const auto releaseAt = steadyNow + ahead;
+        auto gate = std::make_shared<ShotGate>(cameras, releaseAt);
+        PostTickets(sessions, cameras, gate);
+        const std::vector<OrqResult> outcome = gate->AwaitReports(
+            std::chrono::duration_cast<std::chrono::milliseconds>(ahead) + kShotReportMargin);
+        const std::vector<ShotGate::Times> times = gate->SlotTimes();
+        OrqResult all = ORQ_OK;
+        for (size_t i = 0; i < cameras; ++i) {
+            OrqReleaseReport report{outcome[i], 0, 0};
+            if (outcome[i] == ORQ_OK && times[i].fired) {
+                report.sentUtcUs =
+                    std::chrono::duration_cast<microseconds>(times[i].sent.time_since_epoch())
+                        .count();
+                report.lateUs = report.sentUtcUs - atUtcUs;
+            } else if (outcome[i] == ORQ_TOO_LATE && times[i].arrived) {
+                report.lateUs =
+                    std::chrono::duration_cast<microseconds>(times[i].ready - releaseAt).count();
+            }
+            reports[i] = report;
             if (outcome[i] != ORQ_OK) all = ORQ_ERROR;
         }
         return all;

@@ -102,6 +102,11 @@ std::unique_ptr<ContProc> DeviceLL::Shoot(std::function<void(OrqFileInfo)> onCom
             std::shared_ptr<void> claim = accepted ? std::move(accepted) : AcceptShot();
             OrqResult status = claim ? (this->*begin)(ticket.get()) : ORQ_ERROR;
             if (ticket) ticket->Report(status);
+            if (status == ORQ_TOO_LATE) {
+                // Prepared after the agreed moment: no shot, and nothing wrong with the camera.
+                SetPreviewSuspended(false);
+                return;
+            }
             if (status != ORQ_OK) {
                 *result = status;
                 return;
@@ -163,7 +168,7 @@ OrqResult DeviceLL::ShootBegin(ShotTicket* ticket) {
         return result;
     }
     ORQ_LOG(DEB, "Shoot transaction");
-    if (ticket) ticket->Arrive();
+    if (ticket && !ticket->Arrive()) return ORQ_TOO_LATE;
     if (PTPShoot() != ORQ_OK) return ORQ_ERROR;
     readsBeforeCardLook = kReadsBetweenCardLooks;
     return ORQ_OK;
@@ -255,7 +260,7 @@ OrqResult DeviceLL::DirectShootBegin(ShotTicket* ticket) {
     }
     PTPMemoryStatistics("pre shoot transaction");
     ORQ_LOG(DEB, "Shoot transaction (remote version)");
-    if (ticket) ticket->Arrive();
+    if (ticket && !ticket->Arrive()) return ORQ_TOO_LATE;
     if (PTPRemoteCaptureStart() != ORQ_OK) return ORQ_ERROR;
     PTPMemoryStatistics("after shoot transaction");
     return ORQ_OK;

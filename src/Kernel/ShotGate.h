@@ -1,5 +1,7 @@
 // Synchronised shots: every camera prepares its shot on its own main loop, then waits at the gate
 // until each of the others is ready or has dropped out, so that the Shoot commands leave at once.
+// A timed gate instead opens at a given moment, for cameras on several machines whose clocks
+// agree: whoever is ready by then goes, whoever is not stays out rather than shoot late.
 #pragma once
 
 #include <chrono>
@@ -7,6 +9,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "orqsdk.h"
@@ -16,6 +19,7 @@ namespace orq {
 class ShotGate {
 public:
     using Clock = std::chrono::steady_clock;
+    using Wall = std::chrono::system_clock;
 
     // A camera that is not ready within `patience` no longer holds the others.
     ShotGate(size_t cameras, std::chrono::milliseconds patience)
@@ -26,16 +30,56 @@ public:
         if (cameras == 0) release_.set_value();
     }
 
+    // Timed: opens at `releaseAt` whoever has arrived; later arrivals do not shoot.
+    ShotGate(size_t cameras, Clock::time_point releaseAt)
+        : slots_(cameras),
+          waiting_(cameras),
+          deadline_(releaseAt),
+          timed_(true),
+          released_(release_.get_future().share()) {}
+
     // On the camera's main loop, its preparation done: returns when every camera has arrived or
-    // dropped out, or at the deadline.
-    void Arrive(size_t slot) {
+    // dropped out, or at the deadline; for a timed gate at its moment. False: too late to shoot.
+    bool Arrive(size_t slot) {
+        const Clock::time_point arrived = Clock::now();
         {
             std::lock_guard<std::mutex> guard(lock_);
             Leave(slot);
+            slots_[slot].ready = arrived;
         }
-        // A future, not the condition: the cameras wake together instead of taking the mutex
-        // one after another.
-        released_.wait_until(deadline_);
+        if (timed_) {
+            if (arrived > deadline_) return false;
+            // The scheduler may wake a sleeper a timer tick late (on some systems 15 ms): sleep
+            // to just short of the moment, then yield until it.
+            std::this_thread::sleep_until(deadline_ - kSpin);
+            while (Clock::now() < deadline_) std::this_thread::yield();
+        } else {
+            // A future, not the condition: the cameras wake together instead of taking the
+            // mutex one after another.
+            released_.wait_until(deadline_);
+        }
+        const Wall::time_point sent = Wall::now();
+        std::lock_guard<std::mutex> guard(lock_);
+        slots_[slot].sent = sent;
+        slots_[slot].fired = true;
+        return true;
+    }
+
+    // When each camera was ready (steady clock) and when its Shoot left (wall clock), for the
+    // cameras that got that far; read after AwaitReports.
+    struct Times {
+        bool arrived = false;
+        Clock::time_point ready;
+        bool fired = false;
+        Wall::time_point sent;
+    };
+    std::vector<Times> SlotTimes() {
+        std::lock_guard<std::mutex> guard(lock_);
+        std::vector<Times> times;
+        for (const Slot& slot : slots_) {
+            times.push_back({slot.ready != Clock::time_point{}, slot.ready, slot.fired, slot.sent});
+        }
+        return times;
     }
 
     // The camera's Shoot went out (ORQ_OK), failed, or its preparation failed: the first report
@@ -67,13 +111,17 @@ private:
         bool arrived = false;
         bool reported = false;
         OrqResult result = ORQ_DEVICE_NOT_READY;
+        Clock::time_point ready{};
+        bool fired = false;
+        Wall::time_point sent{};
     };
+    static constexpr std::chrono::milliseconds kSpin{2};
 
     // Under the lock.
     void Leave(size_t slot) {
         if (slots_[slot].arrived || slots_[slot].reported) return;
         slots_[slot].arrived = true;
-        if (--waiting_ == 0) release_.set_value();
+        if (--waiting_ == 0 && !timed_) release_.set_value();
     }
 
     std::mutex lock_;
@@ -82,6 +130,7 @@ private:
     size_t waiting_;
     size_t reports_ = 0;
     const Clock::time_point deadline_;
+    const bool timed_ = false;
     std::promise<void> release_;
     std::shared_future<void> released_;
 };
@@ -95,7 +144,7 @@ public:
     ShotTicket(const ShotTicket&) = delete;
     ShotTicket& operator=(const ShotTicket&) = delete;
 
-    void Arrive() { gate_->Arrive(slot_); }
+    bool Arrive() { return gate_->Arrive(slot_); }
     void Report(OrqResult result) { gate_->Report(slot_, result); }
 
 private:

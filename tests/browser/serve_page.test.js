@@ -1,10 +1,14 @@
 // The orqcam serve page in Debian's headless chromium against four virtual cameras: four live
-// views advance, a drop-down changes a camera's setting, shoot-all brings four thumbnails.
+// views advance, a drop-down changes a camera's setting, shoot-all brings four thumbnails. With
+// mosquitto and root, the page also follows a rig of one node (in a private /tmp, as another
+// PC): its cameras listed, fire all, and the last shot's pictures as the node keeps them.
 //   node serve_page.test.js ORQCAM_BINARY OUTPUT_DIR
 // Writes OUTPUT_DIR/serve-page.png; exits 0 when every check held.
 "use strict";
-const { spawn } = require("child_process");
+const { spawn, spawnSync } = require("child_process");
+const crypto = require("crypto");
 const fs = require("fs");
+const net = require("net");
 const os = require("os");
 const path = require("path");
 const puppeteer = require("puppeteer-core");
@@ -32,10 +36,61 @@ async function until(what, predicate, timeoutMs = 15000) {
   }
 }
 
-function startServer() {
+// A broker on a free loopback port and one node with two virtual cameras; null without them.
+async function startRig() {
+  if (spawnSync("sh", ["-c", "command -v mosquitto"]).status !== 0 || process.getuid() !== 0) {
+    console.log("skipped: the rig view (needs mosquitto and root)");
+    return null;
+  }
+  const port = await new Promise((resolve) => {
+    const probe = net.createServer().listen(0, "127.0.0.1", () => {
+      const { port } = probe.address();
+      probe.close(() => resolve(port));
+    });
+  });
+  // Not under /tmp, which the node has its own of.
+  const work = fs.mkdtempSync("/var/tmp/orqcam-page-rig-");
+  fs.writeFileSync(path.join(work, "m.conf"),
+                   `listener ${port} 127.0.0.1\nallow_anonymous true\npersistence false\n`);
+  const rig = { work, store: path.join(work, "store"), url: `mqtt://127.0.0.1:${port}`, children: [] };
+  rig.children.push(spawn("mosquitto", ["-c", path.join(work, "m.conf")], { stdio: "ignore" }));
+  await until("the broker listening", () => new Promise((resolve) => {
+    const socket = net.connect(port, "127.0.0.1", () => { socket.destroy(); resolve(true); });
+    socket.on("error", () => resolve(false));
+  }));
+  const node = `mount -t tmpfs tmpfs /tmp && exec '${binary}' --virtual SX160 --virtual A810 node ` +
+               `--broker ${rig.url} --rig page --node pc-b --store '${rig.store}'`;
+  rig.children.push(spawn("unshare", ["-m", "--propagation", "private", "--", "sh", "-c", node],
+                          { stdio: ["ignore", "ignore", "inherit"] }));
+  return rig;
+}
+
+async function checkRigView(page, base, rig) {
+  await until("the rig's two cameras on the page", () =>
+    page.$$eval("#rig-cameras tr", (rows) => rows.length === 2 && !document.getElementById("rig").hidden));
+  await page.click("#rig-fire");
+  const last = await until("the rig shot complete", async () => {
+    const view = await api(base, "/api/rig");
+    return view.last && view.last.complete && view.last;
+  }, 30000);
+  const shown = await until("the page shows both pictures", () => page.$$eval("#rig-last tr",
+    (rows) => rows.length === 2 && rows.every((r) => r.dataset.status === "fired" &&
+                                                     /IMG_\d+\.JPG/.test(r.textContent)) &&
+      rows.map((r) => r.textContent)));
+  // The pictures the page names are those the node keeps, byte for byte as announced.
+  for (const camera of last.cameras) {
+    const kept = fs.readFileSync(path.join(rig.store, camera.file.path));
+    check(crypto.createHash("sha256").update(kept).digest("hex") === camera.file.sha256 &&
+          shown.some((text) => text.includes(camera.camera) && text.includes(camera.file.name)),
+          `the rig view shows ${camera.camera}'s ${camera.file.name}, kept by its node`);
+  }
+}
+
+function startServer(rig) {
   const args = [];
   for (const model of models) args.push("--virtual", model);
   args.push("serve", "--listen", "127.0.0.1:0", "--token", token);
+  if (rig) args.push("--broker", rig.url, "--rig", "page");
   const server = spawn(binary, args, { stdio: ["ignore", "pipe", "inherit"] });
   const address = new Promise((resolve, reject) => {
     let text = "";
@@ -56,7 +111,8 @@ async function api(base, route) {
 
 async function main() {
   fs.mkdirSync(outputDir, { recursive: true });
-  const { server, address } = startServer();
+  const rig = await startRig();
+  const { server, address } = startServer(rig);
   const profile = fs.mkdtempSync(path.join(os.tmpdir(), "orqcam-chromium-"));
   let browser;
   try {
@@ -123,6 +179,8 @@ async function main() {
     check(links.length === 4 && links.every((href) => /\/files\/-?\d+\?token=/.test(href)),
           "four thumbnails link to their files");
 
+    if (rig) await checkRigView(page, base, rig);
+
     const shot = path.join(outputDir, "serve-page.png");
     await page.screenshot({ path: shot, fullPage: true });
     console.log("screenshot: " + shot);
@@ -133,6 +191,13 @@ async function main() {
     server.kill("SIGTERM");
     const code = await Promise.race([ended, new Promise((r) => setTimeout(() => r("hung"), 10000))]);
     if (code === "hung") server.kill("SIGKILL");
+    for (const child of rig ? rig.children.reverse() : []) {
+      const gone = new Promise((resolve) => child.on("exit", resolve));
+      child.kill("SIGTERM");
+      if (await Promise.race([gone, new Promise((r) => setTimeout(() => r("hung"), 10000))]) === "hung")
+        child.kill("SIGKILL");
+    }
+    if (rig) fs.rmSync(rig.work, { recursive: true, force: true });
     check(code === 0, "orqcam serve stops on SIGTERM with exit 0 (" + code + ")");
   }
 }

@@ -212,6 +212,65 @@ TEST_F(CaptureApiRig, SynchronisedShotWaitsForTheSlowestAndDropsTheFailed) {
     EXPECT_TRUE(events.Await(events.shots, 2));
 }
 
+// A release at a moment: the prepared cameras wait for it and none goes before it; one prepared
+// after it takes no picture and keeps its session; a moment already gone fires nothing.
+TEST_F(CaptureApiRig, TimedReleaseFiresAtTheMomentAndLeavesTheLateUnfired) {
+    std::vector<std::shared_ptr<orqsim::VirtualCamera>> cameras;
+    for (int i = 0; i < 3; ++i) cameras.push_back(Plug());
+    Start();
+    std::vector<OrqSessionHandle> sessions(3, nullptr);
+    static Recorder events;  // outlives the SDK, which frees the subscriptions
+    for (int i = 0; i < 3; ++i) {
+        sessions[i] = Open(cameras[i]);
+        OrqShootCompletedSubscribe(sessions[i], &Recorder::OnShot, &events);
+        int zoom = 0;
+        ASSERT_TRUE(WaitFor([&] { return OrqGetZoom(sessions[i], &zoom) == ORQ_OK; }));
+    }
+    using orqsim::Fault;
+    cameras[2]->InjectFault(Fault::Operation(Fault::Delay, orq::PTP_OC_GetObjectHandles, -1, 600));
+    const auto utcNow = [] {
+        return std::chrono::duration_cast<std::chrono::microseconds>(
+                   std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    };
+    const int64_t lead = 250000;
+    const auto start = std::chrono::steady_clock::now();
+    const int64_t at = utcNow() + lead;
+    std::vector<OrqReleaseReport> reports(3);
+    EXPECT_EQ(OrqShootSynchronizedAt(sessions.data(), 3, at, reports.data()), ORQ_ERROR);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(reports[i].result, ORQ_OK);
+        EXPECT_GE(reports[i].lateUs, 0);
+        EXPECT_EQ(reports[i].sentUtcUs - at, reports[i].lateUs);
+        ASSERT_EQ(cameras[i]->ShootTimes().size(), 1u);
+        EXPECT_GE(cameras[i]->ShootTimes()[0] - start, std::chrono::microseconds(lead));
+    }
+    EXPECT_EQ(reports[2].result, ORQ_TOO_LATE);
+    EXPECT_EQ(reports[2].sentUtcUs, 0);
+    EXPECT_GE(reports[2].lateUs, 300000);
+    EXPECT_TRUE(cameras[2]->ShootTimes().empty());
+    EXPECT_TRUE(events.Await(events.shots, 2));
+
+    // The late camera's session lives on: it shoots the next time.
+    cameras[2]->ClearFaults();
+    EXPECT_EQ(OrqShoot(sessions[2]), ORQ_OK);
+    EXPECT_TRUE(events.Await(events.shots, 3));
+
+    // A moment gone, or too far ahead: nobody fires.
+    for (auto& camera : cameras) camera->ClearOperations();
+    EXPECT_EQ(OrqShootSynchronizedAt(sessions.data(), 3, utcNow() - 1000, reports.data()),
+              ORQ_ERROR);
+    for (const OrqReleaseReport& report : reports) {
+        EXPECT_EQ(report.result, ORQ_TOO_LATE);
+        EXPECT_GE(report.lateUs, 1000);
+    }
+    reports[0].result = ORQ_OK;
+    EXPECT_EQ(OrqShootSynchronizedAt(sessions.data(), 3, utcNow() + 61000000, reports.data()),
+              ORQ_ERROR);
+    EXPECT_EQ(reports[0].result, ORQ_OK);
+    for (auto& camera : cameras) EXPECT_TRUE(camera->ShootTimes().empty());
+}
+
 using StartUp = SdkTest;
 
 // Start-up clears the card of pictures numbered from 10 on, whatever the case and the digits'

@@ -57,14 +57,34 @@ const std::vector<VerbSpec>& Verbs() {
          {"--all", "--dir", "--delete"}},
         {"delete", "delete ID", "remove a file from the card", 1, 1, {}},
         {"serve",
-         "serve [--listen ADDRESS:PORT] [--token TEXT]",
+         "serve [--listen ADDRESS:PORT] [--token TEXT] [--broker URL --rig NAME]",
          "every camera's live view and controls as a web page and a JSON API "
          "(docs/serve-api.md), on 127.0.0.1:8080 by default; beyond this machine every "
-         "request needs the token (a random one is printed when none is given). Runs until "
+         "request needs the token (a random one is printed when none is given). With --broker "
+         "and --rig the page also shows that rig (docs/rig.md) and fires it. Runs until "
          "interrupted",
          0,
          0,
-         {"--listen", "--token"}},
+         {"--listen", "--token", "--broker", "--rig", "--cafile", "--password-file"}},
+        {"node",
+         "node --broker URL --rig NAME [--node NAME] [--store DIR] [--listen ADDRESS:PORT]",
+         "serve every camera to a rig over an MQTT broker (docs/rig.md): fire at agreed times, "
+         "keep each shot's pictures in DIR (default ./orqcam-rig) and serve them with a token. "
+         "URL: mqtt://[user[:password]@]host[:port] or mqtts://... with --cafile FILE; the "
+         "password also from --password-file FILE or ORQ_RIG_PASSWORD. Runs until interrupted",
+         0,
+         0,
+         {"--broker", "--rig", "--node", "--store", "--listen", "--cafile", "--password-file"}},
+        {"rig",
+         "rig --broker URL --rig NAME list|watch [S]|shoot [CAMERA..] [--id ID] [--lead MS]"
+         "|set NAME VALUE|zoom N|max|collect SHOT --dir D",
+         "drive a rig of nodes (docs/rig.md): list its nodes and cameras, print its messages "
+         "for S seconds, fire every camera (or those named NODE or NODE/CAMERA) MS after now "
+         "(default 1000), set a setting or the zoom everywhere, or fetch a shot's pictures from "
+         "every node into D/SHOT with a manifest",
+         1,
+         66,
+         {"--broker", "--rig", "--cafile", "--password-file", "--id", "--lead", "--dir"}},
         {"preview",
          "preview [--frames N] [--out DIR]",
          "take N live-view frames (default 10); --out writes them as BMP files, otherwise the "
@@ -120,6 +140,8 @@ void PrintHelp(FILE* stream) {
         "                    repeat it for several cameras\n"
         "  --camera N        the camera numbered N by `list` (default 0): virtual cameras\n"
         "                    in the order --virtual names them, USB cameras by serial\n"
+        "  --virtual-latency US:NS  the virtual cameras' latency per transfer (microseconds)\n"
+        "                    and per byte (nanoseconds), as a USB link has (e.g. 125:28)\n"
         "  --all             run the verb on every camera\n"
         "  --json            one JSON document on stdout, errors included\n"
         "                    ({\"error\": ..., \"result\": ...}); stderr carries errors only\n"
@@ -142,6 +164,7 @@ void PrintHelp(FILE* stream) {
         "  4  the camera or the SDK failed\n"
         "  5  timeout: the camera did not finish in time\n"
         "  6  the camera refused the value (not on offer, read-only)\n"
+        "  7  node, rig: the broker refused us (user, password) or cannot be reached\n"
         "\n"
         "On Linux a camera needs the udev rule installed with the SDK\n"
         "(/usr/lib/udev/rules.d/70-orqsdk.rules) to be opened by a normal user.\n",
@@ -210,6 +233,21 @@ Taken VerbFlag(const std::vector<std::string>& arguments, size_t& i, Options& op
     if (arg == "--out") return TakeValue(arguments, i, options.out) ? Taken::Yes : Taken::Bad;
     if (arg == "--listen") return TakeValue(arguments, i, options.listen) ? Taken::Yes : Taken::Bad;
     if (arg == "--token") return TakeValue(arguments, i, options.token) ? Taken::Yes : Taken::Bad;
+    const std::pair<const char*, std::string*> texts[] = {
+        {"--broker", &options.broker}, {"--rig", &options.rig},
+        {"--node", &options.node},     {"--store", &options.store},
+        {"--cafile", &options.cafile}, {"--password-file", &options.passwordFile},
+        {"--id", &options.shotId}};
+    for (const auto& [flag, target] : texts)
+        if (arg == flag) return TakeValue(arguments, i, *target) ? Taken::Yes : Taken::Bad;
+    if (arg == "--lead") {
+        if (!TakeValue(arguments, i, value)) return Taken::Bad;
+        if (!ParseInteger(value, options.leadMs) || options.leadMs < 0 || options.leadMs > 60000) {
+            Usage("--lead takes milliseconds from 0 to 60000, not '" + value + "'");
+            return Taken::Bad;
+        }
+        return Taken::Yes;
+    }
     if (arg == "--delete") {
         options.deleteAfter = true;
     } else if (arg == "--all") {
@@ -256,6 +294,17 @@ Taken CommonOption(const std::vector<std::string>& arguments, size_t& i, Options
             return Taken::Bad;
         }
         options.timeoutMs = seconds * 1000;
+    } else if (arg == "--virtual-latency") {
+        if (!TakeValue(arguments, i, value)) return Taken::Bad;
+        size_t colon = value.find(':');
+        if (colon == std::string::npos ||
+            !ParseInteger(value.substr(0, colon), options.latencyUs) ||
+            !ParseInteger(value.substr(colon + 1), options.latencyNsPerByte) ||
+            options.latencyUs < 0 || options.latencyUs > 1000000 || options.latencyNsPerByte < 0 ||
+            options.latencyNsPerByte > 1000000) {
+            Usage("--virtual-latency takes US:NS (per transfer, per byte), not '" + value + "'");
+            return Taken::Bad;
+        }
     } else if (arg == "--all") {
         options.all = true;
     } else if (arg == "--json" || arg == "--quiet" || arg == "-q") {
@@ -313,6 +362,12 @@ Parsed Finish(const Options& options, bool help) {
     }
     if (options.all && options.cameraGiven) {
         Usage("--all and --camera exclude each other");
+        return Parsed::Usage;
+    }
+    if ((options.verb == "node" || options.verb == "rig" ||
+         (options.verb == "serve" && !(options.broker.empty() && options.rig.empty()))) &&
+        (options.broker.empty() || options.rig.empty())) {
+        Usage(options.verb + " needs --broker URL and --rig NAME");
         return Parsed::Usage;
     }
     if (options.verb == "download" && options.allFiles == !options.args.empty()) {

@@ -14,6 +14,8 @@ struct Options {
     bool json = false;
     bool quiet = false;
     int timeoutMs = 10000;
+    // --virtual-latency US:NS, of every transfer and every byte of the virtual cameras
+    int latencyUs = 0, latencyNsPerByte = 0;
     std::string verb;
     std::vector<std::string> args;
     // Options of single verbs.
@@ -25,6 +27,15 @@ struct Options {
     int frames = 10;           // preview --frames N
     std::string listen;        // serve --listen ADDRESS:PORT
     std::string token;         // serve --token TEXT
+    // node and rig (docs/rig.md)
+    std::string broker;        // --broker URL
+    std::string rig;           // --rig NAME
+    std::string node;          // node --node NAME
+    std::string store;         // node --store DIR
+    std::string cafile;        // --cafile FILE
+    std::string passwordFile;  // --password-file FILE
+    std::string shotId;        // rig shoot --id ID
+    int leadMs = 1000;         // rig shoot --lead MS
     bool version = false;
 };
 

@@ -19,6 +19,7 @@ enum Exit {
     kExitCameraError = 4,
     kExitTimeout = 5,
     kExitRefused = 6,
+    kExitBroker = 7,  // orqcam node and rig: the broker refused us or cannot be reached
 };
 
 // Where output goes. Human text goes to `out`; with --json `out` carries the one JSON document

@@ -10,6 +10,9 @@
 #ifdef ORQCAM_SERVE
 #include "Serve.h"
 #endif
+#ifdef ORQCAM_RIG
+#include "Rig.h"
+#endif
 
 namespace orqcam {
 
@@ -140,6 +143,8 @@ CameraVerb VerbFor(const std::string& verb) {
 
 // Why no verb can run on the cameras found, if none can.
 std::optional<Outcome> Unreachable(const Options& options, size_t found, bool simulated) {
+    // A page that drives a rig needs no camera of its own.
+    if (found == 0 && options.verb == "serve" && !options.broker.empty()) return std::nullopt;
     if (found == 0) {
         std::string hint = simulated ? ""
                                      : std::string("; ") + kPermissionHint +
@@ -163,7 +168,8 @@ std::optional<Outcome> OpenChosen(const Options& options, OrqCameraManagerHandle
                                   std::vector<std::unique_ptr<Camera>>& owned,
                                   std::vector<Camera*>& cameras) {
     for (size_t i = 0; i < found.size(); ++i) {
-        if (!options.all && options.verb != "serve" && static_cast<int>(i) != options.camera)
+        if (!options.all && options.verb != "serve" && options.verb != "node" &&
+            static_cast<int>(i) != options.camera)
             continue;
         owned.push_back(std::make_unique<Camera>(static_cast<int>(i), found[i]));
         OrqResult opened = owned.back()->Open(manager);
@@ -201,6 +207,13 @@ Outcome Dispatch(const Options& options, OrqCameraManagerHandle manager,
         return Serve(options, cameras);
 #else
         return Failure(kExitUsage, "this orqcam was built without the server");
+#endif
+    }
+    if (options.verb == "node") {
+#ifdef ORQCAM_RIG
+        return RigNode(options, cameras);
+#else
+        return Failure(kExitUsage, "this orqcam was built without rigs (libmosquitto)");
 #endif
     }
     if (options.verb == "watch") return Watch(options, manager, cameras);
@@ -280,7 +293,13 @@ int Run(const std::vector<std::string>& arguments, bool simulated) {
     Outcome outcome;
     std::string error;
     std::vector<OrqSimCamera> attached;
-    if (!sdk.Load(simulated, error)) {
+    if (options.verb == "rig") {
+#ifdef ORQCAM_RIG
+        outcome = RigControl(options);
+#else
+        outcome = Failure(kExitUsage, "this orqcam was built without rigs (libmosquitto)");
+#endif
+    } else if (!sdk.Load(simulated, error)) {
         outcome = Failure(kExitSdk, error);
     } else if (options.version) {
         outcome = Version();
@@ -292,6 +311,9 @@ int Run(const std::vector<std::string>& arguments, bool simulated) {
             attached.push_back(camera);
             OrqChar path[512] = {};
             if (sdk.SimGetCameraPath(camera, path, 512) == ORQ_OK) paths.push_back(Utf8(path));
+            if (options.latencyUs || options.latencyNsPerByte)
+                sdk.SimSetLatency(camera, static_cast<uint32_t>(options.latencyUs),
+                                  static_cast<uint32_t>(options.latencyNsPerByte));
         }
         outcome = Started(options, simulated, paths);
         for (OrqSimCamera camera : attached) sdk.SimRemoveCamera(camera);

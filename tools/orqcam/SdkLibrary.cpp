@@ -112,6 +112,8 @@ bool SdkLibrary::Load(bool simulated, std::string& error) {
     bind(NewPreviewFrameSubscribe, "OrqNewPreviewFrameSubscribe");
     ShootSynchronized =
         reinterpret_cast<decltype(ShootSynchronized)>(Symbol("OrqShootSynchronized"));
+    ShootSynchronizedAt =
+        reinterpret_cast<decltype(ShootSynchronizedAt)>(Symbol("OrqShootSynchronizedAt"));
     if (simulated) {
         bind(SimAttachCamera, "OrqSimAttachCamera");
         bind(SimDetachCamera, "OrqSimDetachCamera");
@@ -124,6 +126,7 @@ bool SdkLibrary::Load(bool simulated, std::string& error) {
         bind(SimInjectFault, "OrqSimInjectFault");
         bind(SimSetZoom, "OrqSimSetZoom");
         bind(SimGetCameraPath, "OrqSimGetCameraPath");
+        bind(SimSetLatency, "OrqSimSetLatency");
     }
     if (!complete) error = file + " lacks exports of this SDK version";
     return complete;

@@ -57,6 +57,7 @@ struct SdkLibrary {
     decltype(&OrqNewPreviewFrameSubscribe) NewPreviewFrameSubscribe = nullptr;
     // Optional: null in SDK versions without it.
     decltype(&OrqShootSynchronized) ShootSynchronized = nullptr;
+    decltype(&OrqShootSynchronizedAt) ShootSynchronizedAt = nullptr;
     // Simulator build only.
     decltype(&OrqSimAttachCamera) SimAttachCamera = nullptr;
     decltype(&OrqSimDetachCamera) SimDetachCamera = nullptr;
@@ -69,6 +70,7 @@ struct SdkLibrary {
     decltype(&OrqSimInjectFault) SimInjectFault = nullptr;
     decltype(&OrqSimSetZoom) SimSetZoom = nullptr;
     decltype(&OrqSimGetCameraPath) SimGetCameraPath = nullptr;
+    decltype(&OrqSimSetLatency) SimSetLatency = nullptr;
 
 private:
     void* handle = nullptr;

@@ -480,6 +480,8 @@ void Server::Routes() {
     http.Get(R"(/api/cameras/(\d+)/shots/([^/]+)/thumb)", bind(&Server::Thumb));
     http.Get(R"(/api/cameras/(\d+)/live)", bind(&Server::Live));
     http.Get("/api/events", bind(&Server::Events));
+    if (extension && extension->routes) extension->routes(http);
+    if (rig) rig->Routes(http);
     http.set_error_handler([](const Request&, Response& response) {
         if (response.body.empty())
             Error(response, response.status,
@@ -500,9 +502,19 @@ Outcome Server::Run() {
             host = host.substr(1, host.size() - 2);
     }
     token = options.token;
+    if (token.empty() && extension) token = RandomToken();
     if (token.empty() && !IsLoopback(host)) {
         token = RandomToken();
         Say("listening beyond this machine: every request needs the token %s\n", token.c_str());
+    }
+    if (!extension && !options.broker.empty()) {
+#ifdef ORQCAM_RIG
+        Outcome failed;
+        rig = FollowRig(options, failed);
+        if (!rig) return failed;
+#else
+        return Failure(kExitUsage, "this orqcam is built without rigs (needs libmosquitto)");
+#endif
     }
     const char* base = std::getenv("TMPDIR");
     std::string folder = std::string(base && *base ? base : "/tmp") + "/orqcam-serve-XXXXXX";
@@ -532,9 +544,12 @@ Outcome Server::Run() {
                  token.empty() ? "" : ("?token=" + token).c_str());
     std::fflush(io.out);
 
+    if (extension && extension->listening) extension->listening(host, bound, token);
+
     std::atomic<bool> ended{false};
     std::thread watcher([&] {
-        while (!signalled && !ended) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        while (!signalled && !ended && !(extension && extension->stop && *extension->stop))
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
         // Streams end; requests under way, downloads among them, run to their end.
         hub.Stop();
         http.stop();
@@ -554,11 +569,12 @@ Outcome Server::Run() {
 
 }  // namespace serve
 
-Outcome Serve(const Options& options, const std::vector<Camera*>& cameras) {
+Outcome Serve(const Options& options, const std::vector<Camera*>& cameras,
+              const ServeExtension* extension) {
 #ifndef _WIN32
     std::signal(SIGPIPE, SIG_IGN);
 #endif
-    serve::Server server(options, cameras);
+    serve::Server server(options, cameras, extension);
     return server.Run();
 }
 

@@ -11,6 +11,7 @@
 #include "Serve.h"
 #include "ServeHub.h"
 #include "ServeJson.h"
+#include "ServeRig.h"
 
 namespace orqcam {
 namespace serve {
@@ -45,8 +46,9 @@ inline int StatusFor(OrqResult result) {
 }
 class Server {
 public:
-    Server(const Options& options, const std::vector<Camera*>& cameras)
-        : options(options), hub(cameras) {}
+    Server(const Options& options, const std::vector<Camera*>& cameras,
+           const ServeExtension* extension)
+        : options(options), extension(extension), hub(cameras) {}
 
     Outcome Run();
 
@@ -83,6 +85,8 @@ private:
     void Events(const Request& request, Response& response);
 
     const Options& options;
+    const ServeExtension* extension;
+    std::unique_ptr<RigView> rig;  // with --broker: outlives the server's handlers
     Hub hub;
     httplib::Server http;
     std::string token;

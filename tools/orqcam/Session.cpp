@@ -49,13 +49,20 @@ void Camera::SetEventSink(EventSink newSink) {
     sink = std::move(newSink);
 }
 
+void Camera::SetEventTap(EventSink newTap) {
+    std::lock_guard<std::mutex> guard(lock);
+    tap = std::move(newTap);
+}
+
 void Camera::Tell(const std::string& kind, const std::string& text, const std::string& json) {
-    EventSink copy;
+    EventSink copy, tapped;
     {
         std::lock_guard<std::mutex> guard(lock);
         copy = sink;
+        tapped = tap;
     }
     if (copy) copy(*this, kind, text, json);
+    if (tapped) tapped(*this, kind, text, json);
 }
 
 bool Camera::Enter() {
@@ -77,6 +84,7 @@ void Camera::Close() {
     std::unique_lock<std::mutex> guard(lock);
     closed = true;
     sink = nullptr;
+    tap = nullptr;
     // A callback's SDK calls are short; the bound only keeps a stuck one from hanging us.
     changed.wait_for(guard, std::chrono::seconds(10), [this] { return inside == 0; });
 }

@@ -40,6 +40,8 @@ public:
     const OrqCameraInfo& Info() const { return info; }
     std::string Name() const;
     void SetEventSink(EventSink sink);
+    // A second listener beside the sink, told after it: orqcam node beside the server's page.
+    void SetEventTap(EventSink tap);
 
     // Counters of events so far; a wait names the count it has seen and waits for more.
     struct Counts {
@@ -92,6 +94,7 @@ private:
     std::vector<FileRecord> shots;
     std::vector<std::pair<int, std::string>> downloads;
     EventSink sink;
+    EventSink tap;
 };
 
 }  // namespace orqcam

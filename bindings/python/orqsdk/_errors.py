@@ -21,6 +21,7 @@ class Result(enum.IntEnum):
     SECOND_PROCESS = 10
     OLD_MODULE = 13
     NO_PERMISSION = 14
+    TOO_LATE = 15
 
     @property
     def c_name(self) -> str:

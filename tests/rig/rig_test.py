@@ -1,0 +1,478 @@
+#!/usr/bin/python3
+"""A rig of four "PCs" on one machine: a mosquitto broker on a free loopback port with a password,
+four orqcam nodes, each in its own private /tmp (the SDK allows one process per machine) with 16
+virtual cameras, and orqcam rig as the controller. Twenty shots, then the faults: a wrong
+password, a fire delivered twice, one that comes too late, a node killed during a shot, the
+broker restarted, a collect interrupted; and one run over TLS with certificates made here.
+
+usage: rig_test.py ORQCAM   (as root: unshare, mount and chown need it)
+
+Every wait is bounded and watches for what it waits for; nothing sleeps a fixed time."""
+
+import hashlib
+import json
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+import paho.mqtt.client as mqtt
+
+ORQCAM = os.path.abspath(sys.argv[1]) if len(sys.argv) > 1 else "orqcam"
+RIG = "ci"
+NODES = 4
+CAMERAS = 16
+SHOTS = 20
+MODELS = ["SX160", "A810", "G15", "SX40"]
+PASSWORD = "rig-secret"
+work = None  # the run's folder, under /var/tmp: each node has its own /tmp
+
+
+def make_work():
+    global work
+    work = tempfile.mkdtemp(prefix="orq-rig-", dir="/var/tmp")
+    os.chmod(work, 0o755)  # the broker runs as its own user
+    return work
+failures = []
+children = []  # every broker and node started, stopped by their ids at the end
+
+
+def check(condition, what):
+    if not condition:
+        failures.append(what)
+        print("FAIL:", what, flush=True)
+    return condition
+
+
+class Fatal(Exception):
+    pass
+
+
+def wait_until(predicate, seconds, what, pace=0.1, fatal=False):
+    """Polls until predicate() holds; None (and a failure) after the bound, or Fatal."""
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        value = predicate()
+        if value:
+            return value
+        time.sleep(pace)
+    check(False, "within %.0f s: %s" % (seconds, what))
+    if fatal:
+        raise Fatal(what)
+    return None
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+class Broker:
+    def __init__(self, name, tls=False):
+        self.folder = os.path.join(work, name)
+        os.makedirs(self.folder)
+        self.port = free_port()
+        self.tls = tls
+        password_file = os.path.join(self.folder, "pw")
+        subprocess.run(["mosquitto_passwd", "-b", "-c", password_file, "rig", PASSWORD],
+                       check=True)
+        lines = ["listener %d 127.0.0.1" % self.port, "allow_anonymous false",
+                 "password_file " + password_file, "persistence false"]
+        if tls:
+            self.cafile = make_certificates(self.folder)
+            lines += ["cafile " + self.cafile,
+                      "certfile " + os.path.join(self.folder, "server.crt"),
+                      "keyfile " + os.path.join(self.folder, "server.key")]
+        with open(os.path.join(self.folder, "m.conf"), "w") as conf:
+            conf.write("\n".join(lines) + "\n")
+        # mosquitto drops to its own user and must read what it is given.
+        subprocess.run(["chown", "-R", "mosquitto", self.folder], check=True)
+        self.process = None
+        self.start()
+
+    def start(self):
+        log = open(os.path.join(self.folder, "broker.log"), "a")
+        self.process = subprocess.Popen(["mosquitto", "-c", os.path.join(self.folder, "m.conf")],
+                                        stdout=log, stderr=log)
+        children.append(self.process)
+        wait_until(self.listening, 10, "broker on port %d" % self.port, fatal=True)
+
+    def listening(self):
+        try:
+            socket.create_connection(("127.0.0.1", self.port), timeout=1).close()
+            return True
+        except OSError:
+            return False
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait(10)
+
+    def url(self, user="rig"):
+        return "%s://%s@127.0.0.1:%d" % ("mqtts" if self.tls else "mqtt", user, self.port)
+
+
+def make_certificates(folder):
+    def openssl(*arguments):
+        subprocess.run(["openssl"] + list(arguments), check=True, capture_output=True)
+
+    ca_key, ca = os.path.join(folder, "ca.key"), os.path.join(folder, "ca.crt")
+    key, request = os.path.join(folder, "server.key"), os.path.join(folder, "server.csr")
+    extensions = os.path.join(folder, "san.ext")
+    with open(extensions, "w") as f:
+        f.write("subjectAltName=IP:127.0.0.1\n")
+    openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=rig-ca",
+            "-keyout", ca_key, "-out", ca)
+    openssl("req", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=127.0.0.1", "-keyout", key,
+            "-out", request)
+    openssl("x509", "-req", "-in", request, "-CA", ca, "-CAkey", ca_key, "-CAcreateserial",
+            "-days", "2", "-extfile", extensions, "-out", os.path.join(folder, "server.crt"))
+    return ca
+
+
+def password_file():
+    path = os.path.join(work, "password")
+    if not os.path.exists(path):
+        with open(path, "w") as f:
+            f.write(PASSWORD + "\n")
+    return path
+
+
+class Node:
+    def __init__(self, broker, name, cameras, extra=(), latency=None):
+        self.broker, self.name, self.cameras, self.extra = broker, name, cameras, list(extra)
+        self.latency = latency
+        self.store = os.path.join(work, "store-" + name)
+        self.log = os.path.join(work, "node-%s.log" % name)
+        self.process = None
+
+    def start(self):
+        models = []
+        for i in range(self.cameras):
+            models += ["--virtual", MODELS[i % len(MODELS)]]
+        if self.latency:
+            models += ["--virtual-latency", self.latency]
+        command = [ORQCAM] + models + ["node", "--broker", self.broker.url(), "--rig", RIG,
+                                       "--node", self.name, "--store", self.store,
+                                       "--password-file", password_file()] + self.extra
+        inner = "mount -t tmpfs tmpfs /tmp && exec " + " ".join("'%s'" % c for c in command)
+        self.process = subprocess.Popen(
+            ["unshare", "-m", "--propagation", "private", "--", "sh", "-c", inner],
+            stdout=open(self.log, "a"), stderr=subprocess.STDOUT)
+        children.append(self.process)
+
+    def stop(self, how=signal.SIGTERM):
+        if self.process and self.process.poll() is None:
+            self.process.send_signal(how)
+            self.process.wait(30)
+        return self.process.returncode
+
+
+def rig(broker, *arguments, password=PASSWORD, extra=()):
+    """orqcam rig ...: (exit code, its JSON document)."""
+    environment = dict(os.environ, ORQ_RIG_PASSWORD=password)
+    command = [ORQCAM, "--json", "rig", "--broker", broker.url(), "--rig", RIG] + list(extra) + \
+        list(arguments)
+    done = subprocess.run(command, capture_output=True, text=True, env=environment, timeout=120)
+    try:
+        document = json.loads(done.stdout) if done.stdout.strip() else {}
+    except ValueError:
+        document = {"unparsed": done.stdout}
+    return done.returncode, document, done.stderr
+
+
+def rig_state(broker, extra=()):
+    code, document, _ = rig(broker, "list", extra=extra)
+    return document if code == 0 else None
+
+
+def online(broker, names, cameras_each, extra=()):
+    """The rig shows these nodes online with their cameras."""
+    def ready():
+        state = rig_state(broker, extra)
+        if not state:
+            return False
+        up = {n["node"] for n in state["nodes"] if n.get("online")}
+        counted = {}
+        for camera in state["cameras"]:
+            if camera.get("online"):
+                counted[camera["node"]] = counted.get(camera["node"], 0) + 1
+        return all(n in up and counted.get(n) == cameras_each for n in names)
+    return ready
+
+
+def sha256(path):
+    with open(path, "rb") as f:
+        return hashlib.sha256(f.read()).hexdigest()
+
+
+def check_shot(broker, nodes, shot, number, shots_dir, expect_complete=True):
+    """Fired once each (the virtual cameras number their pictures in order), collected byte for
+    byte, manifest complete. number: the picture number every camera's file must carry."""
+    code, collected, _ = rig(broker, "collect", shot, "--dir", shots_dir)
+    check(code == 0, "collect %s exits 0, not %d" % (shot, code))
+    with open(os.path.join(shots_dir, shot, "manifest.json")) as f:
+        manifest = json.load(f)
+    check(manifest["complete"] is expect_complete, "%s manifest complete" % shot)
+    cameras = manifest["cameras"]
+    check(len(cameras) == len(nodes) * CAMERAS,
+          "%s manifest lists %d cameras, not %d" % (shot, len(cameras), len(nodes) * CAMERAS))
+    problems = []
+    for entry in cameras:
+        files = entry["files"]
+        where = "%s/%s" % (entry["node"], entry["camera"])
+        if len(files) != 1:
+            problems.append(where + " has no file: " + entry.get("reason", ""))
+            continue
+        if not (entry["release"]["status"] == "fired" and entry["model"] in MODELS and
+                entry["settings"].get("Image Size")):
+            problems.append(where + " lacks its release, model or settings")
+        if files[0]["name"] != "IMG_%04d.JPG" % number:
+            problems.append(where + " did not fire once: %s" % files[0]["name"])
+        local = os.path.join(shots_dir, shot, files[0]["path"])
+        kept = os.path.join(work, "store-" + entry["node"], shot, files[0]["path"])
+        with open(local, "rb") as a, open(kept, "rb") as b:
+            if a.read() != b.read():
+                problems.append(where + " differs from the node's copy")
+        if sha256(local) != files[0]["sha256"] or os.path.getsize(local) != files[0]["size"]:
+            problems.append(where + " does not match the manifest's size and SHA-256")
+    check(not problems, "%s: %d cameras wrong, e.g. %s" % (shot, len(problems), problems[:2]))
+    return collected
+
+
+class Listener:
+    """A subscriber of our own (paho): in place once the broker has acknowledged it."""
+
+    def __init__(self, broker, *topics):
+        self.messages = []
+        self.changed = threading.Condition()
+        self.acknowledged = 0
+        self.client = mqtt.Client()
+        self.client.username_pw_set("rig", PASSWORD)
+        self.client.on_message = self.received
+        self.client.on_subscribe = self.subscribed
+        self.client.connect("127.0.0.1", broker.port)
+        self.client.loop_start()
+        for topic in topics:
+            self.client.subscribe("orq/v1/%s/%s" % (RIG, topic), qos=1)
+        self.wait(lambda: self.acknowledged == len(topics), "subscribed to %s" % (topics,))
+
+    def subscribed(self, client, userdata, mid, granted):
+        with self.changed:
+            self.acknowledged += 1
+            self.changed.notify_all()
+
+    def received(self, client, userdata, message):
+        with self.changed:
+            self.messages.append((message.topic, json.loads(message.payload)))
+            self.changed.notify_all()
+
+    def wait(self, predicate, what, seconds=20):
+        with self.changed:
+            return check(self.changed.wait_for(predicate, seconds), "within %d s: %s" % (seconds, what))
+
+    def publish(self, topic, payload):
+        self.client.publish("orq/v1/%s/%s" % (RIG, topic), json.dumps(payload), qos=1).wait_for_publish()
+
+    def close(self):
+        self.client.loop_stop()
+        self.client.disconnect()
+
+
+def main():
+    make_work()
+    started = time.monotonic()
+    broker = Broker("broker")
+    names = ["pc%d" % i for i in range(NODES)]
+    nodes = [Node(broker, name, CAMERAS) for name in names]
+    for node in nodes:
+        node.start()
+    wait_until(online(broker, names, CAMERAS), 60, "four nodes of 16 cameras online", fatal=True)
+    print("rig up after %.1f s" % (time.monotonic() - started), flush=True)
+    shots_dir = os.path.join(work, "shots")
+
+    # Twenty shots; every camera numbers its pictures from IMG_0100 on.
+    number = 100
+    spreads = []
+    for k in range(SHOTS):
+        shot = "shot-%02d" % k
+        code, fired, _ = rig(broker, "shoot", "--id", shot, "--lead", "600")
+        check(code == 0, "%s: rig shoot exits 0, not %d" % (shot, code))
+        check(len(fired.get("cameras", [])) == NODES * CAMERAS and
+              all(c["status"] == "fired" for c in fired.get("cameras", [])),
+              shot + ": every camera fired")
+        spreads.append(fired.get("spreadUs", 0))
+        check_shot(broker, names, shot, number, shots_dir)
+        number += 1
+    spreads.sort()
+    print("20 shots: release spread median %.3f ms, worst %.3f ms (node clocks)" %
+          (spreads[len(spreads) // 2] / 1000, spreads[-1] / 1000), flush=True)
+
+    # A wrong password: refused with a clear error and exit 7, from controller and node alike.
+    code, document, error = rig(broker, "list", password="wrong")
+    check(code == 7 and "refused" in error and document.get("exit") == 7,
+          "a wrong password: exit 7 with a clear error, not %d %r" % (code, error))
+    with open(os.path.join(work, "wrong"), "w") as f:
+        f.write("wrong\n")
+    environment_wrong = [ORQCAM, "--virtual", "SX160", "node", "--broker", broker.url(), "--rig",
+                         RIG, "--node", "intruder", "--password-file", os.path.join(work, "wrong")]
+    done = subprocess.run(["unshare", "-m", "--propagation", "private", "--", "sh", "-c",
+                           "mount -t tmpfs tmpfs /tmp && exec " +
+                           " ".join("'%s'" % c for c in environment_wrong)],
+                          capture_output=True, text=True, timeout=60)
+    check(done.returncode == 7 and "refused" in done.stderr,
+          "a node with a wrong password exits 7, not %d" % done.returncode)
+
+    # A fire delivered twice: fired once, the second answered as a duplicate.
+    listener = Listener(broker, "report/+/twice")
+    command = {"v": 1, "id": "twice", "at": int(time.time() * 1e6) + 1500000}
+    listener.publish("cmd/fire", command)
+    listener.publish("cmd/fire", command)
+    listener.wait(lambda: len(listener.messages) >= 2 * NODES, "two reports from each node")
+    got = [payload for _, payload in listener.messages]
+    listener.close()
+    check(len(got) == 2 * NODES, "two reports from each node on a double fire, got %d" % len(got))
+    check(sorted(r["duplicate"] for r in got) == [False] * NODES + [True] * NODES,
+          "each node fired the double command once and answered the second as duplicate")
+    wait_until(lambda: rig(broker, "collect", "twice", "--dir", shots_dir)[0] == 0, 30,
+               "the double fire's pictures kept")
+    check_shot(broker, names, "twice", number, shots_dir)
+    number += 1
+
+    # A fire that arrives too late: nobody fires, every camera is reported late.
+    listener = Listener(broker, "report/+/too-late")
+    listener.publish("cmd/fire", {"v": 1, "id": "too-late", "at": int(time.time() * 1e6) - 200000})
+    listener.wait(lambda: len(listener.messages) >= NODES, "a report from each node")
+    got = [payload for _, payload in listener.messages]
+    listener.close()
+    check(len(got) == NODES and all(c["status"] == "late" for r in got for c in r["cameras"]),
+          "a late fire: every camera reported late")
+    code, _, _ = rig(broker, "collect", "too-late", "--dir", shots_dir)
+    with open(os.path.join(shots_dir, "too-late", "manifest.json")) as f:
+        late = json.load(f)
+    check(all(c["files"] == [] and c["reason"] == "late" for c in late["cameras"]),
+          "the late shot's manifest: no files, reason late")
+
+    # A node killed with SIGKILL during a shot: its cameras missing within 5 s, others complete.
+    victim = nodes[3]
+    watcher = Listener(broker, "cmd/fire")
+    environment = dict(os.environ, ORQ_RIG_PASSWORD=PASSWORD)
+    shooter = subprocess.Popen(
+        [ORQCAM, "--json", "rig", "--broker", broker.url(), "--rig", RIG, "shoot", "--id",
+         "killed", "--lead", "1500"], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+        env=environment)
+    watcher.wait(lambda: watcher.messages, "the fire command on the broker")
+    watcher.close()
+    victim.stop(signal.SIGKILL)
+    killed_at = time.monotonic()
+    out, _ = shooter.communicate(timeout=60)
+    told_after = time.monotonic() - killed_at
+    fired = json.loads(out)
+    missing = [c for c in fired["cameras"] if c["node"] == victim.name]
+    check(shooter.returncode == 4 and len(missing) == CAMERAS and
+          all(c["status"] == "missing" for c in missing),
+          "the killed node's cameras reported missing (exit %d)" % shooter.returncode)
+    check(told_after < 5, "the rig knew within 5 s (%.1f s)" % told_after)
+    others = [c for c in fired["cameras"] if c["node"] != victim.name]
+    check(len(others) == 3 * CAMERAS and all(c["status"] == "fired" and c["file"] for c in others),
+          "the other nodes' cameras fired and kept their pictures")
+    code, collected, _ = rig(broker, "collect", "killed", "--dir", shots_dir)
+    with open(os.path.join(shots_dir, "killed", "manifest.json")) as f:
+        manifest = json.load(f)
+    check(code == 4 and not manifest["complete"], "collect of a shot with a lost node: exit 4")
+    check(sum(1 for c in manifest["cameras"] if len(c["files"]) == 1) == 3 * CAMERAS and
+          sum(1 for c in manifest["cameras"] if c.get("reason") == "node offline") == CAMERAS,
+          "the others' files collected, the lost node's cameras listed as offline")
+    victim.start()
+    wait_until(online(broker, names, CAMERAS), 60, "the killed node back")
+    # Its cameras start afresh at IMG_0100; the rest go on.
+
+    # The broker restarted: the nodes are back and their state republished within 10 s.
+    broker.stop()
+    restarted = time.monotonic()
+    broker.start()
+    wait_until(online(broker, names, CAMERAS), 10, "nodes back within 10 s of a broker restart",
+               pace=0.2)
+    print("nodes back %.1f s after the broker restarted" % (time.monotonic() - restarted),
+          flush=True)
+    code, fired, _ = rig(broker, "shoot", "--id", "after-restart", "--lead", "600")
+    check(code == 0, "a shot after the broker restart exits 0, not %d" % code)
+    names_seen = {c["file"]["name"] for c in fired.get("cameras", []) if c["node"] != victim.name
+                  and c.get("file")}
+    check(names_seen == {"IMG_%04d.JPG" % (number + 1)},
+          "no shot fired twice across the restart: %s" % sorted(names_seen))
+
+    # A collect interrupted, then run again: the verified files are not fetched again.
+    fresh = os.path.join(work, "again")
+    interrupted = subprocess.Popen(
+        [ORQCAM, "rig", "--broker", broker.url(), "--rig", RIG, "collect", "shot-00", "--dir",
+         fresh], env=environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    first = os.path.join(fresh, "shot-00")
+    wait_until(lambda: os.path.isdir(first) and any(files for _, _, files in os.walk(first))
+               or interrupted.poll() is not None, 30, "the collect under way")
+    interrupted.kill()
+    interrupted.wait(10)
+    code, again, _ = rig(broker, "collect", "shot-00", "--dir", fresh)
+    check(code == 0 and again["fetched"] + again["kept"] == NODES * CAMERAS,
+          "collect run again completes: %r" % again)
+    # Two files lost and one damaged: exactly those three are fetched again.
+    with open(os.path.join(first, "manifest.json")) as f:
+        entries = json.load(f)["cameras"]
+    paths = [os.path.join(first, e["files"][0]["path"]) for e in entries[:3]]
+    os.remove(paths[0])
+    os.remove(paths[1])
+    with open(paths[2], "r+b") as f:
+        f.write(b"\0damaged")
+    code, again, _ = rig(broker, "collect", "shot-00", "--dir", fresh)
+    check(code == 0 and again["fetched"] == 3 and again["kept"] == NODES * CAMERAS - 3,
+          "a resumed collect fetches only what is missing or damaged: %r" % again)
+    check_shot(broker, names, "shot-00", 100, fresh)
+
+    for node in nodes:
+        check(node.stop() == 0, "node %s stops cleanly on SIGTERM" % node.name)
+    broker.stop()
+
+    # TLS: certificates made here; a plain client on the TLS port is refused.
+    secure = Broker("secure", tls=True)
+    node = Node(secure, "tls0", 2, ["--cafile", secure.cafile])
+    node.start()
+    tls = ["--cafile", secure.cafile]
+    ready = wait_until(online(secure, ["tls0"], 2, extra=tls), 60, "a node over TLS online")
+    if ready:
+        code, fired, _ = rig(secure, "shoot", "--id", "secure", "--lead", "500", extra=tls)
+        check(code == 0, "a shot over TLS exits 0, not %d" % code)
+        code, collected, _ = rig(secure, "collect", "secure", "--dir", shots_dir, extra=tls)
+        check(code == 0 and collected.get("complete"), "a TLS shot collected")
+    secure.tls = False
+    code, _, error = rig(secure, "list")
+    check(code == 7, "a plain client on the TLS port: exit 7, not %d" % code)
+    secure.tls = True
+    node.stop()
+    secure.stop()
+
+    print("rig test: %d failures in %.1f s" % (len(failures), time.monotonic() - started))
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    result = 1
+    try:
+        result = main()
+    except Fatal:
+        pass
+    finally:
+        for child in children:
+            if child.poll() is None:
+                child.kill()
+                child.wait(10)
+    if result == 0 and work:
+        shutil.rmtree(work, ignore_errors=True)
+    else:
+        print("kept for a look:", work)
+    sys.exit(result)
