@@ -299,12 +299,12 @@ ORQ_API OrqResult OrqShoot(OrqSessionHandle session);
 ORQ_API OrqResult OrqShootSynchronized(OrqSessionHandle* sessions, int count, OrqResult* results);
 /** One camera's outcome of OrqShootSynchronizedAt. */
 typedef struct OrqReleaseReport {
-    OrqResult result;    /**< ORQ_OK: its Shoot command went out; ORQ_TOO_LATE: not prepared by
-                            the moment, not fired; otherwise why not, as OrqShootSynchronized */
-    int64_t sentUtcUs;   /**< when its Shoot command left, microseconds since 1970-01-01 UTC by
-                            this machine's clock; 0 when it did not */
-    int64_t lateUs;      /**< ORQ_OK: sentUtcUs minus the moment; ORQ_TOO_LATE: how long after
-                            the moment it was prepared; otherwise 0 */
+    OrqResult result;  /**< ORQ_OK: its Shoot command went out; ORQ_TOO_LATE: not prepared by
+                          the moment, not fired; otherwise why not, as OrqShootSynchronized */
+    int64_t sentUtcUs; /**< when its Shoot command left, microseconds since 1970-01-01 UTC by
+                          this machine's clock; 0 when it did not */
+    int64_t lateUs;    /**< ORQ_OK: sentUtcUs minus the moment; ORQ_TOO_LATE: how long after
+                          the moment it was prepared; otherwise 0 */
 } OrqReleaseReport;
 
 /** Blocking: takes a picture with each of `count` cameras (1 to 1024) at a given moment,
