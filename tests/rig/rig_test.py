@@ -391,6 +391,14 @@ def main():
           "the others' files collected, the lost node's cameras listed as offline")
     victim.start()
     wait_until(online(broker, names, CAMERAS), 60, "the killed node back")
+    # Back with its store: a shot it fired before is never fired again.
+    listener = Listener(broker, "report/%s/shot-05" % victim.name)
+    listener.publish("cmd/fire", {"v": 1, "id": "shot-05", "at": int(time.time() * 1e6) + 500000,
+                                  "cameras": [victim.name]})
+    listener.wait(lambda: listener.messages, "the restarted node's answer")
+    check(listener.messages and listener.messages[0][1]["duplicate"] is True,
+          "a restarted node remembers the shots in its store and does not fire one again")
+    listener.close()
     # Its cameras start afresh at IMG_0100; the rest go on.
 
     # The broker restarted: the nodes are back and their state republished within 10 s.
