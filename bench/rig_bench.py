@@ -13,6 +13,7 @@ usage: rig_bench.py ORQCAM   (as root)"""
 
 import json
 import os
+import shutil
 import statistics
 import subprocess
 import sys
@@ -102,6 +103,7 @@ def main():
     for node in nodes:
         node.stop()
     broker.stop()
+    shutil.rmtree(work, ignore_errors=True)
     return 0
 
 
