@@ -50,8 +50,10 @@ public:
         }
         if (timed_) {
             if (arrived > deadline_) return false;
-            // The caller's thread opens the gate at the moment: one timer, not one per camera.
-            released_.wait_until(deadline_ + kOpenGrace);
+            // The caller's thread opens the gate at the moment: one timer, not one per camera. A
+            // gate never opened lets nobody through late.
+            if (released_.wait_until(deadline_ + kOpenGrace) != std::future_status::ready)
+                return false;
         } else {
             // A future, not the condition: the cameras wake together instead of taking the
             // mutex one after another.
