@@ -350,16 +350,14 @@ ORQ_API OrqResult OrqShootSynchronizedAt(OrqSessionHandle* sessions, int count, 
         const auto releaseAt = steadyNow + ahead;
         auto gate = std::make_shared<ShotGate>(cameras, releaseAt);
         PostTickets(sessions, cameras, gate);
-        const std::vector<OrqResult> outcome = gate->AwaitReports(
-            std::chrono::duration_cast<std::chrono::milliseconds>(ahead) + kShotReportMargin);
+        gate->OpenAtMoment();
+        const std::vector<OrqResult> outcome = gate->AwaitReports(kShotReportMargin);
         const std::vector<ShotGate::Times> times = gate->SlotTimes();
         OrqResult all = ORQ_OK;
         for (size_t i = 0; i < cameras; ++i) {
             OrqReleaseReport report{outcome[i], 0, 0};
-            if (outcome[i] == ORQ_OK && times[i].fired) {
-                report.sentUtcUs =
-                    std::chrono::duration_cast<microseconds>(times[i].sent.time_since_epoch())
-                        .count();
+            if (outcome[i] == ORQ_OK && times[i].sentUs != 0) {
+                report.sentUtcUs = times[i].sentUs;
                 report.lateUs = report.sentUtcUs - atUtcUs;
             } else if (outcome[i] == ORQ_TOO_LATE && times[i].arrived) {
                 report.lateUs =

@@ -4,6 +4,7 @@
 // agree: whoever is ready by then goes, whoever is not stays out rather than shoot late.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <future>
@@ -49,20 +50,32 @@ public:
         }
         if (timed_) {
             if (arrived > deadline_) return false;
-            // The scheduler may wake a sleeper a timer tick late (on some systems 15 ms): sleep
-            // to just short of the moment, then yield until it.
-            std::this_thread::sleep_until(deadline_ - kSpin);
-            while (Clock::now() < deadline_) std::this_thread::yield();
+            // The caller's thread opens the gate at the moment: one timer, not one per camera. A
+            // gate never opened lets nobody through late.
+            if (released_.wait_until(deadline_ + kOpenGrace) != std::future_status::ready)
+                return false;
         } else {
             // A future, not the condition: the cameras wake together instead of taking the
             // mutex one after another.
             released_.wait_until(deadline_);
         }
-        const Wall::time_point sent = Wall::now();
-        std::lock_guard<std::mutex> guard(lock_);
-        slots_[slot].sent = sent;
-        slots_[slot].fired = true;
+        // Without the lock: the cameras leave together. The caller reads it after the camera's
+        // report, or as an atomic while it is late.
+        slots_[slot].sentUs =
+            std::chrono::duration_cast<std::chrono::microseconds>(Wall::now().time_since_epoch())
+                .count();
         return true;
+    }
+
+    // The caller of a timed gate: sleeps to just short of the moment, yields until it (a sleeper
+    // may wake a timer tick late, on some systems 15 ms), and opens the gate.
+    void OpenAtMoment() {
+        std::this_thread::sleep_until(deadline_ - kSpin);
+        while (Clock::now() < deadline_) std::this_thread::yield();
+        std::lock_guard<std::mutex> guard(lock_);
+        if (opened_) return;
+        opened_ = true;
+        release_.set_value();
     }
 
     // When each camera was ready (steady clock) and when its Shoot left (wall clock), for the
@@ -70,14 +83,13 @@ public:
     struct Times {
         bool arrived = false;
         Clock::time_point ready;
-        bool fired = false;
-        Wall::time_point sent;
+        int64_t sentUs = 0;  // 0: not sent
     };
     std::vector<Times> SlotTimes() {
         std::lock_guard<std::mutex> guard(lock_);
         std::vector<Times> times;
         for (const Slot& slot : slots_) {
-            times.push_back({slot.ready != Clock::time_point{}, slot.ready, slot.fired, slot.sent});
+            times.push_back({slot.ready != Clock::time_point{}, slot.ready, slot.sentUs.load()});
         }
         return times;
     }
@@ -112,10 +124,10 @@ private:
         bool reported = false;
         OrqResult result = ORQ_DEVICE_NOT_READY;
         Clock::time_point ready{};
-        bool fired = false;
-        Wall::time_point sent{};
+        std::atomic<int64_t> sentUs{0};  // microseconds since 1970 UTC
     };
     static constexpr std::chrono::milliseconds kSpin{2};
+    static constexpr std::chrono::milliseconds kOpenGrace{1000};
 
     // Under the lock.
     void Leave(size_t slot) {
@@ -131,6 +143,7 @@ private:
     size_t reports_ = 0;
     const Clock::time_point deadline_;
     const bool timed_ = false;
+    bool opened_ = false;
     std::promise<void> release_;
     std::shared_future<void> released_;
 };

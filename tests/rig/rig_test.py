@@ -314,6 +314,23 @@ def main():
     print("20 shots: release spread median %.3f ms, worst %.3f ms (node clocks)" %
           (spreads[len(spreads) // 2] / 1000, spreads[-1] / 1000), flush=True)
 
+    # Settings and zoom on every camera: the cameras hold them; a value some models do not offer
+    # is refused where they lack it, as orqcam set refuses it on one camera (exit 6).
+    code, adjusted, _ = rig(broker, "set", "ISO Speed", "ISO 125")
+    refused = [c for r in adjusted.get("reports", []) for c in r["cameras"] if c["result"] != "ORQ_OK"]
+    check(code == 6 and len(refused) == NODES * CAMERAS * 3 // 4,
+          "ISO 125 refused by the models without it: exit %d, %d refused" % (code, len(refused)))
+    code, adjusted, _ = rig(broker, "set", "ISO Speed", "ISO 400")
+    entries = [c for r in adjusted.get("reports", []) for c in r["cameras"]]
+    check(code == 0 and len(entries) == NODES * CAMERAS and
+          all(c["value"] == "ISO 400" for c in entries), "rig set on every camera: exit %d" % code)
+    code, adjusted, _ = rig(broker, "zoom", "max")
+    check(code == 0, "rig zoom exits 0, not %d" % code)
+    state = rig_state(broker)
+    wrong = [c["camera"] for c in (state or {}).get("cameras", [])
+             if c["settings"].get("ISO Speed") != "ISO 400" or c["zoom"] != c["maxZoom"]]
+    check(state and not wrong, "every camera record holds ISO 400 and the longest zoom: %s" % wrong[:3])
+
     # A wrong password: refused with a clear error and exit 7, from controller and node alike.
     code, document, error = rig(broker, "list", password="wrong")
     check(code == 7 and "refused" in error and document.get("exit") == 7,
@@ -342,7 +359,10 @@ def main():
           "each node fired the double command once and answered the second as duplicate")
     wait_until(lambda: rig(broker, "collect", "twice", "--dir", shots_dir)[0] == 0, 30,
                "the double fire's pictures kept")
-    check_shot(broker, names, "twice", number, shots_dir)
+    collected = check_shot(broker, names, "twice", number, shots_dir)
+    with open(os.path.join(shots_dir, "twice", "manifest.json")) as f:
+        check(all(c["settings"]["ISO Speed"] == "ISO 400" for c in json.load(f)["cameras"]),
+              "the manifest carries the settings at release")
     number += 1
 
     # A fire that arrives too late: nobody fires, every camera is reported late.
@@ -391,6 +411,14 @@ def main():
           "the others' files collected, the lost node's cameras listed as offline")
     victim.start()
     wait_until(online(broker, names, CAMERAS), 60, "the killed node back")
+    # Back with its store: a shot it fired before is never fired again.
+    listener = Listener(broker, "report/%s/shot-05" % victim.name)
+    listener.publish("cmd/fire", {"v": 1, "id": "shot-05", "at": int(time.time() * 1e6) + 500000,
+                                  "cameras": [victim.name]})
+    listener.wait(lambda: listener.messages, "the restarted node's answer")
+    check(listener.messages and listener.messages[0][1]["duplicate"] is True,
+          "a restarted node remembers the shots in its store and does not fire one again")
+    listener.close()
     # Its cameras start afresh at IMG_0100; the rest go on.
 
     # The broker restarted: the nodes are back and their state republished within 10 s.

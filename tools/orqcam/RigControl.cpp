@@ -369,7 +369,7 @@ Outcome Controller::Adjust(const std::string& kind) {
         for (const Json& entry : report.value("cameras", Json::array())) {
             std::string result = TextOf(entry, "result");
             if (result != "ORQ_OK" && exit == kExitOk)
-                exit = result == "ORQ_PROPERTY_CONSTRAINT" ? kExitRefused : kExitCameraError;
+                exit = static_cast<int>(NumberOf(entry, "exit", kExitCameraError));
             std::string shown =
                 kind == "set" ? TextOf(entry, "value") : std::to_string(NumberOf(entry, "zoom"));
             rows.push_back({name, TextOf(entry, "camera"), result,

@@ -522,23 +522,37 @@ void Node::Adjust(const std::string& kind, const Json& command, const std::vecto
     if (!error.empty()) {
         report["error"] = error;
     } else {
+        // Every camera at once: a zoom takes a second or more, and the cameras have a thread each.
+        std::vector<Outcome> outcomes(chosen.size());
+        std::vector<std::thread> workers;
+        for (size_t k = 0; k < chosen.size(); ++k) {
+            workers.emplace_back([&, k] {
+                Camera& camera = *members[chosen[k]].camera;
+                outcomes[k] = kind == "set" ? Set(adjusted, camera) : Zoom(adjusted, camera);
+            });
+        }
+        for (std::thread& worker : workers) worker.join();
         Json entries = Json::array();
-        for (size_t index : chosen) {
-            Camera& camera = *members[index].camera;
-            Outcome outcome = kind == "set" ? Set(adjusted, camera) : Zoom(adjusted, camera);
+        for (size_t k = 0; k < chosen.size(); ++k) {
+            const size_t index = chosen[k];
+            const Outcome& outcome = outcomes[k];
             Json output;
             ParseObject(outcome.json, output);
             Json entry = {
                 {"camera", members[index].key},
                 {"result", outcome.exit == kExitOk ? std::string("ORQ_OK")
                                                    : TextOf(output, "result", "ORQ_ERROR")}};
-            if (outcome.exit != kExitOk) entry["error"] = TextOf(output, "error");
+            if (outcome.exit != kExitOk) {
+                entry["error"] = TextOf(output, "error");
+                entry["exit"] = outcome.exit;  // as orqcam set or zoom on this camera
+            }
             if (outcome.exit == kExitOk && kind == "set")
                 entry["value"] = TextOf(output, "valueName");
             if (outcome.exit == kExitOk && kind == "zoom") entry["zoom"] = NumberOf(output, "zoom");
             entries.push_back(entry);
-            std::lock_guard<std::mutex> guard(lock);
-            dirty.insert(index);
+            // Before the report: whoever reads the report finds the records already new.
+            broker.Publish(Topic("camera/" + node + "/" + members[index].key),
+                           CameraRecord(members[index]).dump(), true);
         }
         report["cameras"] = entries;
     }
@@ -606,6 +620,8 @@ void Node::Routes(httplib::Server& http) {
 Outcome Node::Run() {
     if (!ValidName(options.rig))
         return Failure(kExitUsage, "--rig takes a name of A-Z a-z 0-9 . _ -");
+    // The verbs a command runs on each camera print their tables; a node's output is its log.
+    io.quiet = true;
     node = options.node;
     if (node.empty()) {
         char host[256] = {};

@@ -1,0 +1,115 @@
+// What orqcam node and rig take from the command line and the disk before any broker is asked:
+// the broker's address and password, the names that become topics and folders, and the
+// checksums that decide whether a collected file is fetched again.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "Rig.h"
+
+namespace {
+
+using orqcam::Options;
+using orqcam::rig::BrokerAddress;
+
+TEST(RigBroker, UrlsAndPasswords) {
+    struct Case {
+        const char* url;
+        const char* environment;  // ORQ_RIG_PASSWORD, null: unset
+        const char* file;         // --password-file's content, null: none
+        bool ok;
+        bool tls;
+        const char* user;
+        const char* password;
+        const char* host;
+        int port;
+    };
+    const Case cases[] = {
+        {"mqtt://broker", nullptr, nullptr, true, false, "", "", "broker", 1883},
+        {"mqtts://rig@broker:8884", nullptr, nullptr, true, true, "rig", "", "broker", 8884},
+        {"mqtt://rig:p%40ss@[::1]:1884/", nullptr, nullptr, true, false, "rig", "p@ss", "::1",
+         1884},
+        // The environment over the URL, the file over both.
+        {"mqtt://rig:url@h", "env", nullptr, true, false, "rig", "env", "h", 1883},
+        {"mqtt://rig:url@h", "env", "file\n", true, false, "rig", "file", "h", 1883},
+        {"http://h", nullptr, nullptr, false, false, "", "", "", 0},
+        {"mqtt://", nullptr, nullptr, false, false, "", "", "", 0},
+        {"mqtt://h:0", nullptr, nullptr, false, false, "", "", "", 0},
+        {"mqtt://h:port", nullptr, nullptr, false, false, "", "", "", 0},
+        {"mqtt://h", "secret", nullptr, false, false, "", "", "", 0},  // a password without a user
+    };
+    const std::string file = ::testing::TempDir() + "orq-rig-password";
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.url);
+        Options options;
+        options.broker = c.url;
+        if (c.environment) {
+            setenv("ORQ_RIG_PASSWORD", c.environment, 1);
+        } else {
+            unsetenv("ORQ_RIG_PASSWORD");
+        }
+        if (c.file) {
+            std::ofstream(file) << c.file;
+            options.passwordFile = file;
+        }
+        BrokerAddress address;
+        std::string error;
+        ASSERT_EQ(orqcam::rig::ResolveBroker(options, address, error), c.ok) << error;
+        if (!c.ok) {
+            EXPECT_FALSE(error.empty());
+            continue;
+        }
+        EXPECT_EQ(address.tls, c.tls);
+        EXPECT_EQ(address.user, c.user);
+        EXPECT_EQ(address.password, c.password);
+        EXPECT_EQ(address.host, c.host);
+        EXPECT_EQ(address.port, c.port);
+    }
+    unsetenv("ORQ_RIG_PASSWORD");
+    // An unreadable password file, and a CA for a plain broker, are refused.
+    Options options;
+    options.broker = "mqtt://rig@h";
+    options.passwordFile = file + "-missing";
+    BrokerAddress address;
+    std::string error;
+    EXPECT_FALSE(orqcam::rig::ResolveBroker(options, address, error));
+    options.passwordFile.clear();
+    options.cafile = "ca.crt";
+    EXPECT_FALSE(orqcam::rig::ResolveBroker(options, address, error));
+    std::remove(file.c_str());
+}
+
+TEST(RigNames, TopicLevelsAndFolders) {
+    const std::pair<std::string, bool> names[] = {{"pc-0", true},
+                                                  {"A.z_9", true},
+                                                  {"", false},
+                                                  {".", false},
+                                                  {"..", false},
+                                                  {"a/b", false},
+                                                  {"a+b", false},
+                                                  {"a#", false},
+                                                  {std::string(64, 'x'), true},
+                                                  {std::string(65, 'x'), false},
+                                                  {"caf\xc3\xa9", false}};
+    for (const auto& [name, valid] : names) EXPECT_EQ(orqcam::rig::ValidName(name), valid) << name;
+    EXPECT_EQ(orqcam::rig::SafeName("Orq/Cam 7+#"), "Orq_Cam_7__");
+    EXPECT_EQ(orqcam::rig::SafeName(".."), "unknown");
+    EXPECT_TRUE(orqcam::rig::ValidName(orqcam::rig::SafeName(std::string(100, '/'))));
+}
+
+TEST(RigFiles, ChecksumsAndAtomicWrites) {
+    const std::string path = ::testing::TempDir() + "orq-rig-file";
+    ASSERT_TRUE(orqcam::rig::WriteAtomically(path, "abc"));
+    uint64_t size = 0;
+    EXPECT_EQ(orqcam::rig::FileSha256(path, &size),
+              "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_EQ(size, 3u);
+    EXPECT_EQ(orqcam::rig::FileSha256(path + "-missing", &size), "");
+    std::ifstream leftover(path + ".part");
+    EXPECT_FALSE(leftover.good());
+    std::remove(path.c_str());
+}
+
+}  // namespace
