@@ -58,8 +58,27 @@ typedef struct OrqSimFault {
     uint32_t byteCount;
 } OrqSimFault;
 
-/* Attaches a new camera of a model ("SX160", ...); any text is accepted, so that an unknown
- * model can be tried. Returns the camera, 0 on failure. */
+/** Attaches a new camera of a model and tells the SDK, as plugging in its cable would.
+ *
+ * The models that can be attached: A1400, A2200, A4000, A495, A800, A810, G15, IXUS145, SX130,
+ * SX150, SX160, SX170, SX40, SX500, SX510 (the spelling is exact). Any other text is accepted too,
+ * so that an unknown model can be tried: the SDK then refuses the camera.
+ *
+ * The camera starts as one out of the box: in record mode, every setting on the model's first
+ * value except exposure and flash compensation, which start at 0 (ORQ_COMP_ZERO). Its serial
+ * (OrqCameraInfo.serial) is 32 hex digits made from the model and the camera id, so that every
+ * camera of a process has its own, and the same attach order gives the same serials in every
+ * run. Its card is in memory until OrqSimSetCardFolder.
+ *
+ * Its pictures are JPEG files at the pixel size of the current Image Size, as the model's size
+ * table gives it (OrqPropertyDesc): colour bars and a box naming the model, serial, shot number
+ * and time (UTC); pictures sent straight to the host are made alike, and movies are QuickTime
+ * files of small JPEG frames. In the Windows build, which has no JPEG encoder, pictures are
+ * bytes between JPEG markers. Its live view moves: every frame read shows a bar further on and
+ * the frame's number, in colours of the camera's own, at the scale of the current zoom.
+ *
+ * Returns the camera (1, 2, ... in attach order; ids are not reused), 0 when model is null or
+ * memory ran out. Thread-safe; may be called before or after OrqInitializeSDK. */
 ORQ_API OrqSimCamera OrqSimAttachCamera(const char* model);
 /* Pulls the cable; the camera keeps its card and settings and can be plugged in again. */
 ORQ_API OrqResult OrqSimDetachCamera(OrqSimCamera camera);
@@ -82,6 +101,21 @@ ORQ_API OrqResult OrqSimGetPropCase(OrqSimCamera camera, int32_t propCase, int32
 /* The lens moved at the camera itself. */
 ORQ_API OrqResult OrqSimSetZoom(OrqSimCamera camera, int32_t position);
 ORQ_API OrqResult OrqSimSetFocus(OrqSimCamera camera, int32_t position);
+
+/** Makes a folder on disk the camera's card, so that pictures outlast the process: the folder
+ * is made if it is missing, the files in it (not its subfolders) replace what the card held,
+ * and from then on every file the camera writes (shots, movies, its log, OrqSimAddFile) is
+ * written there too and every file deleted from the card is deleted there. New files are
+ * numbered after the highest number found. `folder` is a NUL-terminated path the caller keeps;
+ * null stands for "orqsim-cards/<serial>" beside the SDK's logs, one folder per serial, which is
+ * what `orqcam --virtual` uses.
+ *
+ * Call it before OrqInitializeSDK, or while the camera is detached (OrqSimDetachCamera, then
+ * OrqSimReattachCamera): the SDK lists the card when the camera arrives, and its start-up
+ * moves pictures numbered 10 and up off the card into its clean-up folder, as with any camera.
+ * Returns ORQ_OK, or ORQ_ERROR for an unknown camera or a folder that cannot be made or read
+ * (the card is then left as it was). Thread-safe. */
+ORQ_API OrqResult OrqSimSetCardFolder(OrqSimCamera camera, const OrqChar* folder);
 
 /* Puts a file on the card; returns its object handle, or -1. */
 ORQ_API int32_t OrqSimAddFile(OrqSimCamera camera, const OrqChar* name, const void* data,
