@@ -82,18 +82,44 @@ TextBlock::TextBlock(std::vector<std::string> text, int scale)
     : lines(std::move(text)), scale(std::max(scale, 1)) {
     width = static_cast<int>(LongestLine(lines)) * kCellWidth * this->scale;
     height = static_cast<int>(lines.size()) * kCellHeight * this->scale;
+    for (int x = 0; x < width; ++x) {
+        const int fx = x / this->scale, column = fx % kCellWidth;
+        cellOfX.push_back(static_cast<int16_t>(column < kGlyphWidth ? fx / kCellWidth : -1));
+        bitOfX.push_back(static_cast<int16_t>(kGlyphWidth - 1 - column));
+    }
+    for (int y = 0; y < height; ++y) {
+        const int fy = y / this->scale, row = fy % kCellHeight;
+        lineOfY.push_back(static_cast<int16_t>(row < kGlyphHeight ? fy / kCellHeight : -1));
+        rowOfY.push_back(static_cast<int16_t>(row));
+    }
+    for (const std::string& line : lines) {
+        glyphs.emplace_back();
+        for (char c : line) {
+            const Glyph* glyph = Find(c);
+            glyphs.back().push_back(glyph ? glyph->rows : nullptr);
+        }
+    }
 }
 
 bool TextBlock::Ink(int x, int y) const {
-    if (x < 0 || y < 0 || x >= width || y >= height) return false;
-    const int fx = x / scale, fy = y / scale;
-    const int column = fx % kCellWidth, row = fy % kCellHeight;
-    if (column >= kGlyphWidth || row >= kGlyphHeight) return false;
-    const std::string& line = lines[static_cast<size_t>(fy / kCellHeight)];
-    const auto at = static_cast<size_t>(fx / kCellWidth);
-    if (at >= line.size()) return false;
-    const Glyph* glyph = Find(line[at]);
-    return glyph && (glyph->rows[row] >> (kGlyphWidth - 1 - column) & 1);
+    return x >= 0 && (InkRow(x, y) & 0x8000) != 0;
+}
+
+uint16_t TextBlock::InkRow(int x0, int y) const {
+    if (y < 0 || y >= height || lineOfY[static_cast<size_t>(y)] < 0) return 0;
+    const auto& cells = glyphs[static_cast<size_t>(lineOfY[static_cast<size_t>(y)])];
+    const int row = rowOfY[static_cast<size_t>(y)];
+    uint16_t bits = 0;
+    for (int i = 0, x = x0; i < 16; ++i, ++x) {
+        if (x < 0 || x >= width) continue;
+        const int cell = cellOfX[static_cast<size_t>(x)];
+        if (cell < 0 || static_cast<size_t>(cell) >= cells.size()) continue;
+        const uint8_t* rows = cells[static_cast<size_t>(cell)];
+        if (rows && (rows[row] >> bitOfX[static_cast<size_t>(x)] & 1)) {
+            bits |= static_cast<uint16_t>(0x8000 >> i);
+        }
+    }
+    return bits;
 }
 
 }  // namespace orqsim

@@ -2,6 +2,7 @@
 // digits, capital letters (small ones are drawn as capitals) and a few signs.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,12 +18,18 @@ public:
     int Scale() const { return scale; }
     // Whether the picture pixel (x, y), relative to the block's top left, is ink.
     bool Ink(int x, int y) const;
+    // Ink of pixels x0 .. x0 + 15 of row y as bits, bit 15 for x0: a tile's row in one call.
+    uint16_t InkRow(int x0, int y) const;
 
 private:
     std::vector<std::string> lines;
     int scale;
     int width = 0;
     int height = 0;
+    // Per pixel column: the cell (-1 in the gap between glyphs) and the glyph's bit; per pixel
+    // row: the line (-1 between lines) and the glyph's row. Glyph rows per line and cell.
+    std::vector<int16_t> cellOfX, bitOfX, lineOfY, rowOfY;
+    std::vector<std::vector<const uint8_t*>> glyphs;
 };
 
 // The widest line's length in cells, for choosing a scale.

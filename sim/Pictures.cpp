@@ -71,12 +71,8 @@ struct Tile {
         }
         return true;
     }
-    std::string Key() const {
-        std::string key(reinterpret_cast<const char*>(&paper), sizeof paper);
-        if (Flat()) return key;
-        key.append(reinterpret_cast<const char*>(&ink), sizeof ink);
-        key.append(reinterpret_cast<const char*>(mask.data()), sizeof mask);
-        return key;
+    bool operator==(const Tile& other) const {
+        return paper == other.paper && ink == other.ink && mask == other.mask;
     }
     void Render(uint8_t* rgb, size_t stride, int columns, int rows) const {
         for (int y = 0; y < rows; ++y) {
@@ -90,6 +86,19 @@ struct Tile {
         }
     }
 };
+
+struct TileHash {
+    size_t operator()(const Tile& tile) const {
+        uint64_t hash = 1469598103934665603ull ^ tile.paper ^ (uint64_t{tile.ink} << 24);
+        for (uint16_t row : tile.mask) hash = (hash ^ row) * 1099511628211ull;
+        return static_cast<size_t>(hash);
+    }
+};
+
+// A flat tile of one colour, always in the same form, so that equal tiles meet in the caches.
+Tile Flat(uint32_t colour) {
+    return Tile{colour, colour, {}};
+}
 
 constexpr uint32_t kPaper = 0xF4F4F0, kInk = 0x101010;
 // Bars at 75 %, their checker squares darker, and a grey ramp at the foot.
@@ -134,22 +143,17 @@ struct Layout {
     }
 
     Tile At(int tx, int ty) const {
-        Tile tile;
+        Tile tile{kPaper, kInk, {}};
         if (tx >= boxX0 && tx < boxX1 && ty >= boxY0 && ty < boxY1) {
             tile.paper = kPaper;
             tile.ink = kInk;
             const int x0 = tx * kTile - textX, y0 = ty * kTile - textY;
             // Tiles wholly outside the text are paper: no pixel to look at.
             if (x0 + kTile <= 0 || y0 + kTile <= 0 || x0 >= text.Width() || y0 >= text.Height()) {
-                return tile;
+                return Flat(kPaper);
             }
-            for (int y = 0; y < kTile; ++y) {
-                uint16_t row = 0;
-                for (int x = 0; x < kTile; ++x) {
-                    if (text.Ink(x0 + x, y0 + y)) row |= static_cast<uint16_t>(0x8000 >> x);
-                }
-                tile.mask[static_cast<size_t>(y)] = row;
-            }
+            for (int y = 0; y < kTile; ++y)
+                tile.mask[static_cast<size_t>(y)] = text.InkRow(x0, y0 + y);
             if (std::all_of(tile.mask.begin(), tile.mask.end(),
                             [](uint16_t r) { return r == 0xFFFF; })) {
                 tile = Tile{kInk, kInk, {}};
@@ -159,13 +163,11 @@ struct Layout {
         const int rampRows = std::max(1, tilesY / 8);
         if (ty >= tilesY - rampRows) {
             const auto grey = static_cast<uint32_t>(tx * 15 / std::max(1, tilesX - 1) * 17);
-            tile.paper = grey << 16 | grey << 8 | grey;
-            return tile;
+            return Flat(grey << 16 | grey << 8 | grey);
         }
         const int cell = std::max(1, tilesY / 6);
         const uint32_t bar = kBars[(static_cast<uint32_t>(tx * 8 / tilesX) + seed) % 8];
-        tile.paper = ((tx / cell + ty / cell) & 1) ? Darker(bar) : bar;
-        return tile;
+        return Flat(((tx / cell + ty / cell) & 1) ? Darker(bar) : bar);
     }
 };
 
@@ -186,16 +188,16 @@ public:
 
     bool Header(Bytes& out) {
         std::lock_guard<std::mutex> guard(lock);
-        if (header.empty() && !EncodeLocked(Tile{kPaper, kPaper, {}})) return false;
+        if (header.empty() && !EncodeLocked(Flat(kPaper))) return false;
         out = header;
         return true;
     }
 
-    Segment Get(const Tile& tile, const std::string& key) {
+    Segment Get(const Tile& tile) {
         std::lock_guard<std::mutex> guard(lock);
-        auto found = segments.find(key);
+        auto found = segments.find(tile);
         if (found != segments.end()) return found->second;
-        return EncodeLocked(tile) ? segments[key] = last : nullptr;
+        return EncodeLocked(tile) ? segments[tile] = last : nullptr;
     }
 
 private:
@@ -240,7 +242,7 @@ private:
         std::vector<unsigned char>(tjBufSize(kTile, kTile, TJSAMP_420));
     Bytes header;
     Segment last;
-    std::unordered_map<std::string, Segment> segments;
+    std::unordered_map<Tile, Segment, TileHash> segments;
 };
 
 void Put16(Bytes& out, size_t v) {
@@ -315,28 +317,30 @@ size_t Compose(const PictureLabel& label, int width, int height, Bytes* out) {
     if (width <= 0 || height <= 0 || width > kMaxSide || height > kMaxSide) return 0;
     const Layout layout(label, width, height);
     Bytes header;
-    std::vector<Segment> segments(static_cast<size_t>(layout.tilesX) * layout.tilesY);
+    // Borrowed from `seen`, which keeps them for the call.
+    std::vector<const Bytes*> segments(static_cast<size_t>(layout.tilesX) * layout.tilesY);
     bool tiled = PictureHeader(label, width, height, header);
-    // Bars and ramp take a few colours: each is looked up once per picture.
-    std::unordered_map<uint32_t, Segment> flat;
+    // Tiles repeat within a picture (bars, paper, glyph pieces): each is looked up in the
+    // process's cache, under its lock, once per picture.
+    std::unordered_map<Tile, Segment, TileHash> seen;
     TileCache& cache = TileCache::Instance();
     size_t total = header.size() + 2 * segments.size();  // restart markers and EOI
+    Tile previous = Flat(kPaper);
+    Segment last;
     for (int ty = 0; ty < layout.tilesY && tiled; ++ty) {
         for (int tx = 0; tx < layout.tilesX && tiled; ++tx) {
             const Tile tile = layout.At(tx, ty);
-            Segment segment;
-            if (tile.Flat()) {
-                Segment& known = flat[tile.paper];
-                if (!known) known = cache.Get(tile, tile.Key());
-                segment = known;
-            } else {
-                segment = cache.Get(tile, tile.Key());
+            if (!last || !(tile == previous)) {
+                Segment& known = seen[tile];
+                if (!known) known = cache.Get(tile);
+                last = known;
+                previous = tile;
             }
-            if (!segment)
+            if (!last)
                 tiled = false;
             else
-                total += segment->size();
-            segments[static_cast<size_t>(ty) * layout.tilesX + tx] = std::move(segment);
+                total += last->size();
+            segments[static_cast<size_t>(ty) * layout.tilesX + tx] = last.get();
         }
     }
     if (!tiled) {

@@ -265,7 +265,10 @@ int Run(const std::vector<std::string>& arguments, bool simulated) {
     } else {
         for (const std::string& model : options.models) {
             OrqSimCamera camera = sdk.SimAttachCamera(model.c_str());
-            if (camera) attached.push_back(camera);
+            if (!camera) continue;
+            // A card that lasts: what one run shoots, the next finds (serials follow the order).
+            if (sdk.SimSetCardFolder) sdk.SimSetCardFolder(camera, nullptr);
+            attached.push_back(camera);
         }
         outcome = Started(options, simulated);
         for (OrqSimCamera camera : attached) sdk.SimRemoveCamera(camera);

@@ -113,6 +113,8 @@ bool SdkLibrary::Load(bool simulated, std::string& error) {
     ShootSynchronized =
         reinterpret_cast<decltype(ShootSynchronized)>(Symbol("OrqShootSynchronized"));
     if (simulated) {
+        SimSetCardFolder =
+            reinterpret_cast<decltype(SimSetCardFolder)>(Symbol("OrqSimSetCardFolder"));
         bind(SimAttachCamera, "OrqSimAttachCamera");
         bind(SimDetachCamera, "OrqSimDetachCamera");
         bind(SimRemoveCamera, "OrqSimRemoveCamera");

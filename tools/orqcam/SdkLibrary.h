@@ -57,6 +57,8 @@ struct SdkLibrary {
     decltype(&OrqNewPreviewFrameSubscribe) NewPreviewFrameSubscribe = nullptr;
     // Optional: null in SDK versions without it.
     decltype(&OrqShootSynchronized) ShootSynchronized = nullptr;
+    // Simulator build only; null in versions without it.
+    decltype(&OrqSimSetCardFolder) SimSetCardFolder = nullptr;
     // Simulator build only.
     decltype(&OrqSimAttachCamera) SimAttachCamera = nullptr;
     decltype(&OrqSimDetachCamera) SimDetachCamera = nullptr;
