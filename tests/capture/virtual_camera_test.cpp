@@ -155,6 +155,7 @@ TEST_F(VirtualCameraTest, ABoothOfThreeGetsDecodablePicturesOfTheRightSizeFromEa
         OrqFileInfo shot{};
         ASSERT_TRUE(ShootTo(s, dir / ("shot" + std::to_string(i) + ".jpg"), shot));
         EXPECT_EQ(shot.id < 0, row.direct);
+        OrqFree(s);
         const std::string jpeg = FileText(dir / ("shot" + std::to_string(i) + ".jpg"));
         EXPECT_EQ(jpeg.size(), static_cast<size_t>(shot.size));
         if (!orqsim::JpegPicturesBuilt()) continue;
@@ -164,7 +165,6 @@ TEST_F(VirtualCameraTest, ABoothOfThreeGetsDecodablePicturesOfTheRightSizeFromEa
         EXPECT_EQ(picture.height, row.height);
         const std::string serial = Ascii(Serial(cameras[i]));
         EXPECT_NE(jpeg.find(row.model + (" serial " + serial + " shot 1 ")), std::string::npos);
-        OrqFree(s);
     }
 }
 
