@@ -20,6 +20,8 @@ namespace {
 // Files larger than this in a card folder are left out of the card.
 constexpr uintmax_t kMaxFolderFile = 256u << 20;
 constexpr size_t kMaxFolderFiles = 9999;
+// All a card folder may bring into memory.
+constexpr uintmax_t kMaxFolderBytes = uintmax_t{1} << 30;
 // A shot's size where no JPEG encoder is built in.
 constexpr size_t kJpegLikeSize = 180 * 1024;
 
@@ -39,6 +41,15 @@ long FileNumber(const std::u16string& name) {
         if (number > 9999) return -1;
     }
     return number;
+}
+
+// Whether a card name may become a file in the folder: one plain name, nothing that climbs out.
+bool PlainName(const std::u16string& name) {
+    if (name.empty() || name.size() > 64 || name == u"." || name == u"..") return false;
+    for (char16_t c : name) {
+        if (c < 0x20 || c == u'/' || c == u'\\' || c == u':') return false;
+    }
+    return true;
 }
 
 uint64_t Mix(uint64_t x) {
@@ -161,6 +172,7 @@ SharedBytes VirtualCamera::Content(const CardObject& object) const {
 
 bool VirtualCamera::WriteToFolder(const CardObject& object) {
     if (cardFolder.empty() || object.folder) return true;
+    if (!PlainName(object.name)) return false;  // kept on the card in memory only
     SharedBytes bytes = Content(object);
     std::ofstream out(fs::path(cardFolder) / fs::path(object.name),
                       std::ios::binary | std::ios::trunc);
@@ -171,7 +183,7 @@ bool VirtualCamera::WriteToFolder(const CardObject& object) {
 }
 
 void VirtualCamera::RemoveFromFolder(const CardObject& object) {
-    if (cardFolder.empty() || object.folder) return;
+    if (cardFolder.empty() || object.folder || !PlainName(object.name)) return;
     std::error_code error;
     fs::remove(fs::path(cardFolder) / fs::path(object.name), error);
 }
@@ -184,6 +196,7 @@ void VirtualCamera::EraseObject(std::vector<CardObject>::iterator object) {
 
 bool VirtualCamera::SetCardFolder(const std::u16string& folder) {
     std::vector<std::pair<std::u16string, Bytes>> files;
+    uintmax_t total = 0;
     if (!folder.empty()) {
         std::error_code error;
         fs::create_directories(fs::path(folder), error);
@@ -191,13 +204,17 @@ bool VirtualCamera::SetCardFolder(const std::u16string& folder) {
         for (fs::directory_iterator it(fs::path(folder), error), end; !error && it != end;
              it.increment(error)) {
             std::error_code fileError;
-            if (!it->is_regular_file(fileError) || it->file_size(fileError) > kMaxFolderFile)
-                continue;
+            const uintmax_t size = it->is_regular_file(fileError) ? it->file_size(fileError) : 0;
+            if (fileError || size > kMaxFolderFile || size > kMaxFolderBytes - total) continue;
             std::u16string name = it->path().filename().u16string();
-            if (name.empty() || name.size() > 64 || files.size() >= kMaxFolderFiles) continue;
+            if (!PlainName(name) || files.size() >= kMaxFolderFiles) continue;
+            // As many bytes as the listing said, should the file grow meanwhile.
             std::ifstream in(it->path(), std::ios::binary);
-            Bytes bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-            if (!in.bad()) files.emplace_back(std::move(name), std::move(bytes));
+            Bytes bytes(static_cast<size_t>(size));
+            in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(size));
+            bytes.resize(static_cast<size_t>(in.gcount()));
+            total += size;
+            files.emplace_back(std::move(name), std::move(bytes));
         }
         if (error) return false;
         std::sort(files.begin(), files.end());
