@@ -236,6 +236,7 @@ void VirtualCamera::Execute(const Command& command, Answer& answer, Clock::time_
         case OC_GetObjectInfo: {
             CardObject* object = p.empty() ? nullptr : FindVisible(p[0]);
             if (!object) return answer.Fail(RC_InvalidObjectHandle);
+            Measure(*object);
             return ObjectInfo(*object, answer);
         }
         case OC_GetObject: {
@@ -358,6 +359,7 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
                     object.bytes = std::move(text);
                     object.size = object.bytes->size();
                     object.make = nullptr;
+                    object.measure = nullptr;
                     WriteToFolder(object);
                     return;
                 }
@@ -413,18 +415,18 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
         case 163: {  // RemoteCaptureStart
             if (cameraMode != 1 || recording || remote) return answer.Fail(RC_DeviceBusy);
             remote = std::make_unique<RemoteCapture>();
-            Bytes picture = remotePicture;
-            if (picture.empty() && !options.remotePictureSize) {
-                // A picture sent straight to the host is taken as any other shot.
-                const Picture next = NextPicture(now);
-                picture = StillPicture(next.label, next.width, next.height);
+            if (remotePicture.empty() && !options.remotePictureSize && JpegPicturesBuilt()) {
+                // A picture sent straight to the host is taken as any other shot, and built
+                // when the host first reads it.
+                remote->next = std::make_unique<Picture>(NextPicture(now));
+            } else {
+                remote->picture = std::make_shared<const Bytes>(
+                    remotePicture.empty()
+                        ? JpegLike(
+                              options.remotePictureSize ? options.remotePictureSize : 1536 * 1024,
+                              nextHandle)
+                        : remotePicture);
             }
-            if (picture.empty()) {
-                picture =
-                    JpegLike(options.remotePictureSize ? options.remotePictureSize : 1536 * 1024,
-                             nextHandle);
-            }
-            remote->picture = std::make_shared<const Bytes>(std::move(picture));
             remote->readyAt = now + std::chrono::milliseconds(options.remoteReadyMs);
             return;
         }
@@ -439,6 +441,12 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
         }
         case 165: {  // RemoteCaptureGetData
             if (!remote || now < remote->readyAt) return answer.Fail(RC_DeviceBusy);
+            if (remote->next) {
+                const Picture& next = *remote->next;
+                remote->picture = std::make_shared<const Bytes>(
+                    StillPicture(next.label, next.width, next.height));
+                remote->next.reset();
+            }
             const Bytes& picture = *remote->picture;
             size_t offset = remote->offset;
             size_t chunk =

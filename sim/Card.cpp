@@ -129,32 +129,41 @@ void VirtualCamera::AddShotFile(Clock::time_point now) {
     const std::u16string name = NextFileName("IMG", "JPG");
     const Picture picture = NextPicture(now);
     const bool real = options.shotFileSize == 0 && JpegPicturesBuilt();
-    const size_t size = real ? StillPictureSize(picture.label, picture.width, picture.height) : 0;
-    if (size && cardFolder.empty()) {
-        // Built when it is read: a rig of cameras shooting together pays only for what it
-        // fetches, and a card of many shots holds recipes rather than pictures.
+    if (real && cardFolder.empty()) {
+        // Measured when it is listed and built when it is read: the Shoot command itself costs
+        // nothing, and a card of many shots holds recipes rather than pictures.
         CardObject object;
         object.handle = nextHandle++;
         object.name = name;
-        object.size = size;
         object.make = [picture] {
             return std::make_shared<const Bytes>(
                 StillPicture(picture.label, picture.width, picture.height));
+        };
+        object.measure = [picture] {
+            return StillPictureSize(picture.label, picture.width, picture.height);
         };
         object.parent = pictureFolder;
         object.hiddenListings = shotFileDelay;
         card.push_back(std::move(object));
     } else {
-        Bytes bytes = size ? StillPicture(picture.label, picture.width, picture.height)
-                           : JpegLike(options.shotFileSize ? options.shotFileSize : kJpegLikeSize,
-                                      nextHandle);
+        Bytes bytes = real ? StillPicture(picture.label, picture.width, picture.height) : Bytes();
+        if (bytes.empty()) {
+            bytes =
+                JpegLike(options.shotFileSize ? options.shotFileSize : kJpegLikeSize, nextHandle);
+        }
         AddObjectLocked(name, std::make_shared<const Bytes>(std::move(bytes)), false, pictureFolder,
                         shotFileDelay);
     }
-    if (size) {
+    if (real) {
         card.back().width = static_cast<uint32_t>(picture.width);
         card.back().height = static_cast<uint32_t>(picture.height);
     }
+}
+
+void VirtualCamera::Measure(CardObject& object) {
+    if (object.bytes || !object.measure) return;
+    object.size = object.measure();
+    object.measure = nullptr;
 }
 
 SharedBytes VirtualCamera::Content(const CardObject& object) const {
@@ -263,6 +272,7 @@ bool VirtualCamera::ReplaceFile(uint32_t handle, Bytes bytes) {
         object.bytes = std::make_shared<const Bytes>(std::move(bytes));
         object.size = object.bytes->size();
         object.make = nullptr;
+        object.measure = nullptr;
         if (madeHandle == handle) made.reset();
         WriteToFolder(object);
         return true;

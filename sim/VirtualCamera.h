@@ -120,10 +120,11 @@ struct Fault {
 struct CardObject {
     uint32_t handle = 0;
     std::u16string name;
-    // The content; a generated picture may instead have `make` and `size`, and is built when it
-    // is read.
+    // The content; a generated picture may instead have `make`, and is built when it is read.
+    // Its `size` is measured when it is first asked for (`measure`, then cleared).
     SharedBytes bytes;
     std::function<SharedBytes()> make;
+    std::function<size_t()> measure;
     size_t size = 0;
     uint32_t width = 0, height = 0;  // of a picture, 0 where unknown
     bool folder = false;
@@ -273,8 +274,15 @@ private:
         Clock::time_point readyAt;
     };
 
+    // The picture of the next shot, at the current Image Size.
+    struct Picture {
+        PictureLabel label;
+        int width = 640, height = 480;
+    };
+
     struct RemoteCapture {
-        SharedBytes picture;
+        SharedBytes picture;  // built at the first read when `next` is set
+        std::unique_ptr<Picture> next;
         size_t offset = 0;
         Clock::time_point readyAt;
         bool announced = false;
@@ -294,14 +302,11 @@ private:
     std::u16string NextFileName(const char* prefix, const char* extension);
     // Card (Card.cpp).
     SharedBytes Content(const CardObject& object) const;
+    void Measure(CardObject& object);
     bool WriteToFolder(const CardObject& object);
     void RemoveFromFolder(const CardObject& object);
     void EraseObject(std::vector<CardObject>::iterator object);
     // The picture of the next shot, at the current Image Size.
-    struct Picture {
-        PictureLabel label;
-        int width = 640, height = 480;
-    };
     Picture NextPicture(Clock::time_point now);
 
     // Transfers (VirtualCamera.cpp).
