@@ -116,6 +116,7 @@ struct Layout {
     int boxX0 = 0, boxY0 = 0, boxX1 = 0, boxY1 = 0;  // in tiles, end exclusive
     int textX = 0, textY = 0;                        // in pixels
     uint32_t seed = 0;
+    std::vector<std::string> lines;
     TextBlock text;
 
     Layout(const PictureLabel& label, int w, int h)
@@ -124,7 +125,8 @@ struct Layout {
           tilesX((w + kTile - 1) / kTile),
           tilesY((h + kTile - 1) / kTile),
           seed(Seed(label.serial)),
-          text(LabelLines(label), ScaleFor(label, w, h)) {
+          lines(LabelLines(label)),
+          text(lines, ScaleFor(label, w, h)) {
         const int margin = std::max(text.Scale() * 2, 4);
         boxX0 = std::max(0, (w - text.Width()) / 2 - margin) / kTile;
         boxY0 = std::max(0, (h - text.Height()) / 2 - margin) / kTile;
@@ -140,6 +142,21 @@ struct Layout {
     static int ScaleFor(const PictureLabel& label, int w, int h) {
         const auto cells = static_cast<int>(std::max<size_t>(LongestLine(LabelLines(label)), 1));
         return std::max(1, std::min(w * 3 / 4 / (cells * 6), h / 2 / (4 * 9)));
+    }
+
+    // What a row of tiles depends on: the picture's size, the bars' order, where the box and
+    // the text lie, and the lines of text that cross the row. Rows of equal keys are equal.
+    std::string RowKey(int ty) const {
+        std::string key = std::to_string(width) + "x" + std::to_string(height) + " " +
+                          std::to_string(ty) + " " + std::to_string(seed % 8) + " " +
+                          std::to_string(text.Scale()) + " " + std::to_string(text.Width()) + "x" +
+                          std::to_string(text.Height());
+        const int lineHeight = text.Height() / static_cast<int>(std::max<size_t>(lines.size(), 1));
+        for (size_t i = 0; i < lines.size(); ++i) {
+            const int top = textY + static_cast<int>(i) * lineHeight;
+            if (ty * kTile < top + lineHeight && top < (ty + 1) * kTile) key += "\n" + lines[i];
+        }
+        return key;
     }
 
     Tile At(int tx, int ty) const {
@@ -312,36 +329,83 @@ Bytes WholePicture(const Layout& layout) {
     return bytes;
 }
 
+// One row of tiles: its coded segments and their bytes.
+struct Row {
+    std::vector<Segment> segments;
+    size_t bytes = 0;
+};
+using RowRef = std::shared_ptr<const Row>;
+
+class RowCache {
+public:
+    static RowCache& Instance() {
+        static RowCache* cache = new RowCache;  // never destroyed, as the tile cache
+        return *cache;
+    }
+    RowRef Find(const std::string& key) {
+        std::lock_guard<std::mutex> guard(lock);
+        auto found = rows.find(key);
+        return found == rows.end() ? nullptr : found->second;
+    }
+    void Put(const std::string& key, RowRef row) {
+        std::lock_guard<std::mutex> guard(lock);
+        // Rows of shot numbers and times gone by are of no more use: start over now and then.
+        if (rows.size() >= 8192) rows.clear();
+        rows.emplace(key, std::move(row));
+    }
+
+private:
+    std::mutex lock;
+    std::unordered_map<std::string, RowRef> rows;
+};
+
+// Tiles repeat within a picture (bars, paper, glyph pieces): each is looked up in the
+// process's tile cache, under its lock, once per picture (`seen`).
+RowRef BuildRow(const Layout& layout, int ty, std::unordered_map<Tile, Segment, TileHash>& seen) {
+    auto row = std::make_shared<Row>();
+    row->segments.reserve(static_cast<size_t>(layout.tilesX));
+    TileCache& cache = TileCache::Instance();
+    Tile previous = Flat(kPaper);
+    Segment last;
+    for (int tx = 0; tx < layout.tilesX; ++tx) {
+        const Tile tile = layout.At(tx, ty);
+        if (!last || !(tile == previous)) {
+            Segment& known = seen[tile];
+            if (!known) known = cache.Get(tile);
+            last = known;
+            previous = tile;
+        }
+        if (!last) return nullptr;
+        row->bytes += last->size();
+        row->segments.push_back(last);
+    }
+    return row;
+}
+
 // Builds the picture into `out`, or with `out` null only counts its bytes.
 size_t Compose(const PictureLabel& label, int width, int height, Bytes* out) {
     if (width <= 0 || height <= 0 || width > kMaxSide || height > kMaxSide) return 0;
     const Layout layout(label, width, height);
     Bytes header;
-    // Borrowed from `seen`, which keeps them for the call.
-    std::vector<const Bytes*> segments(static_cast<size_t>(layout.tilesX) * layout.tilesY);
     bool tiled = PictureHeader(label, width, height, header);
-    // Tiles repeat within a picture (bars, paper, glyph pieces): each is looked up in the
-    // process's cache, under its lock, once per picture.
+    // Most rows of a picture are those of the camera's last picture of that size, or of any
+    // camera's: only the rows the shot number and time cross are put together anew.
+    std::vector<RowRef> rows;
+    size_t total = header.size() + 2 * static_cast<size_t>(layout.tilesX) * layout.tilesY;
     std::unordered_map<Tile, Segment, TileHash> seen;
-    TileCache& cache = TileCache::Instance();
-    size_t total = header.size() + 2 * segments.size();  // restart markers and EOI
-    Tile previous = Flat(kPaper);
-    Segment last;
     for (int ty = 0; ty < layout.tilesY && tiled; ++ty) {
-        for (int tx = 0; tx < layout.tilesX && tiled; ++tx) {
-            const Tile tile = layout.At(tx, ty);
-            if (!last || !(tile == previous)) {
-                Segment& known = seen[tile];
-                if (!known) known = cache.Get(tile);
-                last = known;
-                previous = tile;
-            }
-            if (!last)
+        const std::string key = layout.RowKey(ty);
+        RowRef row = RowCache::Instance().Find(key);
+        if (!row) {
+            row = BuildRow(layout, ty, seen);
+            if (!row) {
                 tiled = false;
-            else
-                total += last->size();
-            segments[static_cast<size_t>(ty) * layout.tilesX + tx] = last.get();
+                break;
+            }
+            RowCache::Instance().Put(key, row);
         }
+        total += row->bytes;
+        rows.push_back(std::move(row));
     }
     if (!tiled) {
         Bytes whole = WholePicture(layout);
@@ -352,11 +416,14 @@ size_t Compose(const PictureLabel& label, int width, int height, Bytes* out) {
     out->clear();
     out->reserve(total);
     out->insert(out->end(), header.begin(), header.end());
-    for (size_t i = 0; i < segments.size(); ++i) {
-        out->insert(out->end(), segments[i]->begin(), segments[i]->end());
-        if (i + 1 < segments.size()) {
-            out->push_back(0xFF);
-            out->push_back(static_cast<uint8_t>(0xD0 + (i & 7)));
+    size_t i = 0;
+    for (const RowRef& row : rows) {
+        for (const Segment& segment : row->segments) {
+            if (i++ > 0) {
+                out->push_back(0xFF);
+                out->push_back(static_cast<uint8_t>(0xD0 + ((i - 2) & 7)));
+            }
+            out->insert(out->end(), segment->begin(), segment->end());
         }
     }
     out->push_back(0xFF);
