@@ -76,9 +76,10 @@ typedef struct OrqSimFault {
  * Its pictures are JPEG files at the pixel size of the current Image Size, as the model's size
  * table gives it (OrqPropertyDesc): colour bars and a box naming the model, serial, shot number
  * and time (UTC); pictures sent straight to the host are made alike, and movies are QuickTime
- * files of small JPEG frames. In the Windows build, which has no JPEG encoder, pictures are
- * bytes between JPEG markers. Its live view moves: every frame read shows a bar further on and
- * the frame's number, in colours of the camera's own, at the scale of the current zoom.
+ * files of small JPEG frames. A Windows build made without libjpeg-turbo's source package has no
+ * JPEG encoder: its pictures are bytes between JPEG markers. Its live view moves: every frame read
+ * shows a bar further on and the frame's number, in colours of the camera's own, at the scale of
+ * the current zoom.
  *
  * Returns the camera (1, 2, ... in attach order; ids are not reused), 0 when model is null or
  * memory ran out. Thread-safe; may be called before or after OrqInitializeSDK. */
