@@ -15,6 +15,30 @@ else()
   endif()
 endif()
 
+# libjpeg-turbo (TurboJPEG), the virtual camera's pictures: the -dev package on Linux
+# (sim/CMakeLists.txt); for the Windows cross-build, Debian's source package unpacked by
+# .ci/fetch-libjpeg-turbo-source into ORQ_TURBOJPEG_SOURCE_DIR, built static without SIMD.
+set(ORQ_TURBOJPEG_SOURCE_DIR "" CACHE PATH "Unpacked libjpeg-turbo source package (cross builds)")
+if(ORQ_TURBOJPEG_SOURCE_DIR)
+  include(ExternalProject)
+  set(orq_turbojpeg_build ${CMAKE_BINARY_DIR}/libjpeg-turbo)
+  get_filename_component(orq_toolchain "${CMAKE_TOOLCHAIN_FILE}" ABSOLUTE BASE_DIR ${PROJECT_SOURCE_DIR})
+  ExternalProject_Add(orq_turbojpeg_build
+    SOURCE_DIR ${ORQ_TURBOJPEG_SOURCE_DIR}
+    BINARY_DIR ${orq_turbojpeg_build}
+    CMAKE_ARGS -DCMAKE_TOOLCHAIN_FILE=${orq_toolchain} -DCMAKE_BUILD_TYPE=Release
+               -DENABLE_SHARED=OFF -DENABLE_STATIC=ON -DWITH_SIMD=OFF -DWITH_JAVA=OFF
+               -DWITH_TURBOJPEG=ON -DCMAKE_INSTALL_PREFIX=${orq_turbojpeg_build}/unused
+    BUILD_COMMAND ${CMAKE_COMMAND} --build <BINARY_DIR> --target turbojpeg-static
+    INSTALL_COMMAND ""
+    BUILD_BYPRODUCTS ${orq_turbojpeg_build}/libturbojpeg.a)
+  add_library(orq_turbojpeg STATIC IMPORTED GLOBAL)
+  set_target_properties(orq_turbojpeg PROPERTIES
+    IMPORTED_LOCATION ${orq_turbojpeg_build}/libturbojpeg.a
+    INTERFACE_INCLUDE_DIRECTORIES ${ORQ_TURBOJPEG_SOURCE_DIR})
+  add_dependencies(orq_turbojpeg orq_turbojpeg_build)
+endif()
+
 # GoogleTest: the system package on Linux, built from /usr/src/googletest when cross-building.
 if(NOT BUILD_TESTING)
 elseif(CMAKE_CROSSCOMPILING)

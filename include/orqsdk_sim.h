@@ -15,9 +15,10 @@
 extern "C" {
 #endif
 
-/* A virtual camera; 0 stands for none. */
+/** A virtual camera; 0 stands for none. */
 typedef int32_t OrqSimCamera;
 
+/** What a fault does; see OrqSimInjectFault. */
 typedef enum OrqSimFaultKind {
     /* Per operation: match `opcode` (0: any) and `subCommand` of the vendor operation 0x9999
      * (0 or -1: any), let `skip` matches pass, then hit `times` of them (0: once, -1: all). */
@@ -43,8 +44,10 @@ typedef enum OrqSimFaultKind {
     ORQSIM_TRANSFER_SHORT = 17       /* at most `value` bytes move */
 } OrqSimFaultKind;
 
+/** The pipe of a per-transfer fault. */
 typedef enum OrqSimPipe { ORQSIM_BULK_IN = 0, ORQSIM_BULK_OUT = 1 } OrqSimPipe;
 
+/** A scripted misbehaviour; zero-filled fields mean any operation, once, the next transfer. */
 typedef struct OrqSimFault {
     int32_t kind; /* OrqSimFaultKind */
     uint16_t opcode;
@@ -58,48 +61,107 @@ typedef struct OrqSimFault {
     uint32_t byteCount;
 } OrqSimFault;
 
-/* Attaches a new camera of a model ("SX160", ...); any text is accepted, so that an unknown
- * model can be tried. Returns the camera, 0 on failure. */
+/** Attaches a new camera of a model and tells the SDK, as plugging in its cable would.
+ *
+ * The models that can be attached: A1400, A2200, A4000, A495, A800, A810, G15, IXUS145, SX130,
+ * SX150, SX160, SX170, SX40, SX500, SX510 (the spelling is exact). Any other text is accepted too,
+ * so that an unknown model can be tried: the SDK then refuses the camera.
+ *
+ * The camera starts as one out of the box: in record mode, every setting on the model's first
+ * value except exposure and flash compensation, which start at 0 (ORQ_COMP_ZERO). Its serial
+ * (OrqCameraInfo.serial) is 32 hex digits made from the model and the camera id, so that every
+ * camera of a process has its own, and the same attach order gives the same serials in every
+ * run. Its card is in memory until OrqSimSetCardFolder.
+ *
+ * Its pictures are JPEG files at the pixel size of the current Image Size, as the model's size
+ * table gives it (OrqPropertyDesc): colour bars and a box naming the model, serial, shot number
+ * and time (UTC); pictures sent straight to the host are made alike, and movies are QuickTime
+ * files of small JPEG frames. A Windows build made without libjpeg-turbo's source package has no
+ * JPEG encoder: its pictures are bytes between JPEG markers. Its live view moves: every frame read
+ * shows a bar further on and the frame's number, in colours of the camera's own, at the scale of
+ * the current zoom.
+ *
+ * Returns the camera (1, 2, ... in attach order; ids are not reused), 0 when model is null or
+ * memory ran out. Thread-safe; may be called before or after OrqInitializeSDK. */
 ORQ_API OrqSimCamera OrqSimAttachCamera(const char* model);
-/* Pulls the cable; the camera keeps its card and settings and can be plugged in again. */
+/** Pulls the cable: the SDK sees the camera go, transfers in flight fail. The camera keeps its
+ * card and settings and can be plugged in again. ORQ_OK; ORQ_ERROR for an unknown camera or one
+ * already detached. Thread-safe. */
 ORQ_API OrqResult OrqSimDetachCamera(OrqSimCamera camera);
+/** Plugs a detached camera in again under its path; the SDK starts it as a new arrival.
+ * ORQ_OK; ORQ_ERROR for an unknown camera or one plugged in. Thread-safe. */
 ORQ_API OrqResult OrqSimReattachCamera(OrqSimCamera camera);
-/* Pulls the cable and forgets the camera. */
+/** Pulls the cable and forgets the camera; its id is not used again. ORQ_OK; ORQ_ERROR for an
+ * unknown camera. Thread-safe. */
 ORQ_API OrqResult OrqSimRemoveCamera(OrqSimCamera camera);
-/* Removes every camera. */
+/** Removes every camera, as OrqSimRemoveCamera on each. Thread-safe. */
 ORQ_API void OrqSimRemoveAll(void);
-/* The device path the SDK knows the camera by (as in OrqCameraInfo.path). */
+/** Copies the device path the SDK knows the camera by (as in OrqCameraInfo.path), NUL-terminated,
+ * into the caller's `path` of `capacity` units. ORQ_OK; ORQ_ERROR for an unknown camera, a null
+ * `path` or one too short. Thread-safe. */
 ORQ_API OrqResult OrqSimGetCameraPath(OrqSimCamera camera, OrqChar* path, int capacity);
 
-/* The raw shooting-mode value of the camera's mode wheel. */
+/** Turns the mode wheel: the raw shooting-mode value the camera then reports. ORQ_OK; ORQ_ERROR
+ * for an unknown camera. The calls below that change the camera likewise return ORQ_OK, or
+ * ORQ_ERROR for an unknown camera; they take effect at the camera's next answer and raise no
+ * SDK event by themselves. Thread-safe. */
 ORQ_API OrqResult OrqSimSetModeWheel(OrqSimCamera camera, int32_t rawMode);
-/* The camera's answer to the mode request: 1 record, otherwise play. */
+/** The camera's answer to the mode request: 1 record, otherwise play. */
 ORQ_API OrqResult OrqSimSetCameraMode(OrqSimCamera camera, int32_t mode);
+/** The battery voltages in millivolts the camera reports (by default 4000, 4200, 3300). */
 ORQ_API OrqResult OrqSimSetBattery(OrqSimCamera camera, int32_t current, int32_t maximum,
                                    int32_t minimum);
+/** Sets a property case to a raw value, as a setting changed at the camera would. */
 ORQ_API OrqResult OrqSimSetPropCase(OrqSimCamera camera, int32_t propCase, int32_t raw);
+/** The raw value the camera holds in a property case (0 if never set), into *raw. ORQ_ERROR also
+ * for a null `raw`. */
 ORQ_API OrqResult OrqSimGetPropCase(OrqSimCamera camera, int32_t propCase, int32_t* raw);
-/* The lens moved at the camera itself. */
+/** The lens moved at the camera itself: zoom step, at once and without an event. */
 ORQ_API OrqResult OrqSimSetZoom(OrqSimCamera camera, int32_t position);
+/** Focus moved at the camera itself. */
 ORQ_API OrqResult OrqSimSetFocus(OrqSimCamera camera, int32_t position);
 
-/* Puts a file on the card; returns its object handle, or -1. */
+/** Makes a folder on disk the camera's card, so that pictures outlast the process: the folder
+ * is made if it is missing, the files in it (not its subfolders) replace what the card held,
+ * and from then on every file the camera writes (shots, movies, its log, OrqSimAddFile) is
+ * written there too and every file deleted from the card is deleted there. New files are
+ * numbered after the highest number found. `folder` is a NUL-terminated path the caller keeps;
+ * null stands for "orqsim-cards/<serial>" beside the SDK's logs, one folder per serial, which is
+ * what `orqcam --virtual` uses.
+ *
+ * Call it before OrqInitializeSDK, or while the camera is detached (OrqSimDetachCamera, then
+ * OrqSimReattachCamera): the SDK lists the card when the camera arrives, and its start-up
+ * moves pictures numbered 10 and up off the card into its clean-up folder, as with any camera.
+ * Returns ORQ_OK, or ORQ_ERROR for an unknown camera or a folder that cannot be made or read
+ * (the card is then left as it was). Thread-safe. */
+ORQ_API OrqResult OrqSimSetCardFolder(OrqSimCamera camera, const OrqChar* folder);
+
+/** Puts a file on the card (in its card folder too, if it has one): `size` bytes copied from
+ * `data` under the NUL-terminated `name`; the caller keeps both. Returns the new object handle,
+ * or -1 for an unknown camera or null arguments. The SDK sees it at its next listing. */
 ORQ_API int32_t OrqSimAddFile(OrqSimCamera camera, const OrqChar* name, const void* data,
                               uint32_t size);
+/** Removes a file from the card (and its card folder). ORQ_OK; ORQ_ERROR for an unknown camera
+ * or handle. */
 ORQ_API OrqResult OrqSimDeleteFile(OrqSimCamera camera, int32_t handle);
-/* Files on the card (folders not counted), or -1. */
+/** Files on the card (folders not counted), or -1 for an unknown camera. */
 ORQ_API int32_t OrqSimGetFileCount(OrqSimCamera camera);
 
+/** Makes the camera misbehave as `fault` says (copied; `bytes` too). ORQ_OK; ORQ_ERROR for an
+ * unknown camera, a null fault or an unknown kind. */
 ORQ_API OrqResult OrqSimInjectFault(OrqSimCamera camera, const OrqSimFault* fault);
+/** Drops every fault not yet spent. ORQ_OK; ORQ_ERROR for an unknown camera. */
 ORQ_API OrqResult OrqSimClearFaults(OrqSimCamera camera);
-/* Latency of every transfer and of every byte, e.g. to model a USB 2.0 link. */
+/** Latency of every transfer and of every byte, e.g. 125 us and 28 ns to model a USB 2.0 link;
+ * slept on the thread that moves the transfer. ORQ_OK; ORQ_ERROR for an unknown camera. */
 ORQ_API OrqResult OrqSimSetLatency(OrqSimCamera camera, uint32_t perTransferMicroseconds,
                                    uint32_t perByteNanoseconds);
-/* Operations received since attach or the last clear: of that code, and of that vendor
+/** Operations received since attach or the last clear: of that code, and of that vendor
  * sub-command (0 or -1: any). -1 for an unknown camera. */
 ORQ_API int32_t OrqSimCountOperations(OrqSimCamera camera, uint16_t opcode, int32_t subCommand);
+/** Forgets the operations and Shoot times recorded. ORQ_OK; ORQ_ERROR for an unknown camera. */
 ORQ_API OrqResult OrqSimClearOperations(OrqSimCamera camera);
-/* When the camera received each Shoot command (accepted or refused) since attach or the last
+/** When the camera received each Shoot command (accepted or refused) since attach or the last
  * OrqSimClearOperations, oldest first, as nanoseconds of one monotonic clock that every camera
  * of the process shares, so that the spread of a synchronised shot can be read from the
  * cameras' side. The camera keeps the latest 4096. Fills at most `capacity` values (`nanoseconds`

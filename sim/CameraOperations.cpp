@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "models/CameraConfig.h"
+#include "sim/Pictures.h"
 #include "sim/VirtualCamera.h"
 
 namespace orqsim {
@@ -73,48 +74,6 @@ bool EndsWithIgnoringCase(const std::u16string& name, const char* extension) {
     return true;
 }
 
-// Content that looks like a JPEG to anyone who checks the markers.
-Bytes JpegLike(size_t size, uint32_t seed) {
-    Bytes bytes(std::max<size_t>(size, 4));
-    // A pseudo-random block from the seed, then copies of what is there in doubling blocks: a
-    // shot of megabytes costs a few copies, not a generator step per byte.
-    constexpr size_t kBlock = 4096;
-    uint32_t x = seed * 2654435761u + 1;
-    const size_t head = std::min(bytes.size(), kBlock);
-    for (size_t i = 0; i < head; ++i) {
-        x = x * 1664525u + 1013904223u;
-        bytes[i] = static_cast<uint8_t>(x >> 24);
-    }
-    for (size_t filled = head; filled < bytes.size();) {
-        const size_t n = std::min(filled, bytes.size() - filled);
-        std::memcpy(bytes.data() + filled, bytes.data(), n);
-        filled += n;
-    }
-    bytes[0] = 0xFF;
-    bytes[1] = 0xD8;
-    bytes[bytes.size() - 2] = 0xFF;
-    bytes[bytes.size() - 1] = 0xD9;
-    return bytes;
-}
-
-// The live-view layout: groups of four pixels in six bytes (U Y V Y Y Y).
-Bytes LiveViewPattern(size_t size, uint32_t width) {
-    Bytes bytes(size);
-    const size_t groupsPerRow = width ? (width - 1) / 4 + 1 : 1;
-    for (size_t offset = 0; offset + 6 <= size; offset += 6) {
-        size_t group = offset / 6;
-        auto column = static_cast<uint8_t>((group % groupsPerRow) * 255 / groupsPerRow);
-        auto row = static_cast<uint8_t>((group / groupsPerRow) & 0xFF);
-        bytes[offset] = static_cast<uint8_t>(column - 128);
-        bytes[offset + 1] = column;
-        bytes[offset + 2] = static_cast<uint8_t>(row - 128);
-        bytes[offset + 3] = static_cast<uint8_t>(column + 1);
-        bytes[offset + 4] = static_cast<uint8_t>(column + 2);
-        bytes[offset + 5] = static_cast<uint8_t>(column + 3);
-    }
-    return bytes;
-}
-
 // The allocator record the memory statistics read: nine words.
 uint32_t AllocatorAddress(const std::string& model) {
     if (model == "SX160") return 0x10300;
@@ -127,7 +86,7 @@ uint32_t AllocatorAddress(const std::string& model) {
 
 void VirtualCamera::InitialiseFromProfile() {
     videoSettings = {1, 360, 240, 0, 0, 240};
-    const orq::CameraConfig* profile = orq::FindCameraConfig(productString);
+    profile = orq::FindCameraConfig(productString);
     if (profile) {
         maxZoom = profile->maxZoom;
         focusTable = profile->focusTable;
@@ -143,6 +102,12 @@ void VirtualCamera::InitialiseFromProfile() {
             }
             if (entry.propCase < 0 || entry.values.empty()) continue;
             int32_t raw = entry.values.front().cameraValue;
+            // Out of the box a camera compensates nothing.
+            const orq::PropertyValue* zero = entry.FromSdk(ORQ_COMP_ZERO);
+            if (zero &&
+                (id == ORQ_PROP_EXPOSURE_COMPENSATION || id == ORQ_PROP_FLASH_COMPENSATION)) {
+                raw = zero->cameraValue;
+            }
             propCases[entry.propCase] = raw;
             if (entry.kind == orq::PropertyKind::SubProperty ||
                 entry.kind == orq::PropertyKind::SubProperty2) {
@@ -187,46 +152,13 @@ void VirtualCamera::Advance(Clock::time_point now) {
     }
     if (shotPending && now >= shotDue) {
         shotPending = false;
-        if (shotProducesFile) AddShotFile();
+        if (shotProducesFile) AddShotFile(now);
         events |= EV_SHOOT_FINISHED;
     }
 }
 
 // ---------------------------------------------------------------------------------------------
 // Card
-
-uint32_t VirtualCamera::AddObjectLocked(const std::u16string& name, SharedBytes bytes, bool folder,
-                                        uint32_t parent, int hiddenListings) {
-    CardObject object;
-    object.handle = nextHandle++;
-    object.name = name;
-    object.bytes = bytes ? std::move(bytes) : std::make_shared<const Bytes>();
-    object.folder = folder;
-    object.parent = parent;
-    object.hiddenListings = hiddenListings;
-    card.push_back(std::move(object));
-    return card.back().handle;
-}
-
-CardObject* VirtualCamera::FindVisible(uint32_t handle) {
-    for (CardObject& object : card) {
-        if (object.handle == handle) return object.hiddenListings > 0 ? nullptr : &object;
-    }
-    return nullptr;
-}
-
-std::u16string VirtualCamera::NextFileName(const char* prefix, const char* extension) {
-    char name[32];
-    std::snprintf(name, sizeof name, "%s_%04u.%s", prefix, nextFileNumber % 10000, extension);
-    ++nextFileNumber;
-    return std::u16string(name, name + std::char_traits<char>::length(name));
-}
-
-void VirtualCamera::AddShotFile() {
-    std::u16string name = NextFileName("IMG", "JPG");
-    AddObjectLocked(name, std::make_shared<const Bytes>(JpegLike(options.shotFileSize, nextHandle)),
-                    false, pictureFolder, shotFileDelay);
-}
 
 void VirtualCamera::ObjectInfo(const CardObject& object, Answer& answer) const {
     Bytes info;
@@ -240,14 +172,18 @@ void VirtualCamera::ObjectInfo(const CardObject& object, Answer& answer) const {
     }
     Append32(info, kStorageId);
     Append16(info, format);
-    Append16(info, 0);                                            // protection
-    Append32(info, static_cast<uint32_t>(object.bytes->size()));  // compressed size
+    Append16(info, 0);  // protection
+    const bool jpeg = format == FMT_EXIF_JPEG;
+    // A picture of unknown size (put on the card whole) tells the largest.
+    const uint32_t width = object.width ? object.width : 4000;
+    const uint32_t height = object.height ? object.height : 3000;
+    Append32(info, static_cast<uint32_t>(object.bytes ? object.bytes->size() : object.size));
     Append16(info, format == FMT_EXIF_JPEG ? FMT_EXIF_JPEG : 0);  // thumb format
     Append32(info, 0);                                            // thumb size
     Append32(info, format == FMT_EXIF_JPEG ? 160 : 0);            // thumb width
     Append32(info, format == FMT_EXIF_JPEG ? 120 : 0);            // thumb height
-    Append32(info, format == FMT_EXIF_JPEG ? 4000 : 0);           // image width
-    Append32(info, format == FMT_EXIF_JPEG ? 3000 : 0);           // image height
+    Append32(info, jpeg ? width : 0);                             // image width
+    Append32(info, jpeg ? height : 0);                            // image height
     Append32(info, format == FMT_EXIF_JPEG ? 24 : 0);             // bit depth
     Append32(info, object.parent);                                // parent
     Append16(info, object.folder ? 1 : 0);                        // association type
@@ -258,62 +194,6 @@ void VirtualCamera::ObjectInfo(const CardObject& object, Answer& answer) const {
     AppendString(info, u"20240601T101500.0");
     AppendString(info, u"");
     answer.Data(std::move(info));
-}
-
-uint32_t VirtualCamera::AddFile(const std::u16string& name, Bytes bytes, int hiddenListings) {
-    std::lock_guard<std::mutex> guard(lock);
-    return AddObjectLocked(name, std::make_shared<const Bytes>(std::move(bytes)), false,
-                           pictureFolder, hiddenListings);
-}
-
-uint32_t VirtualCamera::AddFileOfSize(const std::u16string& name, size_t size) {
-    Bytes bytes = JpegLike(size, static_cast<uint32_t>(size));
-    bytes.resize(size);
-    return AddFile(name, std::move(bytes));
-}
-
-bool VirtualCamera::ReplaceFile(uint32_t handle, Bytes bytes) {
-    std::lock_guard<std::mutex> guard(lock);
-    for (CardObject& object : card) {
-        if (object.handle != handle || object.folder) continue;
-        object.bytes = std::make_shared<const Bytes>(std::move(bytes));
-        return true;
-    }
-    return false;
-}
-
-bool VirtualCamera::RemoveFile(uint32_t handle) {
-    std::lock_guard<std::mutex> guard(lock);
-    auto found = std::find_if(card.begin(), card.end(), [&](const CardObject& object) {
-        return object.handle == handle && !object.folder;
-    });
-    if (found == card.end()) return false;
-    card.erase(found);
-    return true;
-}
-
-void VirtualCamera::ClearCard() {
-    std::lock_guard<std::mutex> guard(lock);
-    card.erase(std::remove_if(card.begin(), card.end(),
-                              [](const CardObject& object) { return !object.folder; }),
-               card.end());
-}
-
-std::vector<CardObject> VirtualCamera::Files() const {
-    std::lock_guard<std::mutex> guard(lock);
-    std::vector<CardObject> files;
-    for (const CardObject& object : card) {
-        if (!object.folder) files.push_back(object);
-    }
-    return files;
-}
-
-SharedBytes VirtualCamera::FileBytes(uint32_t handle) const {
-    std::lock_guard<std::mutex> guard(lock);
-    for (const CardObject& object : card) {
-        if (object.handle == handle) return object.bytes;
-    }
-    return nullptr;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -356,18 +236,20 @@ void VirtualCamera::Execute(const Command& command, Answer& answer, Clock::time_
         case OC_GetObjectInfo: {
             CardObject* object = p.empty() ? nullptr : FindVisible(p[0]);
             if (!object) return answer.Fail(RC_InvalidObjectHandle);
+            Measure(*object);
             return ObjectInfo(*object, answer);
         }
         case OC_GetObject: {
             CardObject* object = p.empty() ? nullptr : FindVisible(p[0]);
             if (!object || object->folder) return answer.Fail(RC_InvalidObjectHandle);
-            return answer.DataView(object->bytes, object->bytes->data(), object->bytes->size());
+            SharedBytes bytes = Content(*object);
+            return answer.DataView(bytes, bytes->data(), bytes->size());
         }
         case OC_DeleteObject: {
             CardObject* object = p.empty() ? nullptr : FindVisible(p[0]);
             if (!object) return answer.Fail(RC_InvalidObjectHandle);
             if (object->folder) return answer.Fail(RC_AccessDenied);
-            card.erase(card.begin() + (object - card.data()));
+            EraseObject(card.begin() + (object - card.data()));
             return;
         }
         case OC_Vendor:
@@ -380,13 +262,22 @@ void VirtualCamera::Execute(const Command& command, Answer& answer, Clock::time_
 void VirtualCamera::GetMemory(uint32_t address, uint32_t size, Answer& answer) {
     if (size > kMaxMemoryRead) return answer.Fail(RC_InvalidParameter);
     if (address == 0) {
-        // The live-view buffer, handed out from where it lies.
-        if (!liveView || liveView->size() < size) {
-            Bytes frame = liveViewGiven && liveView ? Bytes(*liveView) : Bytes();
-            if (frame.size() < size) {
-                Bytes pattern = LiveViewPattern(size, videoSettings[1]);
-                std::copy(pattern.begin() + static_cast<std::ptrdiff_t>(frame.size()),
-                          pattern.end(), std::back_inserter(frame));
+        // The live-view buffer: a frame given by a test, handed out from where it lies, or a new
+        // frame of the moving scene at each read.
+        ++liveViewFrames;
+        if (!liveViewGiven || !liveView || liveView->size() < size) {
+            LiveViewScene scene;
+            scene.width = videoSettings[1];
+            scene.height = videoSettings[2] == 180 ? videoSettings[5] : videoSettings[2];
+            scene.frame = liveViewFrames;
+            scene.zoom = zoomPosition;
+            scene.maxZoom = maxZoom;
+            scene.seed =
+                Seed(std::string(options.serialNumber.begin(), options.serialNumber.end()));
+            scene.model = options.model;
+            Bytes frame = LiveViewFrame(scene, size);
+            if (liveViewGiven && liveView) {
+                std::copy(liveView->begin(), liveView->end(), frame.begin());
             }
             liveView = std::make_shared<const Bytes>(std::move(frame));
         }
@@ -466,6 +357,10 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
             for (CardObject& object : card) {
                 if (object.name == u"img_0002.jpg") {
                     object.bytes = std::move(text);
+                    object.size = object.bytes->size();
+                    object.make = nullptr;
+                    object.measure = nullptr;
+                    WriteToFolder(object);
                     return;
                 }
             }
@@ -520,9 +415,18 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
         case 163: {  // RemoteCaptureStart
             if (cameraMode != 1 || recording || remote) return answer.Fail(RC_DeviceBusy);
             remote = std::make_unique<RemoteCapture>();
-            remote->picture = std::make_shared<const Bytes>(
-                remotePicture.empty() ? JpegLike(options.remotePictureSize, nextHandle)
-                                      : remotePicture);
+            if (remotePicture.empty() && !options.remotePictureSize && JpegPicturesBuilt()) {
+                // A picture sent straight to the host is taken as any other shot, and built
+                // when the host first reads it.
+                remote->next = std::make_unique<Picture>(NextPicture(now));
+            } else {
+                remote->picture = std::make_shared<const Bytes>(
+                    remotePicture.empty()
+                        ? JpegLike(
+                              options.remotePictureSize ? options.remotePictureSize : 1536 * 1024,
+                              nextHandle)
+                        : remotePicture);
+            }
             remote->readyAt = now + std::chrono::milliseconds(options.remoteReadyMs);
             return;
         }
@@ -537,6 +441,12 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
         }
         case 165: {  // RemoteCaptureGetData
             if (!remote || now < remote->readyAt) return answer.Fail(RC_DeviceBusy);
+            if (remote->next) {
+                const Picture& next = *remote->next;
+                remote->picture = std::make_shared<const Bytes>(
+                    StillPicture(next.label, next.width, next.height));
+                remote->next.reset();
+            }
             const Bytes& picture = *remote->picture;
             size_t offset = remote->offset;
             size_t chunk =
@@ -560,14 +470,20 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
             if (!recording) return answer.Fail(RC_DeviceBusy);
             recording = false;
             auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now - recordingStarted);
-            size_t size = std::max<size_t>(
-                4096, static_cast<size_t>(ms.count()) * options.videoBytesPerSecond / 1000);
-            Bytes movie = JpegLike(size, nextHandle);
-            // A movie file starts with its size and an ftyp atom.
-            const char ftyp[] =
-                "\0\0\0\x14"
-                "ftypqt  ";
-            std::copy(ftyp, ftyp + 12, movie.begin());
+            Bytes movie;
+            if (options.videoBytesPerSecond) {
+                size_t size = std::max<size_t>(
+                    4096, static_cast<size_t>(ms.count()) * options.videoBytesPerSecond / 1000);
+                movie = JpegLike(size, nextHandle);
+                // A movie file starts with its size and an ftyp atom.
+                const char ftyp[] =
+                    "\0\0\0\x14"
+                    "ftypqt  ";
+                std::copy(ftyp, ftyp + 12, movie.begin());
+            } else {
+                movie = Movie(NextPicture(now).label, static_cast<uint32_t>(ms.count()));
+                --shots;  // a movie is not a shot
+            }
             AddObjectLocked(NextFileName("MVI", "MOV"), std::make_shared<const Bytes>(movie), false,
                             pictureFolder, 0);
             return;
@@ -675,6 +591,11 @@ void VirtualCamera::SetLiveView(Bytes frame) {
     std::lock_guard<std::mutex> guard(lock);
     liveViewGiven = !frame.empty();
     liveView = liveViewGiven ? std::make_shared<const Bytes>(std::move(frame)) : nullptr;
+}
+
+uint64_t VirtualCamera::LiveViewFrames() const {
+    std::lock_guard<std::mutex> guard(lock);
+    return liveViewFrames;
 }
 
 void VirtualCamera::SetShotFileDelay(int listings) {

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "orqsdk_sim.h"
+#include "platform/Platform.h"
 #include "sim/VirtualCamera.h"
 
 namespace orqsim {
@@ -60,12 +61,17 @@ ORQ_API OrqSimCamera OrqSimAttachCamera(const char* model) {
         if (!model) return 0;
         orqsim::CameraOptions options;
         options.model = model;
-        auto camera = std::make_shared<orqsim::VirtualCamera>(options);
         auto& registry = orqsim::TheRegistry();
         OrqSimCamera id;
         {
             std::lock_guard<std::mutex> guard(registry.lock);
             id = registry.next++;
+        }
+        // The same attach order gives the same serials, run after run.
+        options.serialNumber = orqsim::SerialFor(options.model, static_cast<uint32_t>(id));
+        auto camera = std::make_shared<orqsim::VirtualCamera>(options);
+        {
+            std::lock_guard<std::mutex> guard(registry.lock);
             registry.cameras[id] = camera;
         }
         // Attached outside the registry's lock: the bus tells every transport.
@@ -210,10 +216,28 @@ ORQ_API OrqResult OrqSimDeleteFile(OrqSimCamera camera, int32_t handle) {
 ORQ_API int32_t OrqSimGetFileCount(OrqSimCamera camera) {
     int32_t count = -1;
     With(camera, [&](orqsim::VirtualCamera& c) {
-        count = static_cast<int32_t>(c.Files().size());
+        count = static_cast<int32_t>(c.FileCount());
         return true;
     });
     return count;
+}
+
+ORQ_API OrqResult OrqSimSetCardFolder(OrqSimCamera camera, const OrqChar* folder) {
+    return With(camera, [&](orqsim::VirtualCamera& c) {
+        std::u16string path;
+        if (folder) {
+            for (const OrqChar* p = folder; *p && path.size() < 4096; ++p) {
+                path.push_back(static_cast<char16_t>(*p));
+            }
+        } else {
+            path = orq::platform::LogFolder();
+            if (path.empty()) return false;
+            const char16_t separator = orq::platform::PathSeparator();
+            path +=
+                separator + std::u16string(u"orqsim-cards") + separator + c.Options().serialNumber;
+        }
+        return !path.empty() && c.SetCardFolder(path);
+    });
 }
 
 ORQ_API OrqResult OrqSimInjectFault(OrqSimCamera camera, const OrqSimFault* fault) {

@@ -93,8 +93,16 @@ namespace {
 std::atomic<int> alive{0};
 }
 
+namespace {
+std::atomic<uint32_t> madeCameras{0};
+}
+
 VirtualCamera::VirtualCamera(CameraOptions options) : options(std::move(options)) {
     ++alive;
+    const uint32_t number = ++madeCameras;
+    if (this->options.serialNumber.empty()) {
+        this->options.serialNumber = SerialFor(this->options.model, number);
+    }
     productString = this->options.productString.empty()
                         ? u"Orq Camera " +
                               std::u16string(this->options.model.begin(), this->options.model.end())

@@ -9,13 +9,19 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "sim/Pictures.h"
 #include "sim/VirtualEndpoint.h"
+
+namespace orq {
+struct CameraConfig;
+}
 
 namespace orqsim {
 
@@ -39,18 +45,22 @@ struct CameraOptions {
     std::string model = "SX160";   // model code; the product string carries it
     std::u16string productString;  // empty: "Orq Camera " + model
     std::string orqmVersion = "3.1.3.0";
-    std::u16string serialNumber = u"4A2F0C19E7B64D0D8A51C3E2B9F07D16";
+    // Empty: SerialFor(model, n) where this is the process's nth camera.
+    std::u16string serialNumber;
     bool camLogSupported = true;
     std::string camLog = "Orqm camera log\nboot ok\n";
     bool folders = true;  // DCIM and one picture folder as association objects
     uint32_t firstFileNumber = 100;
     uint32_t zoomStepMs = 10;  // lens travel per zoom step
     uint32_t shootMs = 0;      // from the shoot command to SHOOT_FINISHED and the new file
-    uint32_t shotFileSize = 180 * 1024;
+    // 0: a JPEG of the current Image Size that shows the camera and the shot; otherwise that
+    // many bytes between JPEG markers.
+    uint32_t shotFileSize = 0;
     uint32_t remoteReadyMs = 0;
-    uint32_t remotePictureSize = 1536 * 1024;
+    uint32_t remotePictureSize = 0;  // as shotFileSize, for remote captures
     uint32_t remoteChunkSize = 512 * 1024;
-    uint32_t videoBytesPerSecond = 1000 * 1000;
+    // 0: a QuickTime movie of small JPEG frames; otherwise a file of that many bytes a second.
+    uint32_t videoBytesPerSecond = 0;
 };
 
 // One operation as the camera received it.
@@ -110,11 +120,21 @@ struct Fault {
 struct CardObject {
     uint32_t handle = 0;
     std::u16string name;
+    // The content; a generated picture may instead have `make`, and is built when it is read.
+    // Its `size` is measured when it is first asked for (`measure`, then cleared).
     SharedBytes bytes;
+    std::function<SharedBytes()> make;
+    std::function<size_t()> measure;
+    size_t size = 0;
+    uint32_t width = 0, height = 0;  // of a picture, 0 where unknown
     bool folder = false;
     uint32_t parent = 0;
     int hiddenListings = 0;  // listings that do not show it yet
 };
+
+// The serial of the nth camera of a model: 32 hex digits, the same for the same n, different
+// for different n.
+std::u16string SerialFor(const std::string& model, uint32_t number);
 
 class VirtualCamera : public VirtualEndpoint, public std::enable_shared_from_this<VirtualCamera> {
 public:
@@ -180,9 +200,19 @@ public:
     bool ReplaceFile(uint32_t handle, Bytes bytes);
     bool RemoveFile(uint32_t handle);
     void ClearCard();
-    // Files only (no folders), in card order.
+    // Files only (no folders), in card order, with their bytes.
     std::vector<CardObject> Files() const;
+    size_t FileCount() const;
     SharedBytes FileBytes(uint32_t handle) const;
+    // Makes a folder on disk the card: its files are loaded now (folders stay the camera's own),
+    // and from then on every file the camera writes or deletes is written or deleted there too,
+    // so a camera with the same folder finds the card as it was left. New files are numbered
+    // after the highest number on the card. Empty: the card is in memory again. False if the
+    // folder cannot be made or read.
+    bool SetCardFolder(const std::u16string& folder);
+    std::u16string CardFolder() const;
+    // Live-view frames handed out since attach.
+    uint64_t LiveViewFrames() const;
 
     // --- Faults, record, timing -------------------------------------------------------------
     void InjectFault(Fault fault);
@@ -244,8 +274,15 @@ private:
         Clock::time_point readyAt;
     };
 
+    // The picture of the next shot, at the current Image Size.
+    struct Picture {
+        PictureLabel label;
+        int width = 640, height = 480;
+    };
+
     struct RemoteCapture {
-        SharedBytes picture;
+        SharedBytes picture;  // built at the first read when `next` is set
+        std::unique_ptr<Picture> next;
         size_t offset = 0;
         Clock::time_point readyAt;
         bool announced = false;
@@ -261,8 +298,16 @@ private:
     uint32_t AddObjectLocked(const std::u16string& name, SharedBytes bytes, bool folder,
                              uint32_t parent, int hiddenListings);
     void GetMemory(uint32_t address, uint32_t size, Answer& answer);
-    void AddShotFile();
+    void AddShotFile(Clock::time_point now);
     std::u16string NextFileName(const char* prefix, const char* extension);
+    // Card (Card.cpp).
+    SharedBytes Content(const CardObject& object) const;
+    void Measure(CardObject& object);
+    bool WriteToFolder(const CardObject& object);
+    void RemoveFromFolder(const CardObject& object);
+    void EraseObject(std::vector<CardObject>::iterator object);
+    // The picture of the next shot, at the current Image Size.
+    Picture NextPicture(Clock::time_point now);
 
     // Transfers (VirtualCamera.cpp).
     bool TakeTransferFault(Pipe pipe, uint64_t index, Fault& hit);
@@ -336,8 +381,15 @@ private:
     std::array<uint32_t, 22> videoSettings{};
     SharedBytes liveView;
     bool liveViewGiven = false;
+    uint64_t liveViewFrames = 0;
     // Card.
+    const orq::CameraConfig* profile = nullptr;
+    uint32_t shots = 0;
     std::vector<CardObject> card;
+    std::u16string cardFolder;
+    // The picture built last, so that a second read of it costs nothing.
+    mutable uint32_t madeHandle = 0;
+    mutable SharedBytes made;
     uint32_t nextHandle = 1;
     uint32_t pictureFolder = 0;
 };

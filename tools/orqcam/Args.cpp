@@ -137,7 +137,8 @@ void PrintHelp(FILE* stream) {
         "\n"
         "Options:\n"
         "  --virtual MODEL   a virtual camera of that model instead of USB (any case);\n"
-        "                    repeat it for several cameras\n"
+        "                    repeat it for several cameras. Its card is a folder kept from\n"
+        "                    run to run, orqsim-cards/SERIAL beside the SDK's logs\n"
         "  --camera N        the camera numbered N by `list` (default 0): virtual cameras\n"
         "                    in the order --virtual names them, USB cameras by serial\n"
         "  --virtual-latency US:NS  the virtual cameras' latency per transfer (microseconds)\n"
@@ -149,6 +150,12 @@ void PrintHelp(FILE* stream) {
         "  --timeout SECONDS how long to wait for the camera (default 10)\n"
         "  --help            this text; VERB --help for one verb\n"
         "  --version         versions of orqcam and of the SDK\n"
+        "\n",
+        stream);
+    std::fputs("Models of --virtual:", stream);
+    for (const std::string& model : KnownModels()) std::fprintf(stream, " %s", model.c_str());
+    std::fputs(
+        "\n"
         "\n"
         "Properties are named by id or by name, in any case. A value is first matched against\n"
         "the property's value names (any case), where the property has value names; otherwise,\n"

@@ -308,6 +308,8 @@ int Run(const std::vector<std::string>& arguments, bool simulated) {
         for (const std::string& model : options.models) {
             OrqSimCamera camera = sdk.SimAttachCamera(model.c_str());
             if (!camera) continue;
+            // A card that lasts: what one run shoots, the next finds (serials follow the order).
+            if (sdk.SimSetCardFolder) sdk.SimSetCardFolder(camera, nullptr);
             attached.push_back(camera);
             OrqChar path[512] = {};
             if (sdk.SimGetCameraPath(camera, path, 512) == ORQ_OK) paths.push_back(Utf8(path));

@@ -115,6 +115,8 @@ bool SdkLibrary::Load(bool simulated, std::string& error) {
     ShootSynchronizedAt =
         reinterpret_cast<decltype(ShootSynchronizedAt)>(Symbol("OrqShootSynchronizedAt"));
     if (simulated) {
+        SimSetCardFolder =
+            reinterpret_cast<decltype(SimSetCardFolder)>(Symbol("OrqSimSetCardFolder"));
         bind(SimAttachCamera, "OrqSimAttachCamera");
         bind(SimDetachCamera, "OrqSimDetachCamera");
         bind(SimRemoveCamera, "OrqSimRemoveCamera");

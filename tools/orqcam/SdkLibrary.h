@@ -58,6 +58,8 @@ struct SdkLibrary {
     // Optional: null in SDK versions without it.
     decltype(&OrqShootSynchronized) ShootSynchronized = nullptr;
     decltype(&OrqShootSynchronizedAt) ShootSynchronizedAt = nullptr;
+    // Simulator build only; null in versions without it.
+    decltype(&OrqSimSetCardFolder) SimSetCardFolder = nullptr;
     // Simulator build only.
     decltype(&OrqSimAttachCamera) SimAttachCamera = nullptr;
     decltype(&OrqSimDetachCamera) SimDetachCamera = nullptr;
