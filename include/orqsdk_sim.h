@@ -1,4 +1,5 @@
-/* OrqSDK simulator exports: only in orqsdk_sim, the SDK built on virtual cameras instead of USB.
+/** \file orqsdk_sim.h
+ * OrqSDK simulator exports: only in orqsdk_sim, the SDK built on virtual cameras instead of USB.
  *
  * A virtual camera of a supported model is attached to the library's virtual bus; the SDK sees
  * it arrive as a USB camera would (the camera-list event fires) and drives it through the same
@@ -49,16 +50,16 @@ typedef enum OrqSimPipe { ORQSIM_BULK_IN = 0, ORQSIM_BULK_OUT = 1 } OrqSimPipe;
 
 /** A scripted misbehaviour; zero-filled fields mean any operation, once, the next transfer. */
 typedef struct OrqSimFault {
-    int32_t kind; /* OrqSimFaultKind */
-    uint16_t opcode;
-    int32_t subCommand;
-    int32_t skip;
-    int32_t times;
-    int32_t pipe; /* OrqSimPipe */
-    uint32_t transfer;
-    uint32_t value;
-    const uint8_t* bytes; /* ORQSIM_RAW_REPLY */
-    uint32_t byteCount;
+    int32_t kind;         /**< an OrqSimFaultKind */
+    uint16_t opcode;      /**< per operation: the PTP operation code to match; 0: any */
+    int32_t subCommand;   /**< per operation: the vendor sub-command to match; 0 or -1: any */
+    int32_t skip;         /**< per operation: matches let through before the fault hits */
+    int32_t times;        /**< how many it hits: 0 once, -1 all; per transfer: in a row */
+    int32_t pipe;         /**< per transfer: an OrqSimPipe */
+    uint32_t transfer;    /**< per transfer: which transfer from now, 0 or 1 the next */
+    uint32_t value;       /**< the kind's number: a code, a length, a byte count, milliseconds */
+    const uint8_t* bytes; /**< ORQSIM_RAW_REPLY: the reply, copied by OrqSimInjectFault */
+    uint32_t byteCount;   /**< ORQSIM_RAW_REPLY: its length */
 } OrqSimFault;
 
 /** Attaches a new camera of a model and tells the SDK, as plugging in its cable would.
