@@ -34,6 +34,21 @@ def _project() -> Dict[str, str]:
     return dict(re.findall(r'^([a-z-]+)\s*=\s*"([^"]*)"', section, re.M))
 
 
+def _version() -> str:
+    """The SDK's version, written once in project() of the top CMakeLists.txt; the SDK's build
+    passes it as ORQSDK_VERSION."""
+    import os
+
+    given = os.environ.get("ORQSDK_VERSION")
+    if given:
+        return given
+    text = (HERE.parent.parent / "CMakeLists.txt").read_text(encoding="utf-8")
+    match = re.search(r"project\(\s*OrqSDK\s+VERSION\s+([0-9.]+)", text)
+    if not match:
+        raise RuntimeError("no project(OrqSDK VERSION ...) in the top CMakeLists.txt")
+    return match.group(1)
+
+
 def _library_name(path: Path) -> str:
     """liborqsdk.so.1.1.0 -> liborqsdk.so; orqsdk.dll stays."""
     name = path.name
@@ -44,8 +59,11 @@ def _library_name(path: Path) -> str:
 def _files(libraries: List[Path]) -> List[Tuple[str, bytes]]:
     files = []
     for path in sorted((HERE / PACKAGE).iterdir()):
+        if path.name == "_version.py":
+            continue
         if path.is_file() and (path.suffix in (".py", ".so", ".dll") or path.name == "py.typed"):
             files.append((f"{PACKAGE}/{path.name}", path.read_bytes()))
+    files.append((f"{PACKAGE}/_version.py", f'version = "{_version()}"\n'.encode()))
     for library in libraries:
         files.append((f"{PACKAGE}/{_library_name(library)}", library.read_bytes()))
     return files
@@ -73,6 +91,7 @@ def _record_line(name: str, data: bytes) -> str:
 
 def make_wheel(out_dir: str, libraries: Optional[List[str]] = None) -> str:
     project = _project()
+    project["version"] = _version()
     files = _files([Path(library) for library in libraries or []])
     native = any(name.endswith((".so", ".dll")) for name, _ in files)
     platform = re.sub(r"[-.]", "_", sysconfig.get_platform()) if native else "any"

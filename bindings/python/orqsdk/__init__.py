@@ -67,4 +67,7 @@ __all__ = [
     "NoPermission",
 ]
 
-__version__ = "1.1.0.4"
+try:  # written into the package when it is built, from the SDK's own version
+    from ._version import version as __version__
+except ImportError:  # the source folder itself on the path
+    __version__ = "unbuilt"
