@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "Kernel/Bytes.h"
 #include "models/CameraConfig.h"
 #include "sim/Pictures.h"
 #include "sim/VirtualCamera.h"
@@ -12,37 +13,20 @@ namespace orqsim {
 
 namespace {
 
-enum : uint16_t {
-    OC_OpenSession = 0x1002,
-    OC_GetStorageIDs = 0x1004,
-    OC_GetObjectHandles = 0x1007,
-    OC_GetObjectInfo = 0x1008,
-    OC_GetObject = 0x1009,
-    OC_DeleteObject = 0x100B,
-    OC_Vendor = 0x9999,
-};
-
 enum : uint16_t { FMT_Association = 0x3001, FMT_Undefined = 0x3000, FMT_QT = 0x300D };
 enum : uint16_t { FMT_EXIF_JPEG = 0x3801 };
-
-enum : uint32_t {
-    EV_SHOOT_FINISHED = 0x0002,
-    EV_ZOOM_FINISHED = 0x0008,
-    EV_REMOTE_AVAILABLE = 0x0400,
-    EV_GET_JPEG_CHUNK = 0x1000,
-    EV_LAST_JPEG_CHUNK = 0x4000,
-};
 
 constexpr uint32_t kStorageId = 0x00010001;
 constexpr uint32_t kMaxMemoryRead = 64u << 20;
 
 void Append16(Bytes& out, uint16_t v) {
-    out.push_back(static_cast<uint8_t>(v));
-    out.push_back(static_cast<uint8_t>(v >> 8));
+    out.resize(out.size() + 2);
+    orq::bytes::PutLe16(out.data() + out.size() - 2, v);
 }
 
 void Append32(Bytes& out, uint32_t v) {
-    for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+    out.resize(out.size() + 4);
+    orq::bytes::PutLe32(out.data() + out.size() - 4, v);
 }
 
 Bytes Words(std::initializer_list<uint32_t> words) {
@@ -147,13 +131,13 @@ void VirtualCamera::Advance(Clock::time_point now) {
         zoomPosition = static_cast<int32_t>(zoomFrom + (zoomTarget > zoomFrom ? moved : -moved));
         if (zoomPosition == zoomTarget) {
             zoomMoving = false;
-            events |= EV_ZOOM_FINISHED;
+            events |= orq::ZOOM_FINISHED;
         }
     }
     if (shotPending && now >= shotDue) {
         shotPending = false;
         if (shotProducesFile) AddShotFile(now);
-        events |= EV_SHOOT_FINISHED;
+        events |= orq::SHOOT_FINISHED;
     }
 }
 
@@ -201,20 +185,20 @@ void VirtualCamera::ObjectInfo(const CardObject& object, Answer& answer) const {
 
 void VirtualCamera::Execute(const Command& command, Answer& answer, Clock::time_point now) {
     const auto& p = command.params;
-    if (command.code == OC_OpenSession) {
+    if (command.code == orq::PTP_OC_OpenSession) {
         // A session left open by an earlier host is simply taken over.
-        if (p.empty() || p[0] == 0) return answer.Fail(RC_InvalidParameter);
+        if (p.empty() || p[0] == 0) return answer.Fail(orq::PTP_RC_InvalidParameter);
         sessionOpen = true;
         return;
     }
-    if (!sessionOpen) return answer.Fail(RC_SessionNotOpen);
+    if (!sessionOpen) return answer.Fail(orq::PTP_RC_SessionNotOpen);
 
     switch (command.code) {
-        case OC_GetStorageIDs:
+        case orq::PTP_OC_GetStorageIDs:
             return answer.Data(Words({1, kStorageId}));
-        case OC_GetObjectHandles: {
+        case orq::PTP_OC_GetObjectHandles: {
             if (p.empty() || (p[0] != kStorageId && p[0] != 0xFFFFFFFF)) {
-                return answer.Fail(RC_InvalidStorageID);
+                return answer.Fail(orq::PTP_RC_InvalidStorageID);
             }
             Bytes list;
             Append32(list, 0);
@@ -233,34 +217,34 @@ void VirtualCamera::Execute(const Command& command, Answer& answer, Clock::time_
             list[3] = static_cast<uint8_t>(count >> 24);
             return answer.Data(std::move(list));
         }
-        case OC_GetObjectInfo: {
+        case orq::PTP_OC_GetObjectInfo: {
             CardObject* object = p.empty() ? nullptr : FindVisible(p[0]);
-            if (!object) return answer.Fail(RC_InvalidObjectHandle);
+            if (!object) return answer.Fail(orq::PTP_RC_InvalidObjectHandle);
             Measure(*object);
             return ObjectInfo(*object, answer);
         }
-        case OC_GetObject: {
+        case orq::PTP_OC_GetObject: {
             CardObject* object = p.empty() ? nullptr : FindVisible(p[0]);
-            if (!object || object->folder) return answer.Fail(RC_InvalidObjectHandle);
+            if (!object || object->folder) return answer.Fail(orq::PTP_RC_InvalidObjectHandle);
             SharedBytes bytes = Content(*object);
             return answer.DataView(bytes, bytes->data(), bytes->size());
         }
-        case OC_DeleteObject: {
+        case orq::PTP_OC_DeleteObject: {
             CardObject* object = p.empty() ? nullptr : FindVisible(p[0]);
-            if (!object) return answer.Fail(RC_InvalidObjectHandle);
-            if (object->folder) return answer.Fail(RC_AccessDenied);
+            if (!object) return answer.Fail(orq::PTP_RC_InvalidObjectHandle);
+            if (object->folder) return answer.Fail(orq::PTP_RC_AccessDenied);
             EraseObject(card.begin() + (object - card.data()));
             return;
         }
-        case OC_Vendor:
+        case orq::PTP_OC_Vendor:
             return ExecuteVendor(command, answer, now);
         default:
-            return answer.Fail(RC_OperationNotSupported);
+            return answer.Fail(orq::PTP_RC_OperationNotSupported);
     }
 }
 
 void VirtualCamera::GetMemory(uint32_t address, uint32_t size, Answer& answer) {
-    if (size > kMaxMemoryRead) return answer.Fail(RC_InvalidParameter);
+    if (size > kMaxMemoryRead) return answer.Fail(orq::PTP_RC_InvalidParameter);
     if (address == 0) {
         // The live-view buffer: a frame given by a test, handed out from where it lies, or a new
         // frame of the moving scene at each read.
@@ -294,29 +278,29 @@ void VirtualCamera::GetMemory(uint32_t address, uint32_t size, Answer& answer) {
 
 void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock::time_point now) {
     const auto& p = command.params;
-    if (p.empty()) return answer.Fail(RC_InvalidParameter);
+    if (p.empty()) return answer.Fail(orq::PTP_RC_InvalidParameter);
     auto needs = [&](size_t count) { return p.size() >= count + 1; };
     switch (p[0]) {
-        case 1:  // CHDK GetMemory
-            if (!needs(2)) return answer.Fail(RC_InvalidParameter);
+        case orq::CHDK_GetMemory:
+            if (!needs(2)) return answer.Fail(orq::PTP_RC_InvalidParameter);
             return GetMemory(p[1], p[2], answer);
-        case 11: {  // CHDK GetVideoSettings
+        case orq::CHDK_GetVideoSettings: {
             Bytes block;
             for (uint32_t word : videoSettings) Append32(block, word);
             return answer.Data(std::move(block));
         }
-        case 129:  // GetPropCase
-            if (!needs(1)) return answer.Fail(RC_InvalidParameter);
+        case orq::ORQM_GetPropCase:
+            if (!needs(1)) return answer.Fail(orq::PTP_RC_InvalidParameter);
             return answer.Data(
                 Words({static_cast<uint32_t>(propCases[static_cast<int32_t>(p[1])])}));
-        case 130:  // SetPropCase
-            if (!needs(2)) return answer.Fail(RC_InvalidParameter);
+        case orq::ORQM_SetPropCase:
+            if (!needs(2)) return answer.Fail(orq::PTP_RC_InvalidParameter);
             propCases[static_cast<int32_t>(p[1])] = static_cast<int32_t>(p[2]);
             return;
-        case 131:  // GetZoom
+        case orq::ORQM_GetZoom:
             return answer.Data(Words({static_cast<uint32_t>(zoomPosition)}));
-        case 132: {  // SetZoom
-            if (!needs(1)) return answer.Fail(RC_InvalidParameter);
+        case orq::ORQM_SetZoom: {
+            if (!needs(1)) return answer.Fail(orq::PTP_RC_InvalidParameter);
             int32_t target = std::clamp(static_cast<int32_t>(p[1]), 0, maxZoom);
             zoomFrom = zoomPosition;
             zoomTarget = target;
@@ -325,33 +309,34 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
             Advance(now);
             return;
         }
-        case 140:  // Set_Play_Mode
+        case orq::ORQM_Set_Play_Mode:
             cameraMode = 0;
             return;
-        case 145: {  // GetOrqmVersion
+        case orq::ORQM_GetOrqmVersion: {
             Bytes text(options.orqmVersion.begin(), options.orqmVersion.end());
             text.push_back(0);
             return answer.Data(std::move(text));
         }
-        case 147:  // Shoot
+        case orq::ORQM_Shoot:
             if (shootTimes.size() >= kShootTimesKept) shootTimes.erase(shootTimes.begin());
             shootTimes.push_back(now);
-            if (cameraMode != 1 || recording || shotPending) return answer.Fail(RC_DeviceBusy);
+            if (cameraMode != 1 || recording || shotPending)
+                return answer.Fail(orq::PTP_RC_DeviceBusy);
             shotPending = true;
             shotDue = now + std::chrono::milliseconds(options.shootMs);
             Advance(now);
             return;
-        case 148:  // UpdateAEAF
+        case orq::ORQM_UpdateAEAF:
             return;
-        case 149: {  // GetEvents: reading clears them
+        case orq::ORQM_GetEvents: {  // reading clears them
             uint32_t bits = events;
             events = 0;
             return answer.Data(Words({bits}));
         }
-        case 150:  // GetMode
+        case orq::ORQM_GetMode:
             return answer.Data(Words({cameraMode}));
-        case 153: {  // GetCamLog: the log is written to the card as a picture-named object
-            if (!options.camLogSupported) return answer.Fail(RC_OperationNotSupported);
+        case orq::ORQM_GetCamLog: {  // the log is written to the card as a picture-named object
+            if (!options.camLogSupported) return answer.Fail(orq::PTP_RC_OperationNotSupported);
             auto text = std::make_shared<Bytes>(options.camLog.begin(), options.camLog.end());
             text->push_back(0);
             for (CardObject& object : card) {
@@ -367,14 +352,14 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
             AddObjectLocked(u"img_0002.jpg", std::move(text), false, pictureFolder, 0);
             return;
         }
-        case 154:  // MfOn
+        case orq::ORQM_MfOn:
             manualFocus = true;
             return;
-        case 155:  // MfOff
+        case orq::ORQM_MfOff:
             manualFocus = false;
             return;
-        case 156: {  // MoveFocusTo
-            if (!needs(1)) return answer.Fail(RC_InvalidParameter);
+        case orq::ORQM_MoveFocusTo: {
+            if (!needs(1)) return answer.Fail(orq::PTP_RC_InvalidParameter);
             int32_t wanted = static_cast<int32_t>(p[1]);
             int32_t reached = wanted;
             if (focusStuck) {
@@ -388,23 +373,23 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
             focusPosition = reached;
             return answer.Data(Words({0, static_cast<uint32_t>(reached)}));
         }
-        case 157:  // GetFocusParams
+        case orq::ORQM_GetFocusParams:
             return answer.Data(
                 Words({manualFocus ? 1u : 0u, static_cast<uint32_t>(focusPosition)}));
-        case 158:  // GetVBat
+        case orq::ORQM_GetVBat:
             return answer.Data(
                 Words({static_cast<uint32_t>(batteryCurrent), static_cast<uint32_t>(batteryMaximum),
                        static_cast<uint32_t>(batteryMinimum)}));
-        case 160:  // SetCaptureMode
-            if (!needs(1)) return answer.Fail(RC_InvalidParameter);
+        case orq::ORQM_SetCaptureMode:
+            if (!needs(1)) return answer.Fail(orq::PTP_RC_InvalidParameter);
             propCases[shootingModeCase] = static_cast<int32_t>(p[1]);
             return;
-        case 161: {  // GetSerialNumber: 16-bit text, no terminator
+        case orq::ORQM_GetSerialNumber: {  // 16-bit text, no terminator
             Bytes text;
             for (char16_t c : options.serialNumber) Append16(text, c);
             return answer.Data(std::move(text));
         }
-        case 162:  // Reset
+        case orq::ORQM_Reset:
             cameraMode = 1;
             events = 0;
             manualFocus = false;
@@ -412,8 +397,8 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
             recording = false;
             shotPending = false;
             return;
-        case 163: {  // RemoteCaptureStart
-            if (cameraMode != 1 || recording || remote) return answer.Fail(RC_DeviceBusy);
+        case orq::ORQM_RemoteCaptureStart: {
+            if (cameraMode != 1 || recording || remote) return answer.Fail(orq::PTP_RC_DeviceBusy);
             remote = std::make_unique<RemoteCapture>();
             if (remotePicture.empty() && !options.remotePictureSize && JpegPicturesBuilt()) {
                 // A picture sent straight to the host is taken as any other shot, and built
@@ -430,17 +415,17 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
             remote->readyAt = now + std::chrono::milliseconds(options.remoteReadyMs);
             return;
         }
-        case 164: {  // RemoteCaptureIsReady
+        case orq::ORQM_RemoteCaptureIsReady: {
             bool ready = remote && now >= remote->readyAt;
             if (ready && !remote->announced) {
                 remote->announced = true;
-                events |= EV_REMOTE_AVAILABLE;
+                events |= orq::EVENT_REMOTE_AVAILABLE;
             }
             answer.params = {ready ? 1u : 0u};
             return;
         }
-        case 165: {  // RemoteCaptureGetData
-            if (!remote || now < remote->readyAt) return answer.Fail(RC_DeviceBusy);
+        case orq::ORQM_RemoteCaptureGetData: {
+            if (!remote || now < remote->readyAt) return answer.Fail(orq::PTP_RC_DeviceBusy);
             if (remote->next) {
                 const Picture& next = *remote->next;
                 remote->picture = std::make_shared<const Bytes>(
@@ -457,17 +442,18 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
             bool more = remote->offset < picture.size();
             answer.params = {static_cast<uint32_t>(offset), more ? 1u : 0u,
                              static_cast<uint32_t>(picture.size())};
-            events |= EV_GET_JPEG_CHUNK | (more ? 0u : uint32_t{EV_LAST_JPEG_CHUNK});
+            events |=
+                orq::EVENT_GET_JPEG_CHUNK | (more ? 0u : uint32_t{orq::EVENT_LAST_JPEG_CHUNK});
             if (!more) remote.reset();
             return;
         }
-        case 166:  // StartVideo
-            if (cameraMode != 1 || recording) return answer.Fail(RC_DeviceBusy);
+        case orq::ORQM_StartVideo:
+            if (cameraMode != 1 || recording) return answer.Fail(orq::PTP_RC_DeviceBusy);
             recording = true;
             recordingStarted = now;
             return;
-        case 167: {  // StopVideo
-            if (!recording) return answer.Fail(RC_DeviceBusy);
+        case orq::ORQM_StopVideo: {
+            if (!recording) return answer.Fail(orq::PTP_RC_DeviceBusy);
             recording = false;
             auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now - recordingStarted);
             Bytes movie;
@@ -489,7 +475,7 @@ void VirtualCamera::ExecuteVendor(const Command& command, Answer& answer, Clock:
             return;
         }
         default:
-            return answer.Fail(RC_OperationNotSupported);
+            return answer.Fail(orq::PTP_RC_OperationNotSupported);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <thread>
 
+#include "Kernel/Bytes.h"
 #include "sim/VirtualBus.h"
 
 namespace orqsim {
@@ -17,36 +18,24 @@ constexpr uint16_t kCommand = 1, kData = 2, kResponse = 3;
 constexpr size_t kHeader = 12;
 constexpr size_t kRecordLimit = 1000000;
 
-void Put16(uint8_t* p, uint16_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
-
-void Put32(uint8_t* p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
-
-uint16_t Get16(const uint8_t* p) {
-    return static_cast<uint16_t>(p[0] | p[1] << 8);
-}
-
-uint32_t Get32(const uint8_t* p) {
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
+using orq::bytes::GetLe16;
+using orq::bytes::GetLe32;
+using orq::bytes::PutLe16;
+using orq::bytes::PutLe32;
 
 Bytes Header(uint32_t length, uint16_t type, uint16_t code, uint32_t transactionId) {
     Bytes head(kHeader);
-    Put32(head.data(), length);
-    Put16(head.data() + 4, type);
-    Put16(head.data() + 6, code);
-    Put32(head.data() + 8, transactionId);
+    PutLe32(head.data(), length);
+    PutLe16(head.data() + 4, type);
+    PutLe16(head.data() + 6, code);
+    PutLe32(head.data() + 8, transactionId);
     return head;
 }
 
 }  // namespace
 
 int64_t OperationRecord::SubCommand() const {
-    if (code != 0x9999 || params.empty()) return -1;
+    if (code != orq::PTP_OC_Vendor || params.empty()) return -1;
     return params[0];
 }
 
@@ -172,7 +161,8 @@ bool VirtualCamera::TakeTransferFault(Pipe pipe, uint64_t index, Fault& hit) {
 
 std::vector<Fault> VirtualCamera::TakeOperationFaults(const Command& command) {
     std::vector<Fault> hits;
-    int64_t sub = command.code == 0x9999 && !command.params.empty() ? command.params[0] : -1;
+    int64_t sub =
+        command.code == orq::PTP_OC_Vendor && !command.params.empty() ? command.params[0] : -1;
     for (auto it = operationFaults.begin(); it != operationFaults.end();) {
         bool matches = (it->opcode == 0 || it->opcode == command.code) &&
                        (it->subCommand < 0 || it->subCommand == sub);
@@ -226,14 +216,15 @@ TransferResult VirtualCamera::BulkOut(const uint8_t* data, size_t size, unsigned
     }
 
     Command command;
-    if (size < kHeader || Get32(data) != size || Get16(data + 4) != kCommand || (size % 4) != 0) {
+    if (size < kHeader || GetLe32(data) != size || GetLe16(data + 4) != kCommand ||
+        (size % 4) != 0) {
         ++protocolErrors;
         return {TransferResult::Ok, size};
     }
-    command.code = Get16(data + 6);
-    command.transactionId = Get32(data + 8);
+    command.code = GetLe16(data + 6);
+    command.transactionId = GetLe32(data + 8);
     for (size_t offset = kHeader; offset < size; offset += 4) {
-        command.params.push_back(Get32(data + offset));
+        command.params.push_back(GetLe32(data + offset));
     }
     Record(command);
 
@@ -261,7 +252,7 @@ void VirtualCamera::Queue(const Command& command, Answer& answer, const std::vec
     for (const Fault& fault : faults) {
         switch (fault.kind) {
             case Fault::GeneralError:
-                answer.Fail(RC_GeneralError);
+                answer.Fail(orq::PTP_RC_GeneralError);
                 sendData = false;
                 break;
             case Fault::ResponseCode:
@@ -269,7 +260,7 @@ void VirtualCamera::Queue(const Command& command, Answer& answer, const std::vec
                 sendData = false;
                 break;
             case Fault::EchoCode:
-                if (answer.code == RC_OK) answer.code = command.code;
+                if (answer.code == orq::PTP_RC_OK) answer.code = command.code;
                 break;
             case Fault::DataType:
                 dataType = static_cast<uint16_t>(fault.value);
@@ -344,11 +335,11 @@ void VirtualCamera::Queue(const Command& command, Answer& answer, const std::vec
                                  command.transactionId);
             for (uint32_t word : answer.params) {
                 uint8_t bytes[4];
-                Put32(bytes, word);
+                PutLe32(bytes, word);
                 packet.head.insert(packet.head.end(), bytes, bytes + 4);
             }
             if (responseLength >= 0) {
-                Put32(packet.head.data(), static_cast<uint32_t>(responseLength));
+                PutLe32(packet.head.data(), static_cast<uint32_t>(responseLength));
                 packet.head.resize(std::max<size_t>(static_cast<size_t>(responseLength), 4));
             }
             packets.push_back(std::move(packet));

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "Kernel/PtpCodes.h"
 #include "sim/Pictures.h"
 #include "sim/VirtualEndpoint.h"
 
@@ -27,19 +28,6 @@ namespace orqsim {
 
 using Bytes = std::vector<uint8_t>;
 using SharedBytes = std::shared_ptr<const Bytes>;
-
-// PTP response codes the camera answers with.
-enum : uint16_t {
-    RC_OK = 0x2001,
-    RC_GeneralError = 0x2002,
-    RC_SessionNotOpen = 0x2003,
-    RC_OperationNotSupported = 0x2005,
-    RC_InvalidStorageID = 0x2008,
-    RC_InvalidObjectHandle = 0x2009,
-    RC_AccessDenied = 0x200F,
-    RC_DeviceBusy = 0x2019,
-    RC_InvalidParameter = 0x201D,
-};
 
 struct CameraOptions {
     std::string model = "SX160";   // model code; the product string carries it
@@ -253,7 +241,7 @@ private:
         SharedBytes shared;  // large payloads, sent straight from storage
         const uint8_t* sharedData = nullptr;
         size_t sharedSize = 0;
-        uint16_t code = RC_OK;
+        uint16_t code = orq::PTP_RC_OK;
         std::vector<uint32_t> params;
 
         void Data(Bytes bytes);

@@ -26,48 +26,6 @@ namespace orq {
 
 struct SDKConfig;
 
-// Sub-commands of the vendor operation.
-enum PtpSubCommand : uint32_t {
-    CHDK_GetMemory = 1,
-    CHDK_GetVideoSettings = 11,
-    ORQM_GetPropCase = 129,
-    ORQM_SetPropCase = 130,
-    ORQM_GetZoom = 131,
-    ORQM_SetZoom = 132,
-    ORQM_Set_Play_Mode = 140,
-    ORQM_GetOrqmVersion = 145,
-    ORQM_Shoot = 147,
-    ORQM_UpdateAEAF = 148,
-    ORQM_GetEvents = 149,
-    ORQM_GetMode = 150,
-    ORQM_GetCamLog = 153,
-    ORQM_MfOn = 154,
-    ORQM_MfOff = 155,
-    ORQM_MoveFocusTo = 156,
-    ORQM_GetFocusParams = 157,
-    ORQM_GetVBat = 158,
-    ORQM_SetCaptureMode = 160,
-    ORQM_GetSerialNumber = 161,
-    ORQM_Reset = 162,
-    ORQM_RemoteCaptureStart = 163,
-    ORQM_RemoteCaptureIsReady = 164,
-    ORQM_RemoteCaptureGetData = 165,
-    ORQM_StartVideo = 166,
-    ORQM_StopVideo = 167,
-};
-
-// Event bits of ORQM_GetEvents.
-enum : uint32_t {
-    SHOOT_FINISHED = 0x0002,
-    ZOOM_FINISHED = 0x0008,
-    EVENT_RAW_AVAILABLE = 0x0200,
-    EVENT_REMOTE_AVAILABLE = 0x0400,
-    EVENT_REMOTE_TIMEOUT = 0x0800,
-    EVENT_GET_JPEG_CHUNK = 0x1000,
-    EVENT_GET_JPEG_TIMEOUT = 0x2000,
-    EVENT_LAST_JPEG_CHUNK = 0x4000,
-};
-
 // Keys of cameraEvents.
 enum : int32_t { CAMERA_EVENT_SHOOT_FINISHED = 0, CAMERA_EVENT_ZOOM_FINISHED = 1 };
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Kernel/PtpCodes.h"
 #include "Kernel/UsbLib.h"
 #include "orqsdk.h"
 
@@ -28,19 +29,6 @@ using PtpParams = std::vector<uint32_t>;
 
 // Direction of a transaction's data phase; the host never sends one.
 enum PtpDirection : int32_t { PTP_DATA_IN = 1, PTP_NO_DATA = 2 };
-
-// Operation codes.
-enum : uint16_t {
-    PTP_OC_OpenSession = 0x1002,
-    PTP_OC_GetStorageIDs = 0x1004,
-    PTP_OC_GetObjectHandles = 0x1007,
-    PTP_OC_GetObjectInfo = 0x1008,
-    PTP_OC_GetObject = 0x1009,
-    PTP_OC_DeleteObject = 0x100B,
-    PTP_OC_Vendor = 0x9999,
-};
-
-enum : uint16_t { PTP_RC_OK = 0x2001, PTP_RC_GeneralError = 0x2002 };
 
 class PtpLink {
 public:

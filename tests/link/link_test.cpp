@@ -45,7 +45,7 @@ using FilesTest = LinkTest;
 
 TEST_F(TransactionTest, TransactionIdRisesFromTheSessionsZeroFailuresIncluded) {
     camera->InjectFault(Fault::Operation(Fault::ResponseCode, PTP_OC_Vendor, orq::ORQM_Shoot,
-                                         orqsim::RC_DeviceBusy));
+                                         orq::PTP_RC_DeviceBusy));
     EXPECT_TRUE(Probe());
     EXPECT_EQ(device->PTPShoot(), ORQ_ERROR);
     EXPECT_TRUE(Probe());
@@ -179,7 +179,7 @@ TEST_F(TransactionTest, ResponseInPlaceOfData) {
     camera->ClearOperations();
     logStart = LogSize();
     camera->InjectFault(
-        Raw(PTP_OC_Vendor, orq::ORQM_GetMode, Container(3, orqsim::RC_DeviceBusy, Words({5}))));
+        Raw(PTP_OC_Vendor, orq::ORQM_GetMode, Container(3, orq::PTP_RC_DeviceBusy, Words({5}))));
     EXPECT_FALSE(Mode());
     EXPECT_EQ(camera->CountOperations(PTP_OC_Vendor, orq::ORQM_GetMode), 1u);
     EXPECT_TRUE(
@@ -251,7 +251,7 @@ TEST_F(OperationsTest, WrappersSendTheirParametersAndLogTheirLine) {
         SCOPED_TRACE(std::string(row.failure) + " " + std::to_string(subCommand));
         camera->ClearOperations();
         camera->InjectFault(
-            Fault::Operation(Fault::ResponseCode, row.code, subCommand, orqsim::RC_AccessDenied));
+            Fault::Operation(Fault::ResponseCode, row.code, subCommand, orq::PTP_RC_AccessDenied));
         logStart = LogSize();
         EXPECT_EQ(row.call(*device), ORQ_ERROR);
         auto ops = camera->Operations();
@@ -295,7 +295,7 @@ TEST_F(OperationsTest, ModeWaitPollsUntilRecordModeOrAFailure) {
 
     camera->SetCameraMode(0);
     Fault refused =
-        Fault::Operation(Fault::ResponseCode, PTP_OC_Vendor, getMode, orqsim::RC_AccessDenied);
+        Fault::Operation(Fault::ResponseCode, PTP_OC_Vendor, getMode, orq::PTP_RC_AccessDenied);
     refused.skip = 1;
     camera->InjectFault(refused);
     EXPECT_EQ(device->PTPWaitRecMode(), ORQ_ERROR);
@@ -370,7 +370,7 @@ TEST_F(FilesTest, OneBadObjectFailsTheListingAndLeavesTheTable) {
 
     camera->AddFile(u"IMG_0003.JPG", Bytes{3});
     Fault fault = Fault::Operation(Fault::ResponseCode, PTP_OC_GetObjectInfo, -1,
-                                   orqsim::RC_InvalidObjectHandle);
+                                   orq::PTP_RC_InvalidObjectHandle);
     fault.skip = 1;
     camera->InjectFault(fault);
     logStart = LogSize();

@@ -100,7 +100,7 @@ TEST(PropertyLoad, TranslatesRawValuesStopsAtAnUnknownOneAndStartsSdkOnlySetting
     EXPECT_EQ(cam.SetPropertyData(25, 1), ORQ_OK);
     EXPECT_EQ(rig.Take(), (Sent{{154, {}}, {155, {}}, {155, {}}}));
     rig.camera->InjectFault(orqsim::Fault::Operation(orqsim::Fault::ResponseCode, 0x9999, 154,
-                                                     orqsim::RC_AccessDenied));
+                                                     orq::PTP_RC_AccessDenied));
     EXPECT_EQ(cam.SetPropertyData(25, 0), ORQ_ERROR);
     EXPECT_EQ(rig.Logged("PTPManualFocusEnable failed: 0"), 1);
 }
@@ -228,7 +228,7 @@ TEST(CompoundProperty, SubCasesFollowTheMainCaseWithTheSameRawValue) {
 
     // A failing second case: the first stays written, the third is never sent, the new value kept.
     orqsim::Fault fault = orqsim::Fault::Operation(orqsim::Fault::ResponseCode, 0x9999,
-                                                   kSetPropCase, orqsim::RC_AccessDenied);
+                                                   kSetPropCase, orq::PTP_RC_AccessDenied);
     fault.skip = 1;
     rig.camera->InjectFault(fault);
     EXPECT_EQ(rig.device->SetPropertyData(6, 0), ORQ_ERROR);

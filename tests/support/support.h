@@ -282,7 +282,7 @@ struct Rig {
     }
     void InjectFailure(uint32_t subCommand, int64_t times = 1) {
         Fault fault = Fault::Operation(Fault::ResponseCode, orq::PTP_OC_Vendor, subCommand,
-                                       orqsim::RC_OperationNotSupported);
+                                       orq::PTP_RC_OperationNotSupported);
         fault.times = times;
         camera->InjectFault(fault);
     }
