@@ -42,6 +42,10 @@ bool ParseObject(const std::string& payload, Json& object);
 // A member's value when it has that type, otherwise the fallback.
 std::string TextOf(const Json& object, const char* key, const std::string& fallback = "");
 long long NumberOf(const Json& object, const char* key, long long fallback = 0);
+// True only for a JSON true; a member that is an object or an array, else an empty one.
+bool FlagOf(const Json& object, const char* key);
+Json ObjectOf(const Json& object, const char* key);
+Json ListOf(const Json& object, const char* key);
 
 // Files: SHA-256 (lowercase hex) and size of what is on disk, empty when unreadable; folders
 // made with their parents; a file written beside its place and renamed in.

@@ -87,6 +87,8 @@ void Controller::OnMessage(const std::string& topic, const std::string& payload)
     const std::string prefix = Topic("");
     if (topic.rfind(prefix, 0) != 0) return;
     std::vector<std::string> parts = Split(topic.substr(prefix.size()), '/');
+    // A level that is no name is nobody's folder or key.
+    if (parts.empty() || !std::all_of(parts.begin(), parts.end(), ValidName)) return;
     Json message;
     bool parsed = ParseObject(payload, message);
     std::lock_guard<std::mutex> guard(lock);
@@ -119,16 +121,15 @@ void Controller::OnMessage(const std::string& topic, const std::string& payload)
 std::vector<std::string> Controller::OnlineNodes() {
     std::vector<std::string> online;
     for (const auto& [name, state] : nodes)
-        if (state.value("online", false)) online.push_back(name);
+        if (FlagOf(state, "online")) online.push_back(name);
     return online;
 }
 
 void Controller::WarnClocks() {
     std::lock_guard<std::mutex> guard(lock);
     for (const auto& [name, state] : nodes) {
-        if (!state.value("online", false)) continue;
-        auto clock = state.find("clock");
-        if (clock == state.end() || !clock->value("synchronised", false)) {
+        if (!FlagOf(state, "online")) continue;
+        if (!FlagOf(ObjectOf(state, "clock"), "synchronised")) {
             Warn(
                 "orqcam rig: node %s's clock is not synchronised (no NTP or PTP daemon "
                 "disciplines it): its cameras may fire off the moment; see docs/rig.md\n",
@@ -149,23 +150,23 @@ Outcome Controller::List() {
     {
         std::lock_guard<std::mutex> guard(lock);
         for (const auto& [name, state] : nodes) {
-            bool online = state.value("online", false);
+            bool online = FlagOf(state, "online");
             anyOnline = anyOnline || online;
-            const Json clock = state.value("clock", Json::object());
+            const Json clock = ObjectOf(state, "clock");
             nodeRows.push_back(
                 {name, online ? "online" : "offline (" + TextOf(state, "reason") + ")",
                  std::to_string(NumberOf(state, "cameras")),
                  !online ? ""
-                 : clock.value("synchronised", false)
+                 : FlagOf(clock, "synchronised")
                      ? "synchronised, ±" + Milliseconds(NumberOf(clock, "estErrorUs")) + " ms"
                      : "NOT synchronised",
-                 online ? TextOf(state.value("files", Json::object()), "url") : ""});
+                 online ? TextOf(ObjectOf(state, "files"), "url") : ""});
             nodeJson.push_back(state.dump());
         }
         for (const auto& [key, record] : cameras) {
             cameraRows.push_back(
                 {TextOf(record, "node"), TextOf(record, "camera"), TextOf(record, "model"),
-                 TextOf(record, "serial"), record.value("online", false) ? "yes" : "no",
+                 TextOf(record, "serial"), FlagOf(record, "online") ? "yes" : "no",
                  TextOf(record, "battery"), std::to_string(NumberOf(record, "zoom"))});
             cameraJson.push_back(record.dump());
         }
@@ -229,7 +230,7 @@ Outcome Controller::Shoot() {
         return Failure(kExitBroker, "the broker did not take the fire command");
     const long long bound = options.leadMs + options.timeoutMs;
     auto gone = [this](const std::string& name) {
-        return !nodes.count(name) || !nodes[name].value("online", false);
+        return !nodes.count(name) || !FlagOf(nodes[name], "online");
     };
     // Every node answers or is lost; then every fired camera's picture is kept or failed.
     bool reported = WaitFor(
@@ -261,7 +262,7 @@ Outcome Controller::Shoot() {
     auto add = [&](const std::string& name, const std::string& camera, const std::string& status,
                    const Json& entry, const Json& shot) {
         bool fired = status == "fired";
-        bool ok = fired && shot.value("sha256", "") != "";
+        bool ok = fired && !TextOf(shot, "sha256").empty();
         if (!ok && exit == kExitOk) exit = kExitCameraError;
         if (fired) {
             long long sent = NumberOf(entry, "sent");
@@ -277,10 +278,10 @@ Outcome Controller::Shoot() {
                                    {"result", JsonString(TextOf(entry, "result"))},
                                    {"sent", JsonNumber(NumberOf(entry, "sent"))},
                                    {"lateUs", JsonNumber(NumberOf(entry, "lateUs"))},
-                                   {"file", ok ? Json{{"name", shot["name"]},
-                                                      {"size", shot["size"]},
-                                                      {"sha256", shot["sha256"]},
-                                                      {"path", shot["path"]}}
+                                   {"file", ok ? Json{{"name", TextOf(shot, "name")},
+                                                      {"size", NumberOf(shot, "size")},
+                                                      {"sha256", TextOf(shot, "sha256")},
+                                                      {"path", TextOf(shot, "path")}}
                                                      .dump()
                                                : "null"},
                                    {"reason", ok ? "null" : JsonString(reason)}}));
@@ -352,8 +353,7 @@ Outcome Controller::Adjust(const std::string& kind) {
     bool answered = WaitFor(
         [&] {
             return std::all_of(expected.begin(), expected.end(), [&](const std::string& name) {
-                return reports.count(name) ||
-                       (nodes.count(name) && !nodes[name].value("online", false));
+                return reports.count(name) || (nodes.count(name) && !FlagOf(nodes[name], "online"));
             });
         },
         options.timeoutMs + 1000);
@@ -366,7 +366,7 @@ Outcome Controller::Adjust(const std::string& kind) {
             Warn("orqcam rig: node %s: %s\n", name.c_str(), TextOf(report, "error").c_str());
             if (exit == kExitOk) exit = kExitUsage;
         }
-        for (const Json& entry : report.value("cameras", Json::array())) {
+        for (const Json& entry : ListOf(report, "cameras")) {
             std::string result = TextOf(entry, "result");
             if (result != "ORQ_OK" && exit == kExitOk)
                 exit = static_cast<int>(NumberOf(entry, "exit", kExitCameraError));

@@ -273,7 +273,7 @@ void Node::Work() {
             lastClockCheck = std::chrono::steady_clock::now();
             Json now = ClockState();
             std::lock_guard<std::mutex> guard(lock);
-            if (clock.value("synchronised", false) != now["synchronised"].get<bool>() ||
+            if (FlagOf(clock, "synchronised") != now["synchronised"].get<bool>() ||
                 !clock.contains("estErrorUs")) {
                 clock = now;
                 state = true;
@@ -284,7 +284,14 @@ void Node::Work() {
             broker.Publish(Topic("camera/" + node + "/" + members[index].key),
                            CameraRecord(members[index]).dump(), true);
         }
-        if (!command.first.empty()) Do(command.first, command.second);
+        if (command.first.empty()) continue;
+        // A command of any shape is answered or dropped; it never ends the node.
+        try {
+            Do(command.first, command.second);
+        } catch (const std::exception& error) {
+            Warn("orqcam node: a %s command could not be read: %s\n", command.first.c_str(),
+                 error.what());
+        }
     }
 }
 
