@@ -365,6 +365,41 @@ def main():
               "the manifest carries the settings at release")
     number += 1
 
+    # The same id again from rig shoot: the nodes answer duplicate, the first pictures stand.
+    code, fired, _ = rig(broker, "shoot", "--id", "twice", "--lead", "300")
+    files = [(c.get("file") or {}).get("name") for c in fired.get("cameras", [])]
+    check(code == 0 and files == ["IMG_%04d.JPG" % (number - 1)] * (NODES * CAMERAS),
+          "a reused id: exit 0 with the first pictures, not %d %r" % (code, files[:2]))
+    # A camera no node has: exit 3 at once, nothing fired.
+    code, fired, _ = rig(broker, "shoot", "--id", "nosuch", "%s/nosuch" % names[0])
+    check(code == 3, "a shot of an unknown camera exits 3, not %d" % code)
+
+    # Payloads of any shape, from anyone who may publish: controllers and nodes read on.
+    bogus = {"node/bogus": {"v": 1, "online": "yes", "clock": 5, "files": []},
+             "node/..": {"v": 1, "online": False}, "camera/bogus/x": {"node": "bogus", "camera": "x", "online": "yes", "zoom": {}},
+             "camera/%s/evil" % names[0]: [7], "cmd/fire": {"v": 1, "id": "odd", "cameras": 5},
+             "cmd/set": {"v": 1, "id": "odd2", "setting": [], "value": {}}}
+    listener = Listener(broker)
+    for topic, payload in bogus.items():
+        listener.client.publish("orq/v1/%s/%s" % (RIG, topic), json.dumps(payload), qos=1,
+                                retain=topic.startswith(("node", "camera"))).wait_for_publish()
+    listener.client.publish("orq/v1/%s/node/junk" % RIG, b"\xff{", qos=1, retain=True).wait_for_publish()
+    code, state, _ = rig(broker, "list")
+    check(code == 0 and len(state.get("nodes", [])) == NODES + 1,
+          "rig list reads odd retained states: exit %d" % code)
+    code, fired, _ = rig(broker, "shoot", "--id", "twice", "--lead", "300")
+    check(code == 0, "rig shoot beside odd retained states exits 0, not %d" % code)
+    code, collected, _ = rig(broker, "collect", "twice", "--dir", shots_dir)
+    with open(os.path.join(shots_dir, "twice", "manifest.json")) as f:
+        listed = {(c["node"], c.get("reason")) for c in json.load(f)["cameras"]}
+    check(code == 4 and ("bogus", "node offline") in listed and
+          not any(n == ".." for n, _ in listed), "collect beside odd states: exit %d" % code)
+    for topic in list(bogus) + ["node/junk"]:
+        if topic.startswith(("node", "camera")):
+            listener.client.publish("orq/v1/%s/%s" % (RIG, topic), b"", qos=1,
+                                    retain=True).wait_for_publish()
+    listener.close()
+
     # A fire that arrives too late: nobody fires, every camera is reported late.
     listener = Listener(broker, "report/+/too-late")
     listener.publish("cmd/fire", {"v": 1, "id": "too-late", "at": int(time.time() * 1e6) - 200000})

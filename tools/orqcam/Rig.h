@@ -61,6 +61,9 @@ struct BrokerAddress {
 // The URL and the password from --password-file, ORQ_RIG_PASSWORD or the URL, in that order.
 bool ResolveBroker(const Options& options, BrokerAddress& address, std::string& error);
 
+// A node's record of a shot from its file server (docs/rig.md), an empty object when it has
+// none or does not answer within a few seconds.
+Json NodeRecord(const Json& state, const std::string& shot);
 // rig collect (RigCollect.cpp), from the nodes and cameras the broker holds.
 Outcome CollectShot(const Options& options, const std::map<std::string, Json>& nodes,
                     const std::map<std::string, Json>& cameras);

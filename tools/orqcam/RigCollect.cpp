@@ -67,6 +67,22 @@ std::string Fetch(httplib::Client& client, const std::string& token, const std::
 
 }  // namespace
 
+Json NodeRecord(const Json& state, const std::string& shot) {
+    std::string base;
+    if (!ValidName(shot) || !SplitUrl(TextOf(ObjectOf(state, "files"), "url"), base))
+        return Json::object();
+    httplib::Client client(base);
+    client.set_connection_timeout(kConnectSeconds, 0);
+    client.set_read_timeout(5, 0);
+    auto answer = client.Get(
+        "/api/rig/shots/" + shot,
+        httplib::Headers{{"Authorization", "Bearer " + TextOf(ObjectOf(state, "files"), "token")}});
+    Json record;
+    if (!answer || answer->status != 200 || !ParseObject(answer->body, record))
+        return Json::object();
+    return record;
+}
+
 Outcome CollectShot(const Options& options, const std::map<std::string, Json>& nodes,
                     const std::map<std::string, Json>& cameras) {
     if (options.args.size() != 2 || options.dir.empty())

@@ -214,8 +214,12 @@ Outcome Controller::Shoot() {
         std::vector<std::string> online = OnlineNodes();
         for (const std::string& name : chosen) {
             std::string nodeName = name.substr(0, name.find('/'));
-            if (!nodes.count(nodeName) || !nodes[nodeName].value("online", false))
+            if (!nodes.count(nodeName) || !FlagOf(nodes[nodeName], "online"))
                 return Failure(kExitNoCamera, "node " + nodeName + " is not online");
+            const std::string camera =
+                name.find('/') == std::string::npos ? "" : name.substr(name.find('/') + 1);
+            if (!camera.empty() && !cameras.count(nodeName + "/" + camera))
+                return Failure(kExitNoCamera, "node " + nodeName + " has no camera " + camera);
             expected.insert(nodeName);
         }
         if (chosen.empty()) expected.insert(online.begin(), online.end());
@@ -243,8 +247,9 @@ Outcome Controller::Shoot() {
     bool kept = WaitFor(
         [&] {
             for (const auto& [name, report] : reports) {
-                if (gone(name) || !report.contains("cameras")) continue;
-                for (const Json& entry : report["cameras"]) {
+                // A node that fired this id before sends no new picture.
+                if (gone(name) || FlagOf(report, "duplicate")) continue;
+                for (const Json& entry : ListOf(report, "cameras")) {
                     if (TextOf(entry, "status") == "fired" &&
                         !shots.count(name + "/" + TextOf(entry, "camera")))
                         return false;
@@ -253,6 +258,14 @@ Outcome Controller::Shoot() {
             return true;
         },
         bound + options.timeoutMs);
+    // The records of nodes that fired this id before, fetched outside the lock.
+    std::map<std::string, Json> records;
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        for (const auto& [name, report] : reports)
+            if (FlagOf(report, "duplicate")) records[name] = nodes[name];
+    }
+    for (auto& [name, record] : records) record = NodeRecord(record, id);
 
     std::lock_guard<std::mutex> guard(lock);
     std::vector<std::vector<std::string>> rows;
@@ -304,12 +317,26 @@ Outcome Controller::Shoot() {
             if (exit == kExitOk) exit = kExitCameraError;
             continue;
         }
-        for (const Json& entry : report->second.value("cameras", Json::array())) {
+        // A duplicate's pictures are those of the first time, in the node's record.
+        const bool duplicate = FlagOf(report->second, "duplicate");
+        std::map<std::string, Json> kept;
+        for (const Json& taken : ListOf(records[name], "cameras"))
+            kept.emplace(TextOf(taken, "camera"), taken);
+        for (const Json& entry : ListOf(report->second, "cameras")) {
             std::string camera = TextOf(entry, "camera");
             auto shot = shots.find(name + "/" + camera);
+            Json picture = shot == shots.end() ? Json::object() : shot->second;
+            if (duplicate) {
+                const Json taken = kept.count(camera) ? kept[camera] : Json::object();
+                const Json files = ListOf(taken, "files");
+                picture = !files.empty() && !TextOf(files[0], "sha256").empty()
+                              ? files[0]
+                              : Json{{"reason", TextOf(taken, "reason", "no record")}};
+            }
             std::string status = TextOf(entry, "status");
-            if (status == "fired" && shot == shots.end() && gone(name)) status = "missing";
-            add(name, camera, status, entry, shot == shots.end() ? Json::object() : shot->second);
+            if (status == "fired" && TextOf(picture, "sha256").empty() && gone(name))
+                status = "missing";
+            add(name, camera, status, entry, picture);
         }
     }
     PrintTable({"NODE", "CAMERA", "RELEASE", "LATE MS", "PICTURE"}, rows);
