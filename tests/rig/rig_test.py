@@ -320,10 +320,16 @@ def main():
     refused = [c for r in adjusted.get("reports", []) for c in r["cameras"] if c["result"] != "ORQ_OK"]
     check(code == 6 and len(refused) == NODES * CAMERAS * 3 // 4,
           "ISO 125 refused by the models without it: exit %d, %d refused" % (code, len(refused)))
+    listener = Listener(broker, "event/+/+/setting")
     code, adjusted, _ = rig(broker, "set", "ISO Speed", "ISO 400")
     entries = [c for r in adjusted.get("reports", []) for c in r["cameras"]]
     check(code == 0 and len(entries) == NODES * CAMERAS and
           all(c["value"] == "ISO 400" for c in entries), "rig set on every camera: exit %d" % code)
+
+    def told():
+        return {t for t, p in listener.messages if p.get("value") == "ISO 400"}
+    listener.wait(lambda: len(told()) == NODES * CAMERAS, "a setting event from every camera")
+    listener.close()
     code, adjusted, _ = rig(broker, "zoom", "max")
     check(code == 0, "rig zoom exits 0, not %d" % code)
     state = rig_state(broker)
