@@ -334,8 +334,10 @@ def main():
     check(code == 0, "rig zoom exits 0, not %d" % code)
     state = rig_state(broker)
     wrong = [c["camera"] for c in (state or {}).get("cameras", [])
-             if c["settings"].get("ISO Speed") != "ISO 400" or c["zoom"] != c["maxZoom"]]
-    check(state and not wrong, "every camera record holds ISO 400 and the longest zoom: %s" % wrong[:3])
+             if c["settings"].get("ISO Speed") != "ISO 400" or c["zoom"] != c["maxZoom"] or
+             c.get("battery") != "3"]  # the virtual battery's level 2, by its value's name
+    check(state and not wrong,
+          "every camera record holds ISO 400, the longest zoom, battery '3': %s" % wrong[:3])
 
     # A wrong password: refused with a clear error and exit 7, from controller and node alike.
     code, document, error = rig(broker, "list", password="wrong")
