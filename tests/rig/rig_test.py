@@ -162,9 +162,12 @@ class Node:
                                        "--node", self.name, "--store", self.store,
                                        "--password-file", password_file()] + self.extra
         inner = "mount -t tmpfs tmpfs /tmp && exec " + " ".join("'%s'" % c for c in command)
+        # Its own logs and virtual cards, kept across its restarts as a PC's disk is: cards
+        # shared with other runs would number the pictures on from theirs.
+        environment = dict(os.environ, XDG_STATE_HOME=os.path.join(work, "state-" + self.name))
         self.process = subprocess.Popen(
             ["unshare", "-m", "--propagation", "private", "--", "sh", "-c", inner],
-            stdout=open(self.log, "a"), stderr=subprocess.STDOUT)
+            stdout=open(self.log, "a"), stderr=subprocess.STDOUT, env=environment)
         children.append(self.process)
 
     def stop(self, how=signal.SIGTERM):
