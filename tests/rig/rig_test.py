@@ -162,9 +162,12 @@ class Node:
                                        "--node", self.name, "--store", self.store,
                                        "--password-file", password_file()] + self.extra
         inner = "mount -t tmpfs tmpfs /tmp && exec " + " ".join("'%s'" % c for c in command)
+        # Its own logs and virtual cards, kept across its restarts as a PC's disk is: cards
+        # shared with other runs would number the pictures on from theirs.
+        environment = dict(os.environ, XDG_STATE_HOME=os.path.join(work, "state-" + self.name))
         self.process = subprocess.Popen(
             ["unshare", "-m", "--propagation", "private", "--", "sh", "-c", inner],
-            stdout=open(self.log, "a"), stderr=subprocess.STDOUT)
+            stdout=open(self.log, "a"), stderr=subprocess.STDOUT, env=environment)
         children.append(self.process)
 
     def stop(self, how=signal.SIGTERM):
@@ -320,16 +323,24 @@ def main():
     refused = [c for r in adjusted.get("reports", []) for c in r["cameras"] if c["result"] != "ORQ_OK"]
     check(code == 6 and len(refused) == NODES * CAMERAS * 3 // 4,
           "ISO 125 refused by the models without it: exit %d, %d refused" % (code, len(refused)))
+    listener = Listener(broker, "event/+/+/setting")
     code, adjusted, _ = rig(broker, "set", "ISO Speed", "ISO 400")
     entries = [c for r in adjusted.get("reports", []) for c in r["cameras"]]
     check(code == 0 and len(entries) == NODES * CAMERAS and
           all(c["value"] == "ISO 400" for c in entries), "rig set on every camera: exit %d" % code)
+
+    def told():
+        return {t for t, p in listener.messages if p.get("value") == "ISO 400"}
+    listener.wait(lambda: len(told()) == NODES * CAMERAS, "a setting event from every camera")
+    listener.close()
     code, adjusted, _ = rig(broker, "zoom", "max")
     check(code == 0, "rig zoom exits 0, not %d" % code)
     state = rig_state(broker)
     wrong = [c["camera"] for c in (state or {}).get("cameras", [])
-             if c["settings"].get("ISO Speed") != "ISO 400" or c["zoom"] != c["maxZoom"]]
-    check(state and not wrong, "every camera record holds ISO 400 and the longest zoom: %s" % wrong[:3])
+             if c["settings"].get("ISO Speed") != "ISO 400" or c["zoom"] != c["maxZoom"] or
+             c.get("battery") != "3"]  # the virtual battery's level 2, by its value's name
+    check(state and not wrong,
+          "every camera record holds ISO 400, the longest zoom, battery '3': %s" % wrong[:3])
 
     # A wrong password: refused with a clear error and exit 7, from controller and node alike.
     code, document, error = rig(broker, "list", password="wrong")
@@ -364,6 +375,41 @@ def main():
         check(all(c["settings"]["ISO Speed"] == "ISO 400" for c in json.load(f)["cameras"]),
               "the manifest carries the settings at release")
     number += 1
+
+    # The same id again from rig shoot: the nodes answer duplicate, the first pictures stand.
+    code, fired, _ = rig(broker, "shoot", "--id", "twice", "--lead", "300")
+    files = [(c.get("file") or {}).get("name") for c in fired.get("cameras", [])]
+    check(code == 0 and files == ["IMG_%04d.JPG" % (number - 1)] * (NODES * CAMERAS),
+          "a reused id: exit 0 with the first pictures, not %d %r" % (code, files[:2]))
+    # A camera no node has: exit 3 at once, nothing fired.
+    code, fired, _ = rig(broker, "shoot", "--id", "nosuch", "%s/nosuch" % names[0])
+    check(code == 3, "a shot of an unknown camera exits 3, not %d" % code)
+
+    # Payloads of any shape, from anyone who may publish: controllers and nodes read on.
+    bogus = {"node/bogus": {"v": 1, "online": "yes", "clock": 5, "files": []},
+             "node/..": {"v": 1, "online": False}, "camera/bogus/x": {"node": "bogus", "camera": "x", "online": "yes", "zoom": {}},
+             "camera/%s/evil" % names[0]: [7], "cmd/fire": {"v": 1, "id": "odd", "cameras": 5},
+             "cmd/set": {"v": 1, "id": "odd2", "setting": [], "value": {}}}
+    listener = Listener(broker)
+    for topic, payload in bogus.items():
+        listener.client.publish("orq/v1/%s/%s" % (RIG, topic), json.dumps(payload), qos=1,
+                                retain=topic.startswith(("node", "camera"))).wait_for_publish()
+    listener.client.publish("orq/v1/%s/node/junk" % RIG, b"\xff{", qos=1, retain=True).wait_for_publish()
+    code, state, _ = rig(broker, "list")
+    check(code == 0 and len(state.get("nodes", [])) == NODES + 1,
+          "rig list reads odd retained states: exit %d" % code)
+    code, fired, _ = rig(broker, "shoot", "--id", "twice", "--lead", "300")
+    check(code == 0, "rig shoot beside odd retained states exits 0, not %d" % code)
+    code, collected, _ = rig(broker, "collect", "twice", "--dir", shots_dir)
+    with open(os.path.join(shots_dir, "twice", "manifest.json")) as f:
+        listed = {(c["node"], c.get("reason")) for c in json.load(f)["cameras"]}
+    check(code == 4 and ("bogus", "node offline") in listed and
+          not any(n == ".." for n, _ in listed), "collect beside odd states: exit %d" % code)
+    for topic in list(bogus) + ["node/junk"]:
+        if topic.startswith(("node", "camera")):
+            listener.client.publish("orq/v1/%s/%s" % (RIG, topic), b"", qos=1,
+                                    retain=True).wait_for_publish()
+    listener.close()
 
     # A fire that arrives too late: nobody fires, every camera is reported late.
     listener = Listener(broker, "report/+/too-late")

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <map>
 
 #include "Rig.h"
 
@@ -110,6 +111,39 @@ TEST(RigFiles, ChecksumsAndAtomicWrites) {
     std::ifstream leftover(path + ".part");
     EXPECT_FALSE(leftover.good());
     std::remove(path.c_str());
+}
+
+// What the broker holds is anyone's: a payload of the wrong shape reads as absent, and a node
+// whose name is no name never becomes a folder.
+TEST(RigCollect, PayloadsOfAnyShapeAndNamesThatAreNoNames) {
+    using orqcam::rig::Json;
+    const std::string root = ::testing::TempDir() + "orq-rig-collect";
+    Options options;
+    options.args = {"collect", "s1"};
+    options.dir = root;
+    const std::map<std::string, Json> nodes = {
+        {"pa", Json::parse(R"({"online": "yes", "files": 5, "clock": []})")},
+        {"pb", Json::parse(R"({"online": true, "files": {"url": 7}})")},
+        {"..", Json::parse(R"({"online": false})")},
+        {"p/c", Json::parse(R"({"online": false})")}};
+    const std::map<std::string, Json> cameras = {
+        {"pa/x", Json::parse(R"({"node": "pa", "camera": "x", "serial": 3})")},
+        {"pb/y", Json::parse(R"({"node": "pb", "camera": "y"})")},
+        {"../z", Json::parse(R"({"node": "..", "camera": "z"})")},
+        {"p/c/w", Json::parse(R"({"node": "p/c", "camera": "w"})")}};
+    orqcam::Outcome outcome;
+    ASSERT_NO_THROW(outcome = orqcam::rig::CollectShot(options, nodes, cameras));
+    EXPECT_EQ(outcome.exit, orqcam::kExitCameraError);
+    std::ifstream in(root + "/s1/manifest.json");
+    const Json manifest = Json::parse(in, nullptr, false);
+    ASSERT_TRUE(manifest.is_object());
+    std::map<std::string, std::string> reasons;
+    for (const Json& entry : manifest["cameras"])
+        reasons[entry["node"].get<std::string>() + "/" + entry["camera"].get<std::string>()] =
+            entry["reason"].get<std::string>();
+    const std::map<std::string, std::string> expected = {{"pa/x", "node offline"},
+                                                         {"pb/y", "the node gives no file server"}};
+    EXPECT_EQ(reasons, expected);
 }
 
 }  // namespace

@@ -42,6 +42,10 @@ bool ParseObject(const std::string& payload, Json& object);
 // A member's value when it has that type, otherwise the fallback.
 std::string TextOf(const Json& object, const char* key, const std::string& fallback = "");
 long long NumberOf(const Json& object, const char* key, long long fallback = 0);
+// True only for a JSON true; a member that is an object or an array, else an empty one.
+bool FlagOf(const Json& object, const char* key);
+Json ObjectOf(const Json& object, const char* key);
+Json ListOf(const Json& object, const char* key);
 
 // Files: SHA-256 (lowercase hex) and size of what is on disk, empty when unreadable; folders
 // made with their parents; a file written beside its place and renamed in.
@@ -57,6 +61,9 @@ struct BrokerAddress {
 // The URL and the password from --password-file, ORQ_RIG_PASSWORD or the URL, in that order.
 bool ResolveBroker(const Options& options, BrokerAddress& address, std::string& error);
 
+// A node's record of a shot from its file server (docs/rig.md), an empty object when it has
+// none or does not answer within a few seconds.
+Json NodeRecord(const Json& state, const std::string& shot);
 // rig collect (RigCollect.cpp), from the nodes and cameras the broker holds.
 Outcome CollectShot(const Options& options, const std::map<std::string, Json>& nodes,
                     const std::map<std::string, Json>& cameras);

@@ -89,6 +89,21 @@ long long NumberOf(const Json& object, const char* key, long long fallback) {
     return found != object.end() && found->is_number_integer() ? found->get<long long>() : fallback;
 }
 
+bool FlagOf(const Json& object, const char* key) {
+    auto found = object.find(key);
+    return found != object.end() && found->is_boolean() && found->get<bool>();
+}
+
+Json ObjectOf(const Json& object, const char* key) {
+    auto found = object.find(key);
+    return found != object.end() && found->is_object() ? *found : Json::object();
+}
+
+Json ListOf(const Json& object, const char* key) {
+    auto found = object.find(key);
+    return found != object.end() && found->is_array() ? *found : Json::array();
+}
+
 std::string FileSha256(const std::string& path, uint64_t* size) {
     std::ifstream in(path, std::ios::binary);
     if (!in) return "";
@@ -232,7 +247,13 @@ void Broker::Received(mosquitto*, void* self, const mosquitto_message* message) 
         broker->changed.notify_all();
         return;
     }
-    if (broker->onMessage) broker->onMessage(topic, payload);
+    // Whoever may publish on the rig's topics must not be able to end this process.
+    try {
+        if (broker->onMessage) broker->onMessage(topic, payload);
+    } catch (const std::exception& error) {
+        Warn("orqcam rig: a message on %s could not be read: %s\n", SafeName(topic).c_str(),
+             error.what());
+    }
 }
 
 void Broker::Dropped(mosquitto*, void* self, int) {

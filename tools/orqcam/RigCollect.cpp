@@ -67,6 +67,22 @@ std::string Fetch(httplib::Client& client, const std::string& token, const std::
 
 }  // namespace
 
+Json NodeRecord(const Json& state, const std::string& shot) {
+    std::string base;
+    if (!ValidName(shot) || !SplitUrl(TextOf(ObjectOf(state, "files"), "url"), base))
+        return Json::object();
+    httplib::Client client(base);
+    client.set_connection_timeout(kConnectSeconds, 0);
+    client.set_read_timeout(5, 0);
+    auto answer = client.Get(
+        "/api/rig/shots/" + shot,
+        httplib::Headers{{"Authorization", "Bearer " + TextOf(ObjectOf(state, "files"), "token")}});
+    Json record;
+    if (!answer || answer->status != 200 || !ParseObject(answer->body, record))
+        return Json::object();
+    return record;
+}
+
 Outcome CollectShot(const Options& options, const std::map<std::string, Json>& nodes,
                     const std::map<std::string, Json>& cameras) {
     if (options.args.size() != 2 || options.dir.empty())
@@ -96,11 +112,13 @@ Outcome CollectShot(const Options& options, const std::map<std::string, Json>& n
     };
 
     for (const auto& [node, state] : nodes) {
-        const bool online = state.value("online", false);
+        // The node's name becomes a folder: only a name, never a path.
+        if (!ValidName(node)) continue;
+        const bool online = FlagOf(state, "online");
         Json record;
         std::string why;
         std::string base;
-        const Json files = state.value("files", Json::object());
+        const Json files = ObjectOf(state, "files");
         const std::string token = TextOf(files, "token");
         std::unique_ptr<httplib::Client> client;
         if (!online) {
@@ -130,7 +148,7 @@ Outcome CollectShot(const Options& options, const std::map<std::string, Json>& n
             continue;
         }
         at = NumberOf(record, "at", at);
-        for (const Json& taken : record.value("cameras", Json::array())) {
+        for (const Json& taken : ListOf(record, "cameras")) {
             const std::string camera = TextOf(taken, "camera");
             if (!ValidName(camera) || listed.count(node + "/" + camera)) continue;
             listed.insert(node + "/" + camera);
@@ -139,21 +157,22 @@ Outcome CollectShot(const Options& options, const std::map<std::string, Json>& n
                           {"camera", camera},
                           {"serial", TextOf(taken, "serial")},
                           {"model", TextOf(taken, "model")},
-                          {"settings", taken.value("settings", Json::object())},
+                          {"settings", ObjectOf(taken, "settings")},
                           {"release",
                            {{"status", status},
                             {"result", TextOf(taken, "result")},
                             {"sent", NumberOf(taken, "sent")},
                             {"lateUs", NumberOf(taken, "lateUs")}}},
                           {"files", Json::array()}};
-            if (!taken.contains("files")) {
+            auto fileList = taken.find("files");
+            if (fileList == taken.end() || !fileList->is_array()) {
                 entry["reason"] = "pending on the node";
                 complete = false;
-            } else if (taken["files"].empty()) {
+            } else if (fileList->empty()) {
                 entry["reason"] = TextOf(taken, "reason", status);
                 if (status == "fired") complete = false;
             }
-            for (const Json& file : taken.value("files", Json::array())) {
+            for (const Json& file : ListOf(taken, "files")) {
                 const std::string name = TextOf(file, "name");
                 const std::string sha = TextOf(file, "sha256");
                 const long long size = NumberOf(file, "size", -1);

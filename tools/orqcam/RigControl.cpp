@@ -87,6 +87,8 @@ void Controller::OnMessage(const std::string& topic, const std::string& payload)
     const std::string prefix = Topic("");
     if (topic.rfind(prefix, 0) != 0) return;
     std::vector<std::string> parts = Split(topic.substr(prefix.size()), '/');
+    // A level that is no name is nobody's folder or key.
+    if (parts.empty() || !std::all_of(parts.begin(), parts.end(), ValidName)) return;
     Json message;
     bool parsed = ParseObject(payload, message);
     std::lock_guard<std::mutex> guard(lock);
@@ -119,16 +121,15 @@ void Controller::OnMessage(const std::string& topic, const std::string& payload)
 std::vector<std::string> Controller::OnlineNodes() {
     std::vector<std::string> online;
     for (const auto& [name, state] : nodes)
-        if (state.value("online", false)) online.push_back(name);
+        if (FlagOf(state, "online")) online.push_back(name);
     return online;
 }
 
 void Controller::WarnClocks() {
     std::lock_guard<std::mutex> guard(lock);
     for (const auto& [name, state] : nodes) {
-        if (!state.value("online", false)) continue;
-        auto clock = state.find("clock");
-        if (clock == state.end() || !clock->value("synchronised", false)) {
+        if (!FlagOf(state, "online")) continue;
+        if (!FlagOf(ObjectOf(state, "clock"), "synchronised")) {
             Warn(
                 "orqcam rig: node %s's clock is not synchronised (no NTP or PTP daemon "
                 "disciplines it): its cameras may fire off the moment; see docs/rig.md\n",
@@ -149,23 +150,23 @@ Outcome Controller::List() {
     {
         std::lock_guard<std::mutex> guard(lock);
         for (const auto& [name, state] : nodes) {
-            bool online = state.value("online", false);
+            bool online = FlagOf(state, "online");
             anyOnline = anyOnline || online;
-            const Json clock = state.value("clock", Json::object());
+            const Json clock = ObjectOf(state, "clock");
             nodeRows.push_back(
                 {name, online ? "online" : "offline (" + TextOf(state, "reason") + ")",
                  std::to_string(NumberOf(state, "cameras")),
                  !online ? ""
-                 : clock.value("synchronised", false)
+                 : FlagOf(clock, "synchronised")
                      ? "synchronised, ±" + Milliseconds(NumberOf(clock, "estErrorUs")) + " ms"
                      : "NOT synchronised",
-                 online ? TextOf(state.value("files", Json::object()), "url") : ""});
+                 online ? TextOf(ObjectOf(state, "files"), "url") : ""});
             nodeJson.push_back(state.dump());
         }
         for (const auto& [key, record] : cameras) {
             cameraRows.push_back(
                 {TextOf(record, "node"), TextOf(record, "camera"), TextOf(record, "model"),
-                 TextOf(record, "serial"), record.value("online", false) ? "yes" : "no",
+                 TextOf(record, "serial"), FlagOf(record, "online") ? "yes" : "no",
                  TextOf(record, "battery"), std::to_string(NumberOf(record, "zoom"))});
             cameraJson.push_back(record.dump());
         }
@@ -213,8 +214,12 @@ Outcome Controller::Shoot() {
         std::vector<std::string> online = OnlineNodes();
         for (const std::string& name : chosen) {
             std::string nodeName = name.substr(0, name.find('/'));
-            if (!nodes.count(nodeName) || !nodes[nodeName].value("online", false))
+            if (!nodes.count(nodeName) || !FlagOf(nodes[nodeName], "online"))
                 return Failure(kExitNoCamera, "node " + nodeName + " is not online");
+            const std::string camera =
+                name.find('/') == std::string::npos ? "" : name.substr(name.find('/') + 1);
+            if (!camera.empty() && !cameras.count(nodeName + "/" + camera))
+                return Failure(kExitNoCamera, "node " + nodeName + " has no camera " + camera);
             expected.insert(nodeName);
         }
         if (chosen.empty()) expected.insert(online.begin(), online.end());
@@ -229,7 +234,7 @@ Outcome Controller::Shoot() {
         return Failure(kExitBroker, "the broker did not take the fire command");
     const long long bound = options.leadMs + options.timeoutMs;
     auto gone = [this](const std::string& name) {
-        return !nodes.count(name) || !nodes[name].value("online", false);
+        return !nodes.count(name) || !FlagOf(nodes[name], "online");
     };
     // Every node answers or is lost; then every fired camera's picture is kept or failed.
     bool reported = WaitFor(
@@ -242,8 +247,9 @@ Outcome Controller::Shoot() {
     bool kept = WaitFor(
         [&] {
             for (const auto& [name, report] : reports) {
-                if (gone(name) || !report.contains("cameras")) continue;
-                for (const Json& entry : report["cameras"]) {
+                // A node that fired this id before sends no new picture.
+                if (gone(name) || FlagOf(report, "duplicate")) continue;
+                for (const Json& entry : ListOf(report, "cameras")) {
                     if (TextOf(entry, "status") == "fired" &&
                         !shots.count(name + "/" + TextOf(entry, "camera")))
                         return false;
@@ -252,6 +258,14 @@ Outcome Controller::Shoot() {
             return true;
         },
         bound + options.timeoutMs);
+    // The records of nodes that fired this id before, fetched outside the lock.
+    std::map<std::string, Json> records;
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        for (const auto& [name, report] : reports)
+            if (FlagOf(report, "duplicate")) records[name] = nodes[name];
+    }
+    for (auto& [name, record] : records) record = NodeRecord(record, id);
 
     std::lock_guard<std::mutex> guard(lock);
     std::vector<std::vector<std::string>> rows;
@@ -261,7 +275,7 @@ Outcome Controller::Shoot() {
     auto add = [&](const std::string& name, const std::string& camera, const std::string& status,
                    const Json& entry, const Json& shot) {
         bool fired = status == "fired";
-        bool ok = fired && shot.value("sha256", "") != "";
+        bool ok = fired && !TextOf(shot, "sha256").empty();
         if (!ok && exit == kExitOk) exit = kExitCameraError;
         if (fired) {
             long long sent = NumberOf(entry, "sent");
@@ -277,10 +291,10 @@ Outcome Controller::Shoot() {
                                    {"result", JsonString(TextOf(entry, "result"))},
                                    {"sent", JsonNumber(NumberOf(entry, "sent"))},
                                    {"lateUs", JsonNumber(NumberOf(entry, "lateUs"))},
-                                   {"file", ok ? Json{{"name", shot["name"]},
-                                                      {"size", shot["size"]},
-                                                      {"sha256", shot["sha256"]},
-                                                      {"path", shot["path"]}}
+                                   {"file", ok ? Json{{"name", TextOf(shot, "name")},
+                                                      {"size", NumberOf(shot, "size")},
+                                                      {"sha256", TextOf(shot, "sha256")},
+                                                      {"path", TextOf(shot, "path")}}
                                                      .dump()
                                                : "null"},
                                    {"reason", ok ? "null" : JsonString(reason)}}));
@@ -303,12 +317,26 @@ Outcome Controller::Shoot() {
             if (exit == kExitOk) exit = kExitCameraError;
             continue;
         }
-        for (const Json& entry : report->second.value("cameras", Json::array())) {
+        // A duplicate's pictures are those of the first time, in the node's record.
+        const bool duplicate = FlagOf(report->second, "duplicate");
+        std::map<std::string, Json> kept;
+        for (const Json& taken : ListOf(records[name], "cameras"))
+            kept.emplace(TextOf(taken, "camera"), taken);
+        for (const Json& entry : ListOf(report->second, "cameras")) {
             std::string camera = TextOf(entry, "camera");
             auto shot = shots.find(name + "/" + camera);
+            Json picture = shot == shots.end() ? Json::object() : shot->second;
+            if (duplicate) {
+                const Json taken = kept.count(camera) ? kept[camera] : Json::object();
+                const Json files = ListOf(taken, "files");
+                picture = !files.empty() && !TextOf(files[0], "sha256").empty()
+                              ? files[0]
+                              : Json{{"reason", TextOf(taken, "reason", "no record")}};
+            }
             std::string status = TextOf(entry, "status");
-            if (status == "fired" && shot == shots.end() && gone(name)) status = "missing";
-            add(name, camera, status, entry, shot == shots.end() ? Json::object() : shot->second);
+            if (status == "fired" && TextOf(picture, "sha256").empty() && gone(name))
+                status = "missing";
+            add(name, camera, status, entry, picture);
         }
     }
     PrintTable({"NODE", "CAMERA", "RELEASE", "LATE MS", "PICTURE"}, rows);
@@ -352,8 +380,7 @@ Outcome Controller::Adjust(const std::string& kind) {
     bool answered = WaitFor(
         [&] {
             return std::all_of(expected.begin(), expected.end(), [&](const std::string& name) {
-                return reports.count(name) ||
-                       (nodes.count(name) && !nodes[name].value("online", false));
+                return reports.count(name) || (nodes.count(name) && !FlagOf(nodes[name], "online"));
             });
         },
         options.timeoutMs + 1000);
@@ -366,7 +393,7 @@ Outcome Controller::Adjust(const std::string& kind) {
             Warn("orqcam rig: node %s: %s\n", name.c_str(), TextOf(report, "error").c_str());
             if (exit == kExitOk) exit = kExitUsage;
         }
-        for (const Json& entry : report.value("cameras", Json::array())) {
+        for (const Json& entry : ListOf(report, "cameras")) {
             std::string result = TextOf(entry, "result");
             if (result != "ORQ_OK" && exit == kExitOk)
                 exit = static_cast<int>(NumberOf(entry, "exit", kExitCameraError));

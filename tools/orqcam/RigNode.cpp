@@ -88,6 +88,7 @@ private:
     void PublishState();
     void OnMessage(const std::string& topic, const std::string& payload);
     void OnEvent(size_t index, const std::string& kind, const std::string& json);
+    void PublishSetting(const Member& member, const Json& property);
     void Work();
     void Do(const std::string& kind, const Json& command);
     // The chosen cameras' indices; false when the command names none of this node's.
@@ -197,6 +198,18 @@ void Node::OnMessage(const std::string& topic, const std::string& payload) {
     wake.notify_all();
 }
 
+void Node::PublishSetting(const Member& member, const Json& property) {
+    broker.Publish(Topic("event/" + node + "/" + member.key + "/setting"),
+                   Json{{"v", kVersion},
+                        {"node", node},
+                        {"camera", member.key},
+                        {"setting", TextOf(property, "name")},
+                        {"value", TextOf(property, "valueName")},
+                        {"time", UtcMicros()}}
+                       .dump(),
+                   false);
+}
+
 void Node::OnEvent(size_t index, const std::string& kind, const std::string& json) {
     if (kind != "property" && kind != "camera-error" && kind != "zoom") return;
     const Member& member = members[index];
@@ -204,15 +217,7 @@ void Node::OnEvent(size_t index, const std::string& kind, const std::string& jso
     Json data;
     ParseObject(json, data);
     if (kind == "property") {
-        broker.Publish(Topic(base + "setting"),
-                       Json{{"v", kVersion},
-                            {"node", node},
-                            {"camera", member.key},
-                            {"setting", TextOf(data, "name")},
-                            {"value", TextOf(data, "valueName")},
-                            {"time", UtcMicros()}}
-                           .dump(),
-                       false);
+        PublishSetting(member, data);
     } else if (kind == "camera-error") {
         broker.Publish(Topic(base + "error"),
                        Json{{"v", kVersion},
@@ -273,7 +278,7 @@ void Node::Work() {
             lastClockCheck = std::chrono::steady_clock::now();
             Json now = ClockState();
             std::lock_guard<std::mutex> guard(lock);
-            if (clock.value("synchronised", false) != now["synchronised"].get<bool>() ||
+            if (FlagOf(clock, "synchronised") != now["synchronised"].get<bool>() ||
                 !clock.contains("estErrorUs")) {
                 clock = now;
                 state = true;
@@ -284,7 +289,14 @@ void Node::Work() {
             broker.Publish(Topic("camera/" + node + "/" + members[index].key),
                            CameraRecord(members[index]).dump(), true);
         }
-        if (!command.first.empty()) Do(command.first, command.second);
+        if (command.first.empty()) continue;
+        // A command of any shape is answered or dropped; it never ends the node.
+        try {
+            Do(command.first, command.second);
+        } catch (const std::exception& error) {
+            Warn("orqcam node: a %s command could not be read: %s\n", command.first.c_str(),
+                 error.what());
+        }
     }
 }
 
@@ -546,8 +558,11 @@ void Node::Adjust(const std::string& kind, const Json& command, const std::vecto
                 entry["error"] = TextOf(output, "error");
                 entry["exit"] = outcome.exit;  // as orqcam set or zoom on this camera
             }
-            if (outcome.exit == kExitOk && kind == "set")
+            if (outcome.exit == kExitOk && kind == "set") {
                 entry["value"] = TextOf(output, "valueName");
+                // The camera tells only of changes made at it; ours are told here.
+                PublishSetting(members[index], output);
+            }
             if (outcome.exit == kExitOk && kind == "zoom") entry["zoom"] = NumberOf(output, "zoom");
             entries.push_back(entry);
             // Before the report: whoever reads the report finds the records already new.

@@ -28,8 +28,7 @@ constexpr long long kDefaultLeadMs = 1000;
 
 // True only for a JSON true: a payload of any shape is read without a throw.
 bool Flag(const Json& object, const char* key) {
-    auto found = object.find(key);
-    return found != object.end() && found->is_boolean() && found->get<bool>();
+    return rig::FlagOf(object, key);
 }
 
 void Send(httplib::Response& response, int status, const Json& body) {
