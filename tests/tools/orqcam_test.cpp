@@ -111,10 +111,16 @@ TEST_F(OrqcamTest, SetLandsOnTheCameraBeforeTheToolExits) {
     ASSERT_EQ(Cmd({"reset"}), kExitOk) << err;
     EXPECT_EQ(Cmd({"set", "Image Size", "Small"}), kExitOk) << err;
 
-    // The measure: every one of 100 sets is on the camera once the command has returned.
+    // The measure: every one of the sets is on the camera once the command has returned. Under
+    // wine, where each start of the SDK costs more, a quarter of them take the same path.
+#ifdef _WIN32
+    constexpr int kSets = 25;
+#else
+    constexpr int kSets = 100;
+#endif
     const std::vector<std::string> sizes = {"large", "Medium 1", "MEDIUM 2", "small"};
     int landed = 0;
-    for (int i = 0; i < 100; ++i) {
+    for (int i = 0; i < kSets; ++i) {
         std::string name = ValueName(ORQ_PROP_IMAGE_SIZE, OnCamera(camera, ORQ_PROP_IMAGE_SIZE));
         if (Cmd({"--quiet", "set", "image size", sizes[i % 4]}) == kExitOk &&
             Lower(ValueName(ORQ_PROP_IMAGE_SIZE, OnCamera(camera, ORQ_PROP_IMAGE_SIZE))) ==
@@ -122,9 +128,9 @@ TEST_F(OrqcamTest, SetLandsOnTheCameraBeforeTheToolExits) {
             Lower(name) != Lower(sizes[i % 4]))
             ++landed;
     }
-    std::printf("%d of 100 sets landed\n", landed);
-    EXPECT_EQ(landed, 100);
-    EXPECT_EQ(sdk.SimCountOperations(camera, kVendorOperation, kSetPropCase) >= 100, true);
+    std::printf("%d of %d sets landed\n", landed, kSets);
+    EXPECT_EQ(landed, kSets);
+    EXPECT_GE(sdk.SimCountOperations(camera, kVendorOperation, kSetPropCase), kSets);
 }
 
 TEST_F(OrqcamTest, RefusalsTimeoutsAndErrorsHaveTheirExitCodes) {
