@@ -15,6 +15,7 @@
 
 #include "Rig.h"
 #include "Serve.h"
+#include "ServeServer.h"
 #include "Verbs.h"
 
 namespace orqcam {
@@ -609,26 +610,12 @@ void Node::Routes(httplib::Server& http) {
             }
             path += "/" + part;
         }
-        auto stream = std::make_shared<std::ifstream>(path, std::ios::binary);
-        stream->seekg(0, std::ios::end);
-        std::streamoff size = stream->tellg();
-        stream->seekg(0);
-        if (!*stream || size < 0) {
+        if (!serve::StreamFile(response, path)) {
             response.status = 404;
             response.set_content(
                 Json{{"error", "no such file here"}, {"result", "ORQ_ERROR"}}.dump() + "\n",
                 "application/json");
-            return;
         }
-        response.set_content_provider(
-            static_cast<size_t>(size), "application/octet-stream",
-            [stream](size_t offset, size_t length, httplib::DataSink& sink) {
-                char buffer[65536];
-                stream->seekg(static_cast<std::streamoff>(offset));
-                stream->read(buffer, static_cast<std::streamsize>(std::min(length, sizeof buffer)));
-                std::streamsize got = stream->gcount();
-                return got > 0 && sink.write(buffer, static_cast<size_t>(got));
-            });
     });
 }
 

@@ -15,6 +15,29 @@ const char* kBoundary = "orqframe";
 
 }  // namespace
 
+bool StreamFile(httplib::Response& response, const std::string& path,
+                const std::function<void()>& done) {
+    auto stream = std::make_shared<std::ifstream>(path, std::ios::binary);
+    stream->seekg(0, std::ios::end);
+    std::streamoff size = stream->tellg();
+    stream->seekg(0);
+    if (!*stream || size < 0) return false;
+    response.set_content_provider(
+        static_cast<size_t>(size), "application/octet-stream",
+        [stream](size_t offset, size_t length, httplib::DataSink& sink) {
+            char buffer[65536];
+            stream->seekg(static_cast<std::streamoff>(offset));
+            stream->read(buffer, static_cast<std::streamsize>(std::min(length, sizeof buffer)));
+            std::streamsize got = stream->gcount();
+            return got > 0 && sink.write(buffer, static_cast<size_t>(got));
+        },
+        [stream, done](bool) {
+            stream->close();
+            if (done) done();
+        });
+    return true;
+}
+
 std::vector<FileRecord> Server::Files(Feed& feed) {
     OrqFileInfo* list = nullptr;
     int count = 0;
@@ -73,32 +96,15 @@ void Server::Download(const Request& request, Response& response) {
                 kDownloadTimeoutMs))
             return;
     }
-    auto stream = std::make_shared<std::ifstream>(path, std::ios::binary);
-    stream->seekg(0, std::ios::end);
-    std::streamoff size = stream->tellg();
-    stream->seekg(0);
-    if (!*stream || size < 0) {
-        std::remove(path.c_str());
-        return Error(response, 500, "the downloaded file cannot be read");
-    }
     std::string name = file->name;
     name.erase(std::remove_if(name.begin(), name.end(),
                               [](char c) { return c == '"' || c == '\\' || c < 0x20; }),
                name.end());
+    if (!StreamFile(response, path, [path] { std::remove(path.c_str()); })) {
+        std::remove(path.c_str());
+        return Error(response, 500, "the downloaded file cannot be read");
+    }
     response.set_header("Content-Disposition", "attachment; filename=\"" + name + "\"");
-    response.set_content_provider(
-        static_cast<size_t>(size), "application/octet-stream",
-        [stream](size_t offset, size_t length, httplib::DataSink& sink) {
-            char buffer[65536];
-            stream->seekg(static_cast<std::streamoff>(offset));
-            stream->read(buffer, static_cast<std::streamsize>(std::min(length, sizeof buffer)));
-            std::streamsize got = stream->gcount();
-            return got > 0 && sink.write(buffer, static_cast<size_t>(got));
-        },
-        [stream, path](bool) {
-            stream->close();
-            std::remove(path.c_str());
-        });
 }
 
 void Server::Delete(const Request& request, Response& response) {

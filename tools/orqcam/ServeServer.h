@@ -4,6 +4,7 @@
 #include <httplib.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -30,6 +31,11 @@ inline void Error(httplib::Response& response, int status, const std::string& me
     Reply(response, status,
           JsonObject({{"error", JsonString(message)}, {"result", JsonString(ResultName(result))}}));
 }
+
+// Sends the file at `path` as the response's body, read in pieces as the client takes them;
+// `done` runs once the transfer has ended. False, with nothing set, when it cannot be read.
+bool StreamFile(httplib::Response& response, const std::string& path,
+                const std::function<void()>& done = nullptr);
 
 // The status a failed SDK result stands for.
 inline int StatusFor(OrqResult result) {
