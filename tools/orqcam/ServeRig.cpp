@@ -12,6 +12,7 @@
 #include <set>
 
 #include "Rig.h"
+#include "ServeReply.h"
 
 namespace orqcam {
 namespace serve {
@@ -32,13 +33,7 @@ bool Flag(const Json& object, const char* key) {
 }
 
 void Send(httplib::Response& response, int status, const Json& body) {
-    response.status = status;
-    response.set_header("Cache-Control", "no-store");
-    response.set_content(body.dump() + "\n", "application/json");
-}
-
-void Refuse(httplib::Response& response, int status, const std::string& message) {
-    Send(response, status, Json{{"error", message}, {"result", "ORQ_ERROR"}});
+    Reply(response, status, body.dump());
 }
 
 class Follower : public RigView {
@@ -221,9 +216,9 @@ Json Follower::State() const {
 void Follower::Fire(const httplib::Request& request, httplib::Response& response) {
     Json body;
     if (!rig::ParseObject(request.body.empty() ? "{}" : request.body, body))
-        return Refuse(response, 400, "the body is not a JSON object");
+        return Error(response, 400, "the body is not a JSON object");
     const long long leadMs = NumberOf(body, "leadMs", kDefaultLeadMs);
-    if (leadMs < 0 || leadMs > 60000) return Refuse(response, 400, "leadMs is 0 to 60000");
+    if (leadMs < 0 || leadMs > 60000) return Error(response, 400, "leadMs is 0 to 60000");
     std::time_t now = std::time(nullptr);
     std::tm utc{};
     gmtime_r(&now, &utc);
@@ -239,11 +234,11 @@ void Follower::Fire(const httplib::Request& request, httplib::Response& response
         std::lock_guard<std::mutex> guard(lock);
         bool any = false;
         for (const auto& [name, state] : nodes) any = any || Flag(state, "online");
-        if (!any) return Refuse(response, 409, "no node of rig " + options.rig + " is online");
+        if (!any) return Error(response, 409, "no node of rig " + options.rig + " is online");
         Began(command);
     }
     if (!broker.Publish(Topic("cmd/fire"), command.dump(), false, kConnectWaitMs))
-        return Refuse(response, 503, "the broker did not take the fire command");
+        return Error(response, 503, "the broker did not take the fire command");
     Send(response, 202, {{"id", id}, {"at", command["at"]}});
 }
 
