@@ -197,11 +197,12 @@ TEST_F(ServeTest, EveryRouteChecksWhatItNeedsFirst) {
 
     // A camera whose session ended is left alone by every route that would change it.
     ASSERT_EQ(sdk.SimDetachCamera(camera), ORQ_OK);
-    for (int i = 0; i < 250; ++i) {
-        if (client->Get("/api/cameras/0")->body.find("\"failure\":null") == std::string::npos)
-            break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    bool ended = false;
+    for (int i = 0; i < 500 && !ended; ++i) {
+        ended = client->Get("/api/cameras/0")->body.find("\"failure\":null") == std::string::npos;
+        if (!ended) std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+    ASSERT_TRUE(ended);
     for (const auto& route : routes) {
         if (!(route.needs & kAlive)) continue;
         auto answer = ask(*client, route.method, route.path, body);
