@@ -66,6 +66,10 @@ Answer Server::Prepared(const Request& request, Response& response, CameraHandle
         OrqResult failure = call.feed.camera->Failure();
         if (failure != ORQ_OK) return Fail(503, "the camera's session has ended", failure);
     }
+    if ((needs & kSetting) && !FindSetting(call.feed, request.matches[2], call.id))
+        return Fail(404, "no such setting");
+    if ((needs & kFileId) && !ParseInteger(request.matches[2], call.id))
+        return Fail(400, "a file id is a number");
     return (this->*handler)(call);
 }
 
@@ -101,17 +105,17 @@ void Server::Routes() {
     http.Get("/api/cameras", Answering(&Server::Cameras));
     http.Get(camera, OnCamera(&Server::OneCamera, kCamera));
     http.Get(under("/settings"), OnCamera(&Server::Settings, kCamera));
-    http.Get(under("/settings/([^/]+)"), OnCamera(&Server::Setting, kCamera));
-    http.Post(under("/settings/([^/]+)"), OnCamera(&Server::Set, kBody | kAlive));
+    http.Get(under("/settings/([^/]+)"), OnCamera(&Server::Setting, kSetting));
+    http.Post(under("/settings/([^/]+)"), OnCamera(&Server::Set, kBody | kAlive | kSetting));
     http.Post(under("/shoot"), OnCamera(&Server::ShootOne, kAlive));
     http.Post("/api/shoot", Answering(&Server::ShootAll));
     http.Post(under("/zoom"), OnCamera(&Server::Zoom, kBody | kAlive));
     http.Post(under("/focus"), OnCamera(&Server::Focus, kBody | kAlive));
     http.Post(under("/video"), OnCamera(&Server::Video, kBody | kAlive));
     http.Get(under("/files"), OnCamera(&Server::FileList, kCamera));
-    http.Get(under("/files/([^/]+)"), OnCamera(&Server::Download, kAlive));
-    http.Post(under("/files/([^/]+)/delete"), OnCamera(&Server::Delete, kAlive));
-    http.Get(under("/shots/([^/]+)/thumb"), OnCamera(&Server::Thumb, kCamera));
+    http.Get(under("/files/([^/]+)"), OnCamera(&Server::Download, kAlive | kFileId));
+    http.Post(under("/files/([^/]+)/delete"), OnCamera(&Server::Delete, kAlive | kFileId));
+    http.Get(under("/shots/([^/]+)/thumb"), OnCamera(&Server::Thumb, kFileId));
     http.Get(under("/live"), OnCamera(&Server::Live, kCamera));
     http.Get("/api/events", Answering(&Server::Events));
     if (extension && extension->routes) extension->routes(http);

@@ -77,13 +77,18 @@ std::string Server::SettingJson(Feed& feed, int id) {
                        {"values", JsonArray(values)}});
 }
 
-bool Server::FindSetting(Feed& feed, const std::string& text, int& id) {
+std::vector<int> Server::SettingIds(Feed& feed) {
     int* list = nullptr;
     int count = 0;
-    if (sdk.GetPropertyList(feed.camera->Session(), &list, &count) != ORQ_OK) return false;
+    // Fails only for a null argument.
+    sdk.GetPropertyList(feed.camera->Session(), &list, &count);
     std::vector<int> ids(list, list + (list ? count : 0));
     sdk.Free(list);
-    for (int candidate : ids) {
+    return ids;
+}
+
+bool Server::FindSetting(Feed& feed, const std::string& text, int& id) {
+    for (int candidate : SettingIds(feed)) {
         if (std::to_string(candidate) == text || Lower(PropertyName(candidate)) == Lower(text)) {
             id = candidate;
             return true;
@@ -103,13 +108,8 @@ Answer Server::OneCamera(Call& call) {
 }
 
 Answer Server::Settings(Call& call) {
-    int* list = nullptr;
-    int count = 0;
-    sdk.GetPropertyList(call.feed.camera->Session(), &list, &count);
-    std::vector<int> ids(list, list + (list ? count : 0));
-    sdk.Free(list);
     std::vector<std::string> settings;
-    for (int id : ids) {
+    for (int id : SettingIds(call.feed)) {
         std::string one = SettingJson(call.feed, id);
         if (!one.empty()) settings.push_back(one);
     }
@@ -117,15 +117,12 @@ Answer Server::Settings(Call& call) {
 }
 
 Answer Server::Setting(Call& call) {
-    int id = 0;
-    if (!FindSetting(call.feed, call.request.matches[2], id)) return Fail(404, "no such setting");
-    return Ok(SettingJson(call.feed, id));
+    return Ok(SettingJson(call.feed, call.id));
 }
 
 Answer Server::Set(Call& call) {
     Feed& feed = call.feed;
-    int id = 0;
-    if (!FindSetting(feed, call.request.matches[2], id)) return Fail(404, "no such setting");
+    const int id = call.id;
     auto given = call.body.find("value");
     if (given == call.body.end()) return Fail(400, "the body needs \"value\"");
     // A value by its name as the page shows it, or by its number.

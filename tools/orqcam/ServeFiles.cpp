@@ -73,8 +73,7 @@ Answer Server::FileList(Call& call) {
 // nothing the page sends ever names a place on this machine.
 Answer Server::Download(Call& call) {
     Feed& feed = call.feed;
-    int id = 0;
-    if (!ParseInteger(call.request.matches[2], id)) return Fail(400, "a file id is a number");
+    const int id = call.id;
     std::vector<FileRecord> files = Files(feed);
     auto file =
         std::find_if(files.begin(), files.end(), [id](const FileRecord& f) { return f.id == id; });
@@ -107,8 +106,7 @@ Answer Server::Download(Call& call) {
 
 Answer Server::Delete(Call& call) {
     Feed& feed = call.feed;
-    int id = 0;
-    if (!ParseInteger(call.request.matches[2], id)) return Fail(400, "a file id is a number");
+    const int id = call.id;
     std::lock_guard<std::mutex> work(feed.work);
     std::vector<FileRecord> files = Files(feed);
     if (std::none_of(files.begin(), files.end(), [id](const FileRecord& f) { return f.id == id; }))
@@ -125,13 +123,11 @@ Answer Server::Delete(Call& call) {
 }
 
 Answer Server::Thumb(Call& call) {
-    int id = 0;
-    if (!ParseInteger(call.request.matches[2], id)) return Fail(400, "a file id is a number");
     Jpeg thumb;
     {
         std::lock_guard<std::mutex> guard(call.feed.lock);
         for (const Shot& shot : call.feed.shots)
-            if (shot.id == id) thumb = shot.thumb;
+            if (shot.id == call.id) thumb = shot.thumb;
     }
     if (!thumb) return Fail(404, "no live view was running at that shot");
     call.response.set_header("Cache-Control", "max-age=3600");

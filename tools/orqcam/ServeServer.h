@@ -51,7 +51,8 @@ struct Call {
     const httplib::Request& request;
     httplib::Response& response;
     Feed& feed;
-    std::map<std::string, JsonValue> body;  // only where the route reads its body
+    std::map<std::string, JsonValue> body;  // where the route reads its body
+    int id = 0;                             // the setting's or the file's, where the path names one
 };
 
 class Server {
@@ -71,12 +72,14 @@ private:
     // What a camera's route needs before it runs, besides the camera.
     enum Needs : unsigned {
         kCamera = 0,
-        kBody = 1,   // a flat JSON object (400)
-        kAlive = 2,  // the camera's session not ended (503)
+        kBody = 1,     // a flat JSON object (400)
+        kAlive = 2,    // the camera's session not ended (503)
+        kSetting = 4,  // a setting of the camera, by its name or id (404)
+        kFileId = 8,   // a file's id, a number (400)
     };
 
-    // The one step of every camera's route: find the camera (404), check what the route needs,
-    // run it, answer.
+    // The one step of every camera's route: find the camera (404), check what the route needs
+    // in the order of Needs, run it, answer.
     httplib::Server::Handler OnCamera(CameraHandler handler, unsigned needs);
     httplib::Server::Handler Answering(PlainHandler handler);
     Answer Prepared(const Request& request, Response& response, CameraHandler handler,
@@ -85,6 +88,7 @@ private:
 
     std::string CameraJson(size_t index);
     std::string SettingJson(Feed& feed, int id);
+    std::vector<int> SettingIds(Feed& feed);
     bool FindSetting(Feed& feed, const std::string& text, int& id);
     std::vector<FileRecord> Files(Feed& feed);
     // Waits for a camera event, or for the camera to have taken what it was sent: the failure
