@@ -36,9 +36,7 @@ std::string Server::CameraJson(size_t index) {
         std::lock_guard<std::mutex> guard(feed.lock);
         for (const Shot& shot : feed.shots) {
             if (feed.deleted.count(shot.id)) continue;
-            shots.push_back(JsonObject({{"id", JsonNumber(shot.id)},
-                                        {"name", JsonString(shot.name)},
-                                        {"size", JsonNumber(shot.size)}}));
+            shots.push_back(FileJson(shot.id, shot.name, shot.size));
         }
     }
     OrqResult failure = feed.camera->Failure();
@@ -174,9 +172,7 @@ Answer Server::ShootOne(Call& call) {
     std::vector<FileRecord> shots = feed.camera->TakeShots();
     if (shots.empty()) return Fail(502, "the camera reported no picture");
     const FileRecord& shot = shots.back();
-    return Ok(JsonObject({{"id", JsonNumber(shot.id)},
-                          {"name", JsonString(shot.name)},
-                          {"size", JsonNumber(shot.size)}}));
+    return Ok(FileJson(shot.id, shot.name, shot.size));
 }
 
 // Every camera at once, released together where the SDK can.

@@ -61,11 +61,8 @@ std::vector<FileRecord> Server::Files(Feed& feed) {
 
 Answer Server::FileList(Call& call) {
     std::vector<std::string> files;
-    for (const FileRecord& file : Files(call.feed)) {
-        files.push_back(JsonObject({{"id", JsonNumber(file.id)},
-                                    {"name", JsonString(file.name)},
-                                    {"size", JsonNumber(file.size)}}));
-    }
+    for (const FileRecord& file : Files(call.feed))
+        files.push_back(FileJson(file.id, file.name, file.size));
     return Ok(JsonArray(files));
 }
 

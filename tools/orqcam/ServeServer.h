@@ -27,6 +27,12 @@ constexpr int kDownloadTimeoutMs = 120000;
 bool StreamFile(httplib::Response& response, const std::string& path,
                 const std::function<void()>& done = nullptr);
 
+// A picture or movie as the API lists it.
+inline std::string FileJson(int id, const std::string& name, long long size) {
+    return JsonObject(
+        {{"id", JsonNumber(id)}, {"name", JsonString(name)}, {"size", JsonNumber(size)}});
+}
+
 // What a route answers: JSON with its status, or nothing more (status 0) when the route has set
 // the response itself: a file, a picture, a stream.
 struct Answer {
