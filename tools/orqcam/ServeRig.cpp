@@ -19,6 +19,7 @@ namespace serve {
 
 namespace {
 
+using rig::FlagOf;
 using rig::Json;
 using rig::NumberOf;
 using rig::TextOf;
@@ -26,11 +27,6 @@ using rig::TextOf;
 constexpr int kConnectWaitMs = 10000;
 constexpr int kSettleWaitMs = 5000;
 constexpr long long kDefaultLeadMs = 1000;
-
-// True only for a JSON true: a payload of any shape is read without a throw.
-bool Flag(const Json& object, const char* key) {
-    return rig::FlagOf(object, key);
-}
 
 void Send(httplib::Response& response, int status, const Json& body) {
     Reply(response, status, body.dump());
@@ -48,7 +44,7 @@ private:
     std::string Topic(const std::string& rest) const { return rig::Prefix(options.rig) + rest; }
     bool Online(const std::string& node) const {
         auto found = nodes.find(node);
-        return found != nodes.end() && Flag(found->second, "online");
+        return found != nodes.end() && FlagOf(found->second, "online");
     }
     void OnMessage(const std::string& topic, const std::string& payload);
     // A fire command seen (ours or another controller's) starts a new last shot.
@@ -116,7 +112,7 @@ void Follower::Began(const Json& command) {
     auto chosen = command.find("cameras");
     const bool everyone = chosen == command.end() || !chosen->is_array() || chosen->empty();
     for (const auto& [name, state] : nodes) {
-        if (!Flag(state, "online")) continue;
+        if (!FlagOf(state, "online")) continue;
         bool named = everyone;
         for (const Json& entry : everyone ? Json::array() : *chosen) {
             const std::string text = entry.is_string() ? entry.get<std::string>() : "";
@@ -187,7 +183,7 @@ Json Follower::LastShot() const {
             }
             continue;
         }
-        duplicate = Flag(report->second, "duplicate");
+        duplicate = FlagOf(report->second, "duplicate");
         auto listed = report->second.find("cameras");
         if (listed == report->second.end() || !listed->is_array()) continue;
         for (const Json& entry : *listed) {
@@ -233,7 +229,7 @@ void Follower::Fire(const httplib::Request& request, httplib::Response& response
     {
         std::lock_guard<std::mutex> guard(lock);
         bool any = false;
-        for (const auto& [name, state] : nodes) any = any || Flag(state, "online");
+        for (const auto& [name, state] : nodes) any = any || FlagOf(state, "online");
         if (!any) return Error(response, 409, "no node of rig " + options.rig + " is online");
         Began(command);
     }
