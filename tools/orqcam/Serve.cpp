@@ -43,7 +43,7 @@ void Send(httplib::Response& response, const Answer& answer) {
 
 httplib::Server::Handler Server::OnCamera(CameraHandler handler, unsigned needs) {
     return [this, handler, needs](const Request& request, Response& response) {
-        Send(response, Prepared(request, response, handler, needs));
+        Send(response, Step(request, response, handler, needs));
     };
 }
 
@@ -53,8 +53,8 @@ httplib::Server::Handler Server::Answering(PlainHandler handler) {
     };
 }
 
-Answer Server::Prepared(const Request& request, Response& response, CameraHandler handler,
-                        unsigned needs) {
+Answer Server::Step(const Request& request, Response& response, CameraHandler handler,
+                    unsigned needs) {
     int index = -1;
     if (!ParseInteger(request.matches[1], index) || index < 0 ||
         static_cast<size_t>(index) >= hub.Count())

@@ -88,8 +88,7 @@ private:
     // in the order of Needs, run it, answer.
     httplib::Server::Handler OnCamera(CameraHandler handler, unsigned needs);
     httplib::Server::Handler Answering(PlainHandler handler);
-    Answer Prepared(const Request& request, Response& response, CameraHandler handler,
-                    unsigned needs);
+    Answer Step(const Request& request, Response& response, CameraHandler handler, unsigned needs);
     void Routes();
 
     std::string CameraJson(size_t index);
