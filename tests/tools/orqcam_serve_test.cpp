@@ -7,6 +7,8 @@
 #include <chrono>
 #include <csignal>
 #include <thread>
+#include <tuple>
+#include <vector>
 
 #include "Output.h"
 #include "Run.h"
@@ -191,6 +193,16 @@ TEST_F(ServeTest, EveryRouteChecksWhatItNeedsFirst) {
             EXPECT_EQ(ask(*client, route.method, route.path, R"({"value":)").first, 400)
                 << route.path;
         }
+    }
+    // What a path names besides the camera: a setting it has (404), a file by its number (400).
+    for (const auto& [method, path, status] :
+         std::vector<std::tuple<const char*, std::string, int>>{
+             {"GET", "/api/cameras/0/settings/Loudness", 404},
+             {"POST", "/api/cameras/0/settings/Loudness", 404},
+             {"GET", "/api/cameras/0/files/x", 400},
+             {"POST", "/api/cameras/0/files/x/delete", 400},
+             {"GET", "/api/cameras/0/shots/x/thumb", 400}}) {
+        EXPECT_EQ(ask(*client, method, path, body).first, status) << path;
     }
     EXPECT_EQ(Shots(), 0);
     EXPECT_EQ(OnCamera(ORQ_PROP_ISO_SPEED), iso);
