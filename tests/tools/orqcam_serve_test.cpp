@@ -7,6 +7,8 @@
 #include <chrono>
 #include <csignal>
 #include <thread>
+#include <tuple>
+#include <vector>
 
 #include "Output.h"
 #include "Run.h"
@@ -130,6 +132,98 @@ TEST_F(ServeTest, ApiChangesTheCamerasOnlyWhenAskedRightly) {
     for (int i = 0; i < 100 && sdk.SimGetFileCount(camera) == onCard; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(sdk.SimGetFileCount(camera), onCard - 1);
+}
+
+// Every route, and what it checks before it runs: none reaches the camera unless all hold.
+TEST_F(ServeTest, EveryRouteChecksWhatItNeedsFirst) {
+    enum : unsigned { kCamera = 1, kBody = 2, kAlive = 4 };
+    const std::string file = "/api/cameras/0/files/" + std::to_string(cardFile);
+    const struct {
+        const char* method;
+        std::string path;  // of camera 0 where it names one
+        unsigned needs;
+    } routes[] = {
+        {"GET", "/", 0},
+        {"GET", "/api/cameras", 0},
+        {"GET", "/api/cameras/0", kCamera},
+        {"GET", "/api/cameras/0/settings", kCamera},
+        {"GET", "/api/cameras/0/settings/7", kCamera},
+        {"POST", "/api/cameras/0/settings/7", kCamera | kBody | kAlive},
+        {"POST", "/api/cameras/0/shoot", kCamera | kAlive},
+        {"POST", "/api/shoot", 0},
+        {"POST", "/api/cameras/0/zoom", kCamera | kBody | kAlive},
+        {"POST", "/api/cameras/0/focus", kCamera | kBody | kAlive},
+        {"POST", "/api/cameras/0/video", kCamera | kBody | kAlive},
+        {"GET", "/api/cameras/0/files", kCamera},
+        {"GET", file, kCamera | kAlive},
+        {"POST", file + "/delete", kCamera | kAlive},
+        {"GET", "/api/cameras/0/shots/1/thumb", kCamera},
+        {"GET", "/api/cameras/0/live", kCamera},
+        {"GET", "/api/events", 0},
+        {"GET", "/api/rig", 0},
+    };
+    // One body that every route would take.
+    const std::string body = R"({"value":200,"zoom":40,"focus":300,"action":"start"})";
+    auto ask = [&](httplib::Client& to, const char* method, const std::string& path,
+                   const std::string& content, const char* type = "application/json") {
+        auto result = std::string(method) == "GET" ? to.Get(path.c_str())
+                                                   : to.Post(path.c_str(), content, type);
+        return result ? std::make_pair(result->status, result->body)
+                      : std::make_pair(-1, std::string());
+    };
+    const int iso = OnCamera(ORQ_PROP_ISO_SPEED);
+    const int onCard = sdk.SimGetFileCount(camera);
+    httplib::Client stranger("127.0.0.1", port);
+    for (const auto& route : routes) {
+        EXPECT_EQ(ask(stranger, route.method, route.path, body).first, 401) << route.path;
+        EXPECT_EQ(ask(stranger, route.method, route.path + "?token=s3cre", body).first, 401)
+            << route.path;
+        if (std::string(route.method) == "POST") {
+            EXPECT_EQ(ask(*client, route.method, route.path, body, "text/plain").first, 415)
+                << route.path;
+        }
+        if (route.needs & kCamera) {
+            std::string elsewhere = route.path;
+            elsewhere.replace(elsewhere.find("/0"), 2, "/7");
+            auto answer = ask(*client, route.method, elsewhere, body);
+            EXPECT_EQ(answer.first, 404) << elsewhere;
+            EXPECT_NE(answer.second.find("no such camera"), std::string::npos) << answer.second;
+        }
+        if (route.needs & kBody) {
+            EXPECT_EQ(ask(*client, route.method, route.path, R"({"value":)").first, 400)
+                << route.path;
+        }
+    }
+    // What a path names besides the camera: a setting it has (404), a file by its number (400).
+    for (const auto& [method, path, status] :
+         std::vector<std::tuple<const char*, std::string, int>>{
+             {"GET", "/api/cameras/0/settings/Loudness", 404},
+             {"POST", "/api/cameras/0/settings/Loudness", 404},
+             {"GET", "/api/cameras/0/files/x", 400},
+             {"POST", "/api/cameras/0/files/x/delete", 400},
+             {"GET", "/api/cameras/0/shots/x/thumb", 400}}) {
+        EXPECT_EQ(ask(*client, method, path, body).first, status) << path;
+    }
+    EXPECT_EQ(Shots(), 0);
+    EXPECT_EQ(OnCamera(ORQ_PROP_ISO_SPEED), iso);
+
+    // A camera whose session ended is left alone by every route that would change it.
+    ASSERT_EQ(sdk.SimDetachCamera(camera), ORQ_OK);
+    bool ended = false;
+    for (int i = 0; i < 500 && !ended; ++i) {
+        ended = client->Get("/api/cameras/0")->body.find("\"failure\":null") == std::string::npos;
+        if (!ended) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ASSERT_TRUE(ended);
+    for (const auto& route : routes) {
+        if (!(route.needs & kAlive)) continue;
+        auto answer = ask(*client, route.method, route.path, body);
+        EXPECT_EQ(answer.first, 503) << route.path;
+        EXPECT_NE(answer.second.find("the camera's session has ended"), std::string::npos)
+            << route.path << ": " << answer.second;
+    }
+    EXPECT_EQ(sdk.SimGetFileCount(camera), onCard);
+    EXPECT_EQ(sdk.SimCountOperations(camera, kVendorOperation, kShoot), 0);
 }
 
 TEST_F(ServeTest, LiveViewRunsWhileWatched) {

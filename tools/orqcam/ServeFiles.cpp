@@ -59,99 +59,87 @@ std::vector<FileRecord> Server::Files(Feed& feed) {
     return files;
 }
 
-void Server::FileList(const Request& request, Response& response) {
-    Feed* feed = CameraOf(request, response);
-    if (!feed) return;
+Answer Server::FileList(Call& call) {
     std::vector<std::string> files;
-    for (const FileRecord& file : Files(*feed)) {
-        files.push_back(JsonObject({{"id", JsonNumber(file.id)},
-                                    {"name", JsonString(file.name)},
-                                    {"size", JsonNumber(file.size)}}));
-    }
-    Reply(response, 200, JsonArray(files));
+    for (const FileRecord& file : Files(call.feed))
+        files.push_back(FileJson(file.id, file.name, file.size));
+    return Ok(JsonArray(files));
 }
 
 // Only a file the camera lists, by its id: an id it does not know would end its session, and
 // nothing the page sends ever names a place on this machine.
-void Server::Download(const Request& request, Response& response) {
-    Feed* feed = CameraOf(request, response);
-    if (!feed || !Usable(*feed, response)) return;
-    int id = 0;
-    if (!ParseInteger(request.matches[2], id)) return Error(response, 400, "a file id is a number");
-    std::vector<FileRecord> files = Files(*feed);
+Answer Server::Download(Call& call) {
+    Feed& feed = call.feed;
+    const int id = call.id;
+    std::vector<FileRecord> files = Files(feed);
     auto file =
         std::find_if(files.begin(), files.end(), [id](const FileRecord& f) { return f.id == id; });
-    if (file == files.end()) return Error(response, 404, "no such file on this camera");
+    if (file == files.end()) return Fail(404, "no such file on this camera");
     std::string path = temporary + "/" + std::to_string(++downloadCounter) + ".part";
     std::u16string wide(path.begin(), path.end());
     {
-        std::lock_guard<std::mutex> work(feed->work);
-        feed->camera->TakeDownloads();
-        int before = feed->camera->Seen().downloads;
+        std::lock_guard<std::mutex> work(feed.work);
+        feed.camera->TakeDownloads();
+        int before = feed.camera->Seen().downloads;
         OrqResult result = sdk.DownloadFileTo(
-            feed->camera->Session(), id, reinterpret_cast<OrqChar*>(wide.data()), ORQ_KEEP_FILE);
-        if (result != ORQ_OK) return Error(response, StatusFor(result), "download refused", result);
-        if (!Waited(
-                *feed, response, [before](const Camera::Counts& c) { return c.downloads > before; },
+            feed.camera->Session(), id, reinterpret_cast<OrqChar*>(wide.data()), ORQ_KEEP_FILE);
+        if (result != ORQ_OK) return Fail(StatusFor(result), "download refused", result);
+        if (auto failed = Waited(
+                feed, [before](const Camera::Counts& c) { return c.downloads > before; },
                 kDownloadTimeoutMs))
-            return;
+            return *failed;
     }
     std::string name = file->name;
     name.erase(std::remove_if(name.begin(), name.end(),
                               [](char c) { return c == '"' || c == '\\' || c < 0x20; }),
                name.end());
-    if (!StreamFile(response, path, [path] { std::remove(path.c_str()); })) {
+    if (!StreamFile(call.response, path, [path] { std::remove(path.c_str()); })) {
         std::remove(path.c_str());
-        return Error(response, 500, "the downloaded file cannot be read");
+        return Fail(500, "the downloaded file cannot be read");
     }
-    response.set_header("Content-Disposition", "attachment; filename=\"" + name + "\"");
+    call.response.set_header("Content-Disposition", "attachment; filename=\"" + name + "\"");
+    return Sent();
 }
 
-void Server::Delete(const Request& request, Response& response) {
-    Feed* feed = CameraOf(request, response);
-    if (!feed || !Usable(*feed, response)) return;
-    int id = 0;
-    if (!ParseInteger(request.matches[2], id)) return Error(response, 400, "a file id is a number");
-    std::lock_guard<std::mutex> work(feed->work);
-    std::vector<FileRecord> files = Files(*feed);
+Answer Server::Delete(Call& call) {
+    Feed& feed = call.feed;
+    const int id = call.id;
+    std::lock_guard<std::mutex> work(feed.work);
+    std::vector<FileRecord> files = Files(feed);
     if (std::none_of(files.begin(), files.end(), [id](const FileRecord& f) { return f.id == id; }))
-        return Error(response, 404, "no such file on this camera");
-    OrqResult result = sdk.DeleteFile(feed->camera->Session(), id);
-    if (result != ORQ_OK) return Error(response, StatusFor(result), "delete refused", result);
+        return Fail(404, "no such file on this camera");
+    OrqResult result = sdk.DeleteFile(feed.camera->Session(), id);
+    if (result != ORQ_OK) return Fail(StatusFor(result), "delete refused", result);
     {
-        std::lock_guard<std::mutex> guard(feed->lock);
-        feed->deleted.insert(id);
+        std::lock_guard<std::mutex> guard(feed.lock);
+        feed.deleted.insert(id);
     }
-    hub.Publish(static_cast<size_t>(feed->camera->Index()), "deleted",
+    hub.Publish(static_cast<size_t>(feed.camera->Index()), "deleted",
                 JsonObject({{"id", JsonNumber(id)}}));
-    Reply(response, 200, JsonObject({{"deleted", JsonNumber(id)}}));
+    return Ok(JsonObject({{"deleted", JsonNumber(id)}}));
 }
 
-void Server::Thumb(const Request& request, Response& response) {
-    Feed* feed = CameraOf(request, response);
-    if (!feed) return;
-    int id = 0;
-    if (!ParseInteger(request.matches[2], id)) return Error(response, 400, "a file id is a number");
+Answer Server::Thumb(Call& call) {
     Jpeg thumb;
     {
-        std::lock_guard<std::mutex> guard(feed->lock);
-        for (const Shot& shot : feed->shots)
-            if (shot.id == id) thumb = shot.thumb;
+        std::lock_guard<std::mutex> guard(call.feed.lock);
+        for (const Shot& shot : call.feed.shots)
+            if (shot.id == call.id) thumb = shot.thumb;
     }
-    if (!thumb) return Error(response, 404, "no live view was running at that shot");
-    response.set_header("Cache-Control", "max-age=3600");
-    response.set_content(*thumb, "image/jpeg");
+    if (!thumb) return Fail(404, "no live view was running at that shot");
+    call.response.set_header("Cache-Control", "max-age=3600");
+    call.response.set_content(*thumb, "image/jpeg");
+    return Sent();
 }
 
 // MJPEG: each part replaces the last. Only the newest frame is sent: a slow viewer skips
 // frames instead of queueing them; a frame is repeated every second so a gone viewer is noticed.
-void Server::Live(const Request& request, Response& response) {
-    Feed* feed = CameraOf(request, response);
-    if (!feed) return;
-    if (!hub.OpenStream()) return Error(response, 503, "too many streams");
+Answer Server::Live(Call& call) {
+    Feed* feed = &call.feed;
+    if (!hub.OpenStream()) return Fail(503, "too many streams");
     hub.AddViewer(*feed);
-    response.set_header("Cache-Control", "no-store");
-    response.set_chunked_content_provider(
+    call.response.set_header("Cache-Control", "no-store");
+    call.response.set_chunked_content_provider(
         std::string("multipart/x-mixed-replace; boundary=") + kBoundary,
         [this, feed](size_t, httplib::DataSink& sink) {
             uint64_t sequence = 0;
@@ -175,10 +163,11 @@ void Server::Live(const Request& request, Response& response) {
             hub.RemoveViewer(*feed);
             hub.CloseStream();
         });
+    return Sent();
 }
 
-void Server::Events(const Request&, Response& response) {
-    if (!hub.OpenStream()) return Error(response, 503, "too many streams");
+Answer Server::Events(const Request&, Response& response) {
+    if (!hub.OpenStream()) return Fail(503, "too many streams");
     auto listener = hub.Listen();
     response.set_header("Cache-Control", "no-store");
     response.set_chunked_content_provider(
@@ -198,6 +187,7 @@ void Server::Events(const Request&, Response& response) {
             hub.Unlisten(listener);
             hub.CloseStream();
         });
+    return Sent();
 }
 
 }  // namespace serve

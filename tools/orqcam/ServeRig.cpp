@@ -12,12 +12,14 @@
 #include <set>
 
 #include "Rig.h"
+#include "ServeReply.h"
 
 namespace orqcam {
 namespace serve {
 
 namespace {
 
+using rig::FlagOf;
 using rig::Json;
 using rig::NumberOf;
 using rig::TextOf;
@@ -26,19 +28,8 @@ constexpr int kConnectWaitMs = 10000;
 constexpr int kSettleWaitMs = 5000;
 constexpr long long kDefaultLeadMs = 1000;
 
-// True only for a JSON true: a payload of any shape is read without a throw.
-bool Flag(const Json& object, const char* key) {
-    return rig::FlagOf(object, key);
-}
-
 void Send(httplib::Response& response, int status, const Json& body) {
-    response.status = status;
-    response.set_header("Cache-Control", "no-store");
-    response.set_content(body.dump() + "\n", "application/json");
-}
-
-void Refuse(httplib::Response& response, int status, const std::string& message) {
-    Send(response, status, Json{{"error", message}, {"result", "ORQ_ERROR"}});
+    Reply(response, status, body.dump());
 }
 
 class Follower : public RigView {
@@ -53,7 +44,7 @@ private:
     std::string Topic(const std::string& rest) const { return rig::Prefix(options.rig) + rest; }
     bool Online(const std::string& node) const {
         auto found = nodes.find(node);
-        return found != nodes.end() && Flag(found->second, "online");
+        return found != nodes.end() && FlagOf(found->second, "online");
     }
     void OnMessage(const std::string& topic, const std::string& payload);
     // A fire command seen (ours or another controller's) starts a new last shot.
@@ -121,7 +112,7 @@ void Follower::Began(const Json& command) {
     auto chosen = command.find("cameras");
     const bool everyone = chosen == command.end() || !chosen->is_array() || chosen->empty();
     for (const auto& [name, state] : nodes) {
-        if (!Flag(state, "online")) continue;
+        if (!FlagOf(state, "online")) continue;
         bool named = everyone;
         for (const Json& entry : everyone ? Json::array() : *chosen) {
             const std::string text = entry.is_string() ? entry.get<std::string>() : "";
@@ -192,7 +183,7 @@ Json Follower::LastShot() const {
             }
             continue;
         }
-        duplicate = Flag(report->second, "duplicate");
+        duplicate = FlagOf(report->second, "duplicate");
         auto listed = report->second.find("cameras");
         if (listed == report->second.end() || !listed->is_array()) continue;
         for (const Json& entry : *listed) {
@@ -221,9 +212,9 @@ Json Follower::State() const {
 void Follower::Fire(const httplib::Request& request, httplib::Response& response) {
     Json body;
     if (!rig::ParseObject(request.body.empty() ? "{}" : request.body, body))
-        return Refuse(response, 400, "the body is not a JSON object");
+        return Error(response, 400, "the body is not a JSON object");
     const long long leadMs = NumberOf(body, "leadMs", kDefaultLeadMs);
-    if (leadMs < 0 || leadMs > 60000) return Refuse(response, 400, "leadMs is 0 to 60000");
+    if (leadMs < 0 || leadMs > 60000) return Error(response, 400, "leadMs is 0 to 60000");
     std::time_t now = std::time(nullptr);
     std::tm utc{};
     gmtime_r(&now, &utc);
@@ -238,12 +229,12 @@ void Follower::Fire(const httplib::Request& request, httplib::Response& response
     {
         std::lock_guard<std::mutex> guard(lock);
         bool any = false;
-        for (const auto& [name, state] : nodes) any = any || Flag(state, "online");
-        if (!any) return Refuse(response, 409, "no node of rig " + options.rig + " is online");
+        for (const auto& [name, state] : nodes) any = any || FlagOf(state, "online");
+        if (!any) return Error(response, 409, "no node of rig " + options.rig + " is online");
         Began(command);
     }
     if (!broker.Publish(Topic("cmd/fire"), command.dump(), false, kConnectWaitMs))
-        return Refuse(response, 503, "the broker did not take the fire command");
+        return Error(response, 503, "the broker did not take the fire command");
     Send(response, 202, {{"id", id}, {"at", command["at"]}});
 }
 
