@@ -41,7 +41,7 @@ def package_imports(folder):
 
 
 def cycles(graph):
-    """One circle through each group of modules that reach each other, as "a -> b -> a"."""
+    """The circles as "a -> b -> a": the shortest from each module not on one found before."""
     found, seen = [], set()
     for start in sorted(graph):
         if start in seen:
