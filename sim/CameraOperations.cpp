@@ -1,6 +1,7 @@
 // What the virtual camera does for each operation: the standard PTP operations on its card and
 // the vendor sub-commands of the on-camera module, with a lens that takes time to move.
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 
@@ -56,14 +57,6 @@ bool EndsWithIgnoringCase(const std::u16string& name, const char* extension) {
         if (c != static_cast<char16_t>(extension[i])) return false;
     }
     return true;
-}
-
-// The allocator record the memory statistics read: nine words.
-uint32_t AllocatorAddress(const std::string& model) {
-    if (model == "SX160") return 0x10300;
-    if (model == "A1400") return 0xEF34;
-    if (model == "A810") return 0xD974;
-    return 0x10364;
 }
 
 }  // namespace
@@ -268,9 +261,14 @@ void VirtualCamera::GetMemory(uint32_t address, uint32_t size, Answer& answer) {
         return answer.DataView(liveView, liveView->data(), size);
     }
     Bytes memory(size);
-    if (address == AllocatorAddress(options.model)) {
-        Bytes record = Words({0x00000001, 0x00360000, 0x00180000, 0x00000010, 0x00000000,
-                              0x00000000, 0x000A0000, 0x00061A80, 0x00000137});
+    // Where the record lies is the model's (its profile, as the host reads it); what it holds
+    // is this camera's own.
+    if (address == (profile ? profile->allocatorAddress : orq::kAllocatorAddress)) {
+        static constexpr std::array<uint32_t, orq::kAllocatorRecordWords> kRecord = {
+            0x00000001, 0x00360000, 0x00180000, 0x00000010, 0x00000000,
+            0x00000000, 0x000A0000, 0x00061A80, 0x00000137};
+        Bytes record;
+        for (uint32_t word : kRecord) Append32(record, word);
         std::copy_n(record.begin(), std::min(record.size(), memory.size()), memory.begin());
     }
     answer.Data(std::move(memory));

@@ -43,6 +43,36 @@ OrqResult With(OrqSimCamera id, F f) {
     }
 }
 
+// Whether the header names the kind. Every kind is listed with no default, so one added to the
+// header and not handled here fails the build (-Wswitch, warnings are errors); Fault::Kind takes
+// its numbers from the header.
+bool KnownKind(int32_t number) {
+    // Within the enumeration's range (five bits) every number converts; the switch sorts them.
+    if (number < 0 || number > 31) return false;
+    switch (static_cast<OrqSimFaultKind>(number)) {
+        case ORQSIM_GENERAL_ERROR:
+        case ORQSIM_RESPONSE_CODE:
+        case ORQSIM_ECHO_CODE:
+        case ORQSIM_DATA_TYPE:
+        case ORQSIM_DATA_CODE:
+        case ORQSIM_RESPONSE_TYPE:
+        case ORQSIM_DATA_LENGTH:
+        case ORQSIM_RESPONSE_LENGTH:
+        case ORQSIM_TRUNCATE_DATA:
+        case ORQSIM_STALL:
+        case ORQSIM_STALL_RESPONSE:
+        case ORQSIM_DISCONNECT:
+        case ORQSIM_RAW_REPLY:
+        case ORQSIM_DELAY:
+        case ORQSIM_TRANSFER_STALL:
+        case ORQSIM_TRANSFER_ERROR:
+        case ORQSIM_TRANSFER_DISCONNECT:
+        case ORQSIM_TRANSFER_SHORT:
+            return true;
+    }
+    return false;
+}
+
 std::u16string PathFor(const std::string& model, OrqSimCamera id) {
     std::string text = "orqsim://" + model + "/" + std::to_string(id);
     return std::u16string(text.begin(), text.end());
@@ -242,9 +272,7 @@ ORQ_API OrqResult OrqSimSetCardFolder(OrqSimCamera camera, const OrqChar* folder
 
 ORQ_API OrqResult OrqSimInjectFault(OrqSimCamera camera, const OrqSimFault* fault) {
     return With(camera, [&](orqsim::VirtualCamera& c) {
-        if (!fault || fault->kind < ORQSIM_GENERAL_ERROR || fault->kind > ORQSIM_TRANSFER_SHORT) {
-            return false;
-        }
+        if (!fault || !orqsim::KnownKind(fault->kind)) return false;
         orqsim::Fault f;
         f.kind = static_cast<orqsim::Fault::Kind>(fault->kind);
         f.opcode = fault->opcode;

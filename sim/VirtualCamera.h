@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "Kernel/PtpCodes.h"
+#include "orqsdk_sim.h"
 #include "sim/Pictures.h"
 #include "sim/VirtualEndpoint.h"
 
@@ -65,28 +66,42 @@ enum class Pipe { In, Out };
 // A scripted misbehaviour. Per-operation kinds match on opcode (0: any) and sub-command (-1:
 // any), let `skip` matches pass, then hit `times` matches (-1: all). Per-transfer kinds hit the
 // `transfer`th transfer on `pipe` counted from the injection (1: the next), `times` in a row.
+// The kinds are the public header's, by number.
 struct Fault {
     enum Kind {
         // Per operation.
-        GeneralError,    // a 0x2002 response in place of the answer (and of any data phase)
-        ResponseCode,    // response code `value` in place of the answer, no data phase
-        EchoCode,        // success answered with the operation code instead of OK
-        DataType,        // data container Type = value
-        DataCode,        // data container Code = value
-        ResponseType,    // response container Type = value
-        DataLength,      // data container Length field = value; the payload sent is unchanged
-        ResponseLength,  // response Length field = value; max(value, 4) bytes are sent
-        TruncateData,    // only `value` payload bytes are sent, then nothing more
-        Stall,           // nothing at all comes back for the operation
-        StallResponse,   // the data phase comes, the response never does
-        Disconnect,      // after `value` bytes of the answer the camera is unplugged
-        RawReply,        // `bytes` go on the bulk-in pipe instead of the answer
-        Delay,           // the answer comes `value` ms late
+        // A 0x2002 response in place of the answer (and of any data phase).
+        GeneralError = ORQSIM_GENERAL_ERROR,
+        // Response code `value` in place of the answer, no data phase.
+        ResponseCode = ORQSIM_RESPONSE_CODE,
+        // Success answered with the operation code instead of OK.
+        EchoCode = ORQSIM_ECHO_CODE,
+        DataType = ORQSIM_DATA_TYPE,          // data container Type = value
+        DataCode = ORQSIM_DATA_CODE,          // data container Code = value
+        ResponseType = ORQSIM_RESPONSE_TYPE,  // response container Type = value
+        // Data container Length field = value; the payload sent is unchanged.
+        DataLength = ORQSIM_DATA_LENGTH,
+        // Response Length field = value; max(value, 4) bytes are sent.
+        ResponseLength = ORQSIM_RESPONSE_LENGTH,
+        // Only `value` payload bytes are sent, then nothing more.
+        TruncateData = ORQSIM_TRUNCATE_DATA,
+        // Nothing at all comes back for the operation.
+        Stall = ORQSIM_STALL,
+        // The data phase comes, the response never does.
+        StallResponse = ORQSIM_STALL_RESPONSE,
+        // After `value` bytes of the answer the camera is unplugged.
+        Disconnect = ORQSIM_DISCONNECT,
+        // `bytes` go on the bulk-in pipe instead of the answer.
+        RawReply = ORQSIM_RAW_REPLY,
+        Delay = ORQSIM_DELAY,  // the answer comes `value` ms late
         // Per transfer.
-        TransferStall,       // the transfer waits until the host's timeout
-        TransferError,       // the transfer fails at once
-        TransferDisconnect,  // the camera is unplugged during the transfer
-        TransferShort,       // at most `value` bytes move (bulk-out: the command is dropped)
+        // The transfer waits until the host's timeout.
+        TransferStall = ORQSIM_TRANSFER_STALL,
+        TransferError = ORQSIM_TRANSFER_ERROR,  // the transfer fails at once
+        // The camera is unplugged during the transfer.
+        TransferDisconnect = ORQSIM_TRANSFER_DISCONNECT,
+        // At most `value` bytes move (bulk-out: the command is dropped).
+        TransferShort = ORQSIM_TRANSFER_SHORT,
     };
 
     Kind kind = GeneralError;

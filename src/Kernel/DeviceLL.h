@@ -203,8 +203,6 @@ public:
     OrqResult PTPStopVideo(OrqFileInfo* file);
     // Snapshot of the camera's allocator in the log, when MemLogging asks for it.
     void PTPMemoryStatistics(const char* label);
-    // Where the allocator record lies for a model code (whole, case-sensitive comparison).
-    static uint32_t MemoryStatisticsAddress(const std::u16string& modelCode);
     bool IsVideoRecording() const { return VideoRecording.load(); }
     int32_t GetZoom();
     int32_t GetFocus();

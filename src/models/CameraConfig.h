@@ -60,6 +60,12 @@ struct PropertyEntry {
 
 using FocusTable = std::vector<std::vector<int32_t>>;
 
+// The on-camera module's allocator record, read for the memory statistics: nine little-endian
+// words. It lies at kAllocatorAddress unless a model's firmware puts it elsewhere.
+constexpr uint32_t kAllocatorRecordWords = 9;
+constexpr uint32_t kAllocatorRecordSize = kAllocatorRecordWords * 4;
+constexpr uint32_t kAllocatorAddress = 0x10364;
+
 struct CameraConfig {
     std::u16string name;  // model code looked for in the USB product string
     std::map<int32_t, PropertyEntry> properties;
@@ -67,6 +73,7 @@ struct CameraConfig {
     int32_t maxZoom = 0;  // zoom steps run 0 .. maxZoom
     bool videoSupported = false;
     FocusTable focusTable;  // list z: manual focus stops at zoom step z, strictly ascending
+    uint32_t allocatorAddress = kAllocatorAddress;  // where the allocator record lies
 
     bool Has(int32_t propertyId) const { return properties.count(propertyId) != 0; }
     bool HasConstraint(int32_t constraint) const { return constraints.count(constraint) != 0; }

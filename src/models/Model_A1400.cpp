@@ -9,6 +9,7 @@ CameraConfig MakeA1400() {
     CameraConfig model;
     model.name = u"A1400";
     model.maxZoom = 63;
+    model.allocatorAddress = 0xEF34;  // the firmware moved the allocator record
     model.constraints = {0};
     model.videoSupported = false;
     model.properties = {

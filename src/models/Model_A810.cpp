@@ -9,6 +9,7 @@ CameraConfig MakeA810() {
     CameraConfig model;
     model.name = u"A810";
     model.maxZoom = 63;
+    model.allocatorAddress = 0xD974;  // the firmware moved the allocator record
     model.constraints = {0};
     model.videoSupported = true;  // the only model that says so
     model.properties = {

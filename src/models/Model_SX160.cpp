@@ -9,6 +9,7 @@ CameraConfig MakeSX160() {
     CameraConfig model;
     model.name = u"SX160";
     model.maxZoom = 125;
+    model.allocatorAddress = 0x10300;  // the firmware moved the allocator record
     model.constraints = {0, 1, 2, 3};
     model.videoSupported = false;
     model.focusTable = SX160FocusTable();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -73,6 +74,17 @@ TEST(ProfileTable, EveryModelInTableOrderHoldsItsCheckedRecords) {
         EXPECT_EQ(table[i].name, expected[i].first);
         EXPECT_EQ(Digest(table[i]), expected[i].second)
             << Narrow(table[i].name) << ": 0x" << std::hex << Digest(table[i]);
+    }
+}
+
+// Where each model's firmware keeps the allocator record that the memory statistics read.
+TEST(ProfileTable, AllocatorRecordWhereTheFirmwareKeepsIt) {
+    const std::map<std::u16string, uint32_t> moved = {
+        {u"SX160", 0x10300}, {u"A1400", 0xEF34}, {u"A810", 0xD974}};
+    for (const CameraConfig& model : CameraConfigTable()) {
+        const auto found = moved.find(model.name);
+        EXPECT_EQ(model.allocatorAddress, found == moved.end() ? 0x10364u : found->second)
+            << Narrow(model.name);
     }
 }
 

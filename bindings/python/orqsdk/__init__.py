@@ -34,7 +34,8 @@ from ._errors import (
 from ._events import Subscription
 from ._lib import Library, LibraryNotFound, load_sdk
 from ._preview import Frame
-from ._sdk import SDK, Camera, CameraInfo, FileInfo
+from ._records import CameraInfo, FileInfo
+from ._sdk import SDK, Camera
 from ._session import Session
 from ._settings import Description, Property, Settings
 

@@ -15,9 +15,9 @@ import ctypes
 import itertools
 import logging
 import threading
-from typing import TYPE_CHECKING, Any, Callable, Dict, Optional
+from typing import Any, Callable, Dict, Optional
 
-from ._lib import (
+from ._records import (
     CameraCallback,
     CameraInfoRecord,
     FileCallback,
@@ -27,9 +27,6 @@ from ._lib import (
     NotifyCallback,
     read_text,
 )
-
-if TYPE_CHECKING:
-    from ._lib import Library
 
 log = logging.getLogger("orqsdk")
 _state = threading.local()
@@ -41,10 +38,11 @@ def in_callback() -> bool:
 
 
 class Dispatch:
-    """The thunks of one library and the table of live handlers."""
+    """The thunks of one library and the table of live handlers; `free` is the library's
+    OrqFree, which releases what the SDK allocated for a subscriber."""
 
-    def __init__(self, library: "Library") -> None:
-        self._library = library
+    def __init__(self, free: Callable[[int], None]) -> None:
+        self._free = free
         self._handlers: Dict[int, Callable[..., None]] = {}
         self._lock = threading.Lock()
         self._keys = itertools.count(1)
@@ -79,7 +77,7 @@ class Dispatch:
 
     def _release(self, address: Optional[int]) -> None:
         if address:
-            self._library.OrqFree(address)
+            self._free(address)
 
     def _on_notify(self, context: Optional[int]) -> None:
         self._call(context)

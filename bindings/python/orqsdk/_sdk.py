@@ -1,4 +1,4 @@
-"""The SDK object, the cameras it lists, and the records the package hands out."""
+"""The SDK object and the cameras it lists."""
 
 from __future__ import annotations
 
@@ -9,60 +9,13 @@ import logging
 import threading
 import time
 import weakref
-from dataclasses import dataclass
-from typing import TYPE_CHECKING, Callable, List, Optional, Sequence, Set
+from typing import Callable, List, Optional, Sequence, Set
 
 from ._errors import ClosedError, OrqError, Result, check, error_for
 from ._events import Subscription, in_callback
-from ._lib import CameraInfoRecord, FileInfoRecord, Library, field_text, load_sdk
-
-if TYPE_CHECKING:
-    from ._session import Session
-
-
-@dataclass(frozen=True)
-class FileInfo:
-    """A file on the camera's card (``id`` >= 0) or a picture held on the host (``id`` < 0)."""
-
-    id: int
-    name: str
-    size: int
-
-    @property
-    def on_host(self) -> bool:
-        """True for a picture shot straight to the host, held in the SDK's memory."""
-        return self.id < 0
-
-    @classmethod
-    def _from_record(cls, record: FileInfoRecord) -> "FileInfo":
-        return cls(int(record.id), field_text(record.name), int(record.size))
-
-
-@dataclass(frozen=True)
-class CameraInfo:
-    """What the SDK knows of a camera: the product name it reports and the strings it read."""
-
-    id: int
-    name: str
-    path: str
-    version: str
-    serial: str
-
-    @property
-    def model(self) -> str:
-        """The model code, the last word of the product name (e.g. ``SX160``)."""
-        words = self.name.split()
-        return words[-1] if words else ""
-
-    @classmethod
-    def _from_record(cls, record: CameraInfoRecord) -> "CameraInfo":
-        return cls(
-            int(record.id),
-            field_text(record.name),
-            field_text(record.path),
-            field_text(record.version),
-            field_text(record.serial),
-        )
+from ._lib import Library, load_sdk
+from ._records import CameraInfo, CameraInfoRecord, read_text
+from ._session import Session
 
 
 class Camera:
@@ -79,7 +32,7 @@ class Camera:
     serial = property(lambda self: self.info.serial, doc="The camera's serial number.")
     version = property(lambda self: self.info.version, doc="Version of the on-camera module.")
 
-    def open(self) -> "Session":
+    def open(self) -> Session:
         """Opens a session; raises :class:`SessionBusy` if one is open on this camera."""
         return self._sdk._open_session(self)
 
@@ -112,7 +65,7 @@ class SDK:
     def __init__(self, library: Optional[Library] = None) -> None:
         self._lib = library or load_sdk()
         self._lock = threading.RLock()
-        self._sessions: Set["Session"] = set()
+        self._sessions: Set[Session] = set()
         self._subscriptions: Set[Subscription] = set()
         check(self._lib.OrqInitializeSDK(), "OrqInitializeSDK")
         self._open = True
@@ -174,8 +127,6 @@ class SDK:
     @staticmethod
     def version(library: Optional[Library] = None) -> str:
         """The SDK's version text."""
-        from ._lib import read_text
-
         text = ctypes.c_void_p()
         (library or load_sdk()).OrqGetSDKVersion(ctypes.byref(text))
         return read_text(text.value)
@@ -207,7 +158,7 @@ class SDK:
             time.sleep(0.02)
         raise error_for(Result.DEVICE_NOT_READY, f"no camera{' ' + model if model else ''} attached")
 
-    def shoot_synchronized(self, sessions: Sequence["Session"]) -> List[Optional[OrqError]]:
+    def shoot_synchronized(self, sessions: Sequence[Session]) -> List[Optional[OrqError]]:
         """Takes a picture with each camera at the same moment (OrqShootSynchronized); blocks
         until every camera's Shoot command is answered, at most about 40 s.
 
@@ -231,9 +182,7 @@ class SDK:
             for session, result in zip(sessions, results)
         ]
 
-    def _open_session(self, camera: Camera) -> "Session":
-        from ._session import Session
-
+    def _open_session(self, camera: Camera) -> Session:
         handle = ctypes.c_void_p()
         with self._lock:
             check(
@@ -245,7 +194,7 @@ class SDK:
             self._sessions.add(session)
         return session
 
-    def _forget(self, session: "Session") -> None:
+    def _forget(self, session: Session) -> None:
         with self._lock:
             self._sessions.discard(session)
 

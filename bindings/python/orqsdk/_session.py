@@ -6,21 +6,57 @@ import contextlib
 import ctypes
 import logging
 import threading
-import time
 from pathlib import Path
-from typing import TYPE_CHECKING, Any, Callable, Dict, Iterator, List, Optional, Set, Tuple, Union
+from typing import Any, Callable, Dict, Iterator, List, Optional, Protocol, Set, Tuple, Union
 
 from ._errors import ClosedError, OrqError, Result, check, error_for
 from ._events import Subscription, in_callback
-from ._lib import CameraInfoRecord, FileInfoRecord, make_text
+from ._lib import Library
 from ._preview import Frame
-from ._sdk import CameraInfo, FileInfo
+from ._records import CameraInfo, CameraInfoRecord, FileInfo, FileInfoRecord, make_text
 from ._settings import Property, Settings
 
-if TYPE_CHECKING:
-    from ._sdk import SDK, Camera
-
 log = logging.getLogger("orqsdk")
+
+
+class _Camera(Protocol):
+    """The session's camera as it is seen here: an :class:`orqsdk.Camera`."""
+
+    info: CameraInfo
+
+    @property
+    def id(self) -> int: ...
+
+    @property
+    def name(self) -> str: ...
+
+    @property
+    def model(self) -> str: ...
+
+    @property
+    def path(self) -> str: ...
+
+    @property
+    def serial(self) -> str: ...
+
+    @property
+    def version(self) -> str: ...
+
+
+class _Owner(Protocol):
+    """What a session needs of the SDK object that opened it (an :class:`orqsdk.SDK`)."""
+
+    _lib: Library
+
+    @property
+    def closed(self) -> bool: ...
+
+    def _free(self, address: Optional[int]) -> None: ...
+
+    def _forget(self, session: "Session") -> None: ...
+
+    def subscribe(self, event: str, callback: Callable[..., None]) -> Subscription: ...
+
 
 FileLike = Union[FileInfo, int]
 
@@ -69,7 +105,7 @@ class Session:
     camera's failure as :class:`OrqError`.
     """
 
-    def __init__(self, sdk: "SDK", camera: "Camera", handle: int) -> None:
+    def __init__(self, sdk: _Owner, camera: _Camera, handle: int) -> None:
         self._sdk = sdk
         self._lib = sdk._lib
         self.camera = camera
@@ -80,7 +116,7 @@ class Session:
         self._subscriptions: Set[Subscription] = set()
         self._waiters: Set[_Waiter] = set()
         self._host_files: Set[int] = set()
-        self.settings = Settings(self)
+        self.settings = Settings(self._lib, self._call, self._check, sdk._free, self)
 
     # --- lifetime ------------------------------------------------------------------------------
 
@@ -237,7 +273,7 @@ class Session:
             if value is not _NO_MATCH:
                 waiter.finish(value)
 
-        def on_camera(camera: "Camera", connected: bool) -> None:
+        def on_camera(camera: _Camera, connected: bool) -> None:
             if camera.id == self.camera.id and not connected:
                 waiter.fail(error_for(Result.DISCONNECTED, "the camera was unplugged"))
 

@@ -6,13 +6,21 @@ import ctypes
 import enum
 import threading
 from dataclasses import dataclass
-from typing import TYPE_CHECKING, Dict, Iterator, List, MutableMapping, Optional, Tuple, Union
+from typing import (
+    Callable,
+    ContextManager,
+    Dict,
+    Iterator,
+    List,
+    MutableMapping,
+    Optional,
+    Tuple,
+    Union,
+)
 
-from ._errors import PropertyConstraint, Result, UnknownProperty, check
-from ._lib import Library, PropertyDescRecord, read_text
-
-if TYPE_CHECKING:
-    from ._session import Session
+from ._errors import PropertyConstraint, Result, UnknownProperty
+from ._lib import Library
+from ._records import PropertyDescRecord, read_text
 
 Key = Union[str, int]
 
@@ -94,11 +102,25 @@ class Settings(MutableMapping[str, str]):
     Keys are property names (``"ISO Speed"``) or ids; reading gives the value's name, writing
     takes a value name or the number. Iteration lists the properties on offer now. Writes are
     checked by the SDK at once and reach the camera shortly after.
+
+    Made by the session, which hands in what the settings need of it: `call` gives its handle
+    for one SDK call, `check` turns a result into its exception, `free` releases what the SDK
+    allocated; `owner` names the session in the repr.
     """
 
-    def __init__(self, session: "Session") -> None:
-        self._session = session
-        self._lib = session._lib
+    def __init__(
+        self,
+        library: Library,
+        call: Callable[[], ContextManager[int]],
+        check: Callable[..., None],
+        free: Callable[[Optional[int]], None],
+        owner: object = None,
+    ) -> None:
+        self._lib = library
+        self._call = call
+        self._check = check
+        self._free = free
+        self._owner = owner
 
     def id_of(self, key: Key) -> int:
         """The property id of a name or id; raises :class:`UnknownProperty` for an unknown name."""
@@ -116,22 +138,22 @@ class Settings(MutableMapping[str, str]):
         """The property's current value as a number."""
         prop = self.id_of(key)
         value = ctypes.c_int()
-        with self._session._call() as handle:
-            self._session._check(self._lib.OrqGetPropertyData(handle, prop, ctypes.byref(value)), "OrqGetPropertyData", self.name_of(prop))
+        with self._call() as handle:
+            self._check(self._lib.OrqGetPropertyData(handle, prop, ctypes.byref(value)), "OrqGetPropertyData", self.name_of(prop))
         return value.value
 
     def set_raw(self, key: Key, value: int) -> None:
         """Sets the property to a number; the SDK refuses values not on offer."""
         prop = self.id_of(key)
-        with self._session._call() as handle:
-            self._session._check(self._lib.OrqSetPropertyData(handle, prop, int(value)), "OrqSetPropertyData", f"{self.name_of(prop)} = {value}")
+        with self._call() as handle:
+            self._check(self._lib.OrqSetPropertyData(handle, prop, int(value)), "OrqSetPropertyData", f"{self.name_of(prop)} = {value}")
 
     def describe(self, key: Key) -> Description:
         """The values on offer now and whether the property is read-only."""
         prop = self.id_of(key)
         pointer = ctypes.c_void_p()
-        with self._session._call() as handle:
-            self._session._check(self._lib.OrqGetPropertyDesc(handle, prop, ctypes.byref(pointer)), "OrqGetPropertyDesc", self.name_of(prop))
+        with self._call() as handle:
+            self._check(self._lib.OrqGetPropertyDesc(handle, prop, ctypes.byref(pointer)), "OrqGetPropertyDesc", self.name_of(prop))
         try:
             record = ctypes.cast(pointer, ctypes.POINTER(PropertyDescRecord)).contents
             raw = tuple(int(record.values[i]) for i in range(record.count))
@@ -139,7 +161,7 @@ class Settings(MutableMapping[str, str]):
             sizes = tuple((record.sizes[i].width, record.sizes[i].height) for i in range(record.count)) if record.sizes else ()
             read_only = bool(record.readOnly)
         finally:
-            self._session._sdk._free(pointer.value)
+            self._free(pointer.value)
         names = tuple(value_name(self._lib, prop, value) or str(value) for value in raw)
         return Description(prop, self.name_of(prop), names, raw, sizes, read_only)
 
@@ -166,13 +188,13 @@ class Settings(MutableMapping[str, str]):
     def ids(self) -> List[int]:
         """Ids of the properties on offer now."""
         pointer, count = ctypes.c_void_p(), ctypes.c_int()
-        with self._session._call() as handle:
-            self._session._check(self._lib.OrqGetPropertyList(handle, ctypes.byref(pointer), ctypes.byref(count)), "OrqGetPropertyList")
+        with self._call() as handle:
+            self._check(self._lib.OrqGetPropertyList(handle, ctypes.byref(pointer), ctypes.byref(count)), "OrqGetPropertyList")
         try:
             values = ctypes.cast(pointer, ctypes.POINTER(ctypes.c_int32))
             return [int(values[i]) for i in range(count.value)]
         finally:
-            self._session._sdk._free(pointer.value)
+            self._free(pointer.value)
 
     def __iter__(self) -> Iterator[str]:
         return iter([self.name_of(prop) for prop in self.ids()])
@@ -189,4 +211,4 @@ class Settings(MutableMapping[str, str]):
             return False
 
     def __repr__(self) -> str:
-        return f"<Settings of {self._session!r}>"
+        return f"<Settings of {self._owner!r}>"

@@ -18,7 +18,8 @@ import ctypes
 from typing import List, Optional
 
 from ._errors import OrqError, Result, check
-from ._lib import Library, OrqChar, field_text, load_sim, make_text
+from ._lib import Library, load_sim
+from ._records import OrqChar, field_text, make_text
 from ._sdk import SDK as _SDK
 
 __all__ = ["SDK", "VirtualCamera", "Fault", "library", "remove_all"]
@@ -37,7 +38,7 @@ class SDK(_SDK):
 
 
 class Fault(ctypes.Structure):
-    """A misbehaviour of the camera on the wire (see the kinds in orqsdk_sim.h)."""
+    """A misbehaviour of the camera on the wire; the kinds are OrqSimFaultKind of orqsdk_sim.h."""
 
     GENERAL_ERROR, RESPONSE_CODE, ECHO_CODE, DATA_TYPE, DATA_CODE, RESPONSE_TYPE = range(6)
     DATA_LENGTH, RESPONSE_LENGTH, TRUNCATE_DATA, STALL, STALL_RESPONSE, DISCONNECT = range(6, 12)
