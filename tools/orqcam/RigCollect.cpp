@@ -361,6 +361,7 @@ Outcome CollectShot(const Options& options, const std::map<std::string, Json>& n
                 NumberOf(before->second, "size", -1) == static_cast<long long>(onDisk)) {
                 placed = before->second;
                 placed["name"] = name;
+                progress[relative] = placed;  // written with the next file fetched
                 ++tally.kept;
             } else if (there == sha && onDisk == static_cast<uint64_t>(size) && !IsJpeg(name)) {
                 ++tally.kept;  // a file that is never stamped, already there
