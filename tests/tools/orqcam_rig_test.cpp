@@ -137,7 +137,9 @@ TEST(RigMap, ReadStrictlyAndAppendedTo) {
         orqcam::rig::RigMap map;
         std::string error;
         EXPECT_EQ(orqcam::rig::ReadRigMap(path, map, error), c.error == nullptr);
-        if (c.error) EXPECT_NE(error.find(c.error), std::string::npos) << error;
+        if (c.error) {
+            EXPECT_NE(error.find(c.error), std::string::npos) << error;
+        }
     }
     const std::string owner = "# front row\n000 A1\n  007\tB2  \n0012 C3";  // no final newline
     ASSERT_TRUE(orqcam::rig::WriteAtomically(path, owner));
