@@ -66,6 +66,17 @@ constexpr uint32_t kAllocatorRecordWords = 9;
 constexpr uint32_t kAllocatorRecordSize = kAllocatorRecordWords * 4;
 constexpr uint32_t kAllocatorAddress = 0x10364;
 
+// The zoom lens: focal lengths at zoom step 0 and at maxZoom, and the factor to the focal length
+// of the same view on 35 mm film. All zero: the profile gives no lens.
+struct Lens {
+    double wideMm = 0;
+    double teleMm = 0;
+    double factor35mm = 0;
+};
+
+// The maker word our profiles' pictures carry (Exif Make).
+constexpr const char* kMakerWord = "Orqwerk";
+
 struct CameraConfig {
     std::u16string name;  // model code looked for in the USB product string
     std::map<int32_t, PropertyEntry> properties;
@@ -74,6 +85,13 @@ struct CameraConfig {
     bool videoSupported = false;
     FocusTable focusTable;  // list z: manual focus stops at zoom step z, strictly ascending
     uint32_t allocatorAddress = kAllocatorAddress;  // where the allocator record lies
+    Lens lens;
+
+    // The focal length at a zoom step (clamped to 0 .. maxZoom), in hundredths of a millimetre,
+    // and its 35 mm equivalent in whole millimetres; 0 for both where the profile has no lens.
+    // The steps divide the range in equal ratios, as a zoom's steps feel equal to the eye.
+    uint32_t FocalHundredths(int32_t zoomStep) const;
+    uint32_t Focal35mm(int32_t zoomStep) const;
 
     bool Has(int32_t propertyId) const { return properties.count(propertyId) != 0; }
     bool HasConstraint(int32_t constraint) const { return constraints.count(constraint) != 0; }

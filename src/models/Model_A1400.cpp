@@ -10,6 +10,7 @@ CameraConfig MakeA1400() {
     model.name = u"A1400";
     model.maxZoom = 63;
     model.allocatorAddress = 0xEF34;  // the firmware moved the allocator record
+    model.lens = {4.7, 23.1, 5.7};
     model.constraints = {0};
     model.videoSupported = false;
     model.properties = {

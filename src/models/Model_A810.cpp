@@ -10,6 +10,7 @@ CameraConfig MakeA810() {
     model.name = u"A810";
     model.maxZoom = 63;
     model.allocatorAddress = 0xD974;  // the firmware moved the allocator record
+    model.lens = {4.8, 24.5, 5.7};
     model.constraints = {0};
     model.videoSupported = true;  // the only model that says so
     model.properties = {

@@ -10,6 +10,7 @@ CameraConfig MakeSX160() {
     model.name = u"SX160";
     model.maxZoom = 125;
     model.allocatorAddress = 0x10300;  // the firmware moved the allocator record
+    model.lens = {4.6, 73.4, 5.6};
     model.constraints = {0, 1, 2, 3};
     model.videoSupported = false;
     model.focusTable = SX160FocusTable();
