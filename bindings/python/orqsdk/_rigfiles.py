@@ -1,5 +1,6 @@
 """The rig's JSON and its files: names, payloads read without trusting their shape, and the
-collection of a shot from the nodes' file servers (docs/rig.md, "Collected shot set")."""
+collection of a shot from the nodes' file servers into a shot set, each picture named for its
+layout and stamped with its camera's identity (docs/rig.md, "Collected shot set")."""
 
 from __future__ import annotations
 
@@ -14,9 +15,14 @@ import urllib.request
 from pathlib import Path
 from typing import Any, Dict, List, Optional, Tuple
 
+from . import _exif, _rigmap
+
 log = logging.getLogger("orqsdk.rig")
 
 VERSION = 1
+MANIFEST_VERSION = 2
+LAYOUTS = ("set", "rig")
+MAX_MANIFEST = 64 << 20  # of a rig of thousands of cameras
 MAX_PAYLOAD = 1 << 20  # a rig's largest message is a report of 1024 cameras
 LARGEST_FILE = 1 << 32
 _NAME = re.compile(r"[A-Za-z0-9._-]{1,64}\Z")
@@ -101,9 +107,9 @@ def node_record(state: dict, shot: str) -> Optional[dict]:
         return None
 
 
-def fetch(state: dict, remote: str, local: Path, size: int, sha: str) -> str:
-    """Fetches one file into place, verified; the reason when it could not."""
-    part = Path(str(local) + ".part")
+def fetch(state: dict, remote: str, part: Path, size: int, sha: str) -> str:
+    """Fetches one file into part, verified against its node's size and SHA-256; the reason
+    when it could not (part is then gone)."""
     try:
         with get(state, remote) as answer, open(part, "wb") as out:
             received = 0
@@ -118,43 +124,132 @@ def fetch(state: dict, remote: str, local: Path, size: int, sha: str) -> str:
         why = "the node did not answer: %s" % error
     else:
         why = "" if sha256(part) == (size, sha) else "the bytes do not match the node's SHA-256"
-        if not why:
-            try:
-                os.replace(part, local)
-            except OSError as error:
-                why = "cannot rename into %s: %s" % (local, error)
     if why:
-        try:
-            part.unlink()
-        except OSError:
-            pass
+        remove(part)
     return why
 
 
-def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict],
-            cameras: Dict[str, dict]) -> Tuple[int, int, int, bool, dict]:
-    """The shot's pictures from every node into folder/<shot>/ beside its manifest.json, from the
-    nodes and cameras the broker holds: (fetched, kept, failed, complete, manifest)."""
-    target = folder / shot
-    target.mkdir(parents=True, exist_ok=True)
+def remove(path: Path) -> None:
+    try:
+        path.unlink()
+    except OSError:
+        pass
+
+
+def identity(taken: dict) -> dict:
+    """What a picture's EXIF should say of the camera that took it, from the node's record."""
+    focal, focal35 = number(taken, "focalHundredths"), number(taken, "focal35mm")
+    return {"make": text(taken, "make"), "model": text(taken, "model"),
+            "serial": text(taken, "serial"), "sent": number(taken, "sent", None),
+            "focal": (focal, 100) if 0 < focal < 1 << 32 else None,
+            "focal35": focal35 if 0 < focal35 < 1 << 16 else None}
+
+
+def place(part: Path, local: Path, taken: dict) -> Tuple[str, Optional[tuple]]:
+    """Moves a verified file into place, a JPEG with the camera's identity in its EXIF: (why
+    not, (size, SHA-256) as written). A JPEG that cannot be stamped is kept as the node has it."""
+    source = part
+    if _exif.is_jpeg(part):
+        stamped = Path(str(local) + ".exif")
+        why = _exif.stamp(part, stamped, identity(taken))
+        if why:
+            remove(stamped)
+            log.warning("%s keeps the node's bytes, no EXIF of ours: %s", local, why)
+        else:
+            source = stamped
+    try:
+        os.replace(source, local)
+    except OSError as error:
+        return "cannot rename into %s: %s" % (local, error), None
+    finally:
+        remove(part)
+        remove(Path(str(local) + ".exif"))
+    written = sha256(local)
+    return ("" if written else "cannot read %s back" % local), written
+
+
+def earlier(manifest: Path) -> Dict[str, dict]:
+    """path -> file entry of the manifest a collect left before (empty when none or unreadable)."""
+    try:
+        with open(manifest, "rb") as f:
+            old = json.loads(f.read(MAX_MANIFEST + 1).decode("utf-8"))
+    except (OSError, ValueError):
+        return {}
+    files = {}
+    for entry in listed(old, "cameras"):
+        for file in listed(entry, "files"):
+            if isinstance(file, dict) and text(file, "path"):
+                files[text(file, "path")] = file
+    return files
+
+
+def file_name(stem: str, index: int, name: str) -> str:
+    """The index-th (from 1) file of a camera in a set: -2, -3 from the second on, and the
+    camera file's extension lower-cased."""
+    return stem + ("" if index == 1 else "-%d" % index) + os.path.splitext(name)[1].lower()
+
+
+def map_key(entry: dict) -> str:
+    """The rig map's name of a camera: its serial, or its name on the rig where the serial is
+    none (a serial becomes a word in the map)."""
+    serial = text(entry, "serial")
+    return serial if valid_name(serial) else text(entry, "camera")
+
+
+def number_cameras(folder: Path, entries: List[dict]) -> None:
+    """Each entry's rig number from the map in folder, serials new to it appended; MapError
+    when the map or the cameras do not give one number per camera."""
+    map_text, mapped = _rigmap.read(folder)
+    owners: Dict[str, str] = {}
+    for entry in entries:
+        key, who = map_key(entry), "%s/%s" % (entry["node"], entry["camera"])
+        if owners.setdefault(key, who) != who:
+            raise _rigmap.MapError("cameras %s and %s both give serial %s: their pictures would "
+                                   "share one rig number" % (owners[key], who, key))
+    order = sorted(entries, key=lambda e: (e["node"], e["camera"]))
+    map_text, added = _rigmap.extend(map_text, mapped, [map_key(e) for e in order])
+    if added:
+        folder.mkdir(parents=True, exist_ok=True)
+        _rigmap.write(folder, map_text)
+        log.info("%s: %d cameras numbered: %s", folder / _rigmap.NAME, len(added), ", ".join(
+            "%s %s" % (mapped[s], s) for s in added))
+    for entry in entries:
+        entry["rig"] = mapped[map_key(entry)]
+
+
+def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: Dict[str, dict],
+            layout: str = "set") -> Tuple[int, int, int, bool, dict, Path]:
+    """The shot's pictures from every node into folder, filed as layout says, beside its
+    manifest, from the nodes and cameras the broker holds: (fetched, kept, failed, complete,
+    manifest, the manifest's path). MapError (before anything is written) when the rig map
+    does not parse."""
+    if layout not in LAYOUTS:
+        raise ValueError("the layout is %s, not %r" % (" or ".join(LAYOUTS), layout))
+    if layout == "rig":
+        base, manifest_path = folder, folder / "manifests" / (shot + ".json")
+    else:
+        base, manifest_path = folder / shot, folder / shot / "manifest.json"
     entries: List[dict] = []
+    work: List[Tuple[dict, dict, dict]] = []  # entry, node state, the node's record of the camera
     seen = set()
-    fetched = kept = failed = 0
     at = 0
     complete = True
 
     def missing(node: str, record: dict, reason: str) -> None:
         camera = text(record, "camera")
-        if node + "/" + camera in seen:
+        if not valid_name(camera) or node + "/" + camera in seen:
             return
         seen.add(node + "/" + camera)
-        entries.append({"node": node, "camera": camera, "serial": text(record, "serial"),
-                        "model": text(record, "model"), "files": [], "reason": reason})
+        entries.append({"rig": None, "node": node, "camera": camera,
+                        "serial": text(record, "serial"), "model": text(record, "model"),
+                        "files": [], "reason": reason})
 
     def of_node(node: str) -> List[dict]:
         return [c for _, c in sorted(cameras.items()) if text(c, "node") == node]
 
     for node, state in sorted(nodes.items()):
+        if not valid_name(node):
+            continue  # a node's name becomes part of a file name: only a name, never a path
         record, why = None, ""
         if state.get("online") is not True:
             why = "node offline"
@@ -174,21 +269,22 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict],
         if why:
             # Every camera the broker knows of this node stands with the reason.
             complete = complete and why == "no record"
-            for record in of_node(node):
-                missing(node, record, why)
+            for known in of_node(node):
+                missing(node, known, why)
             continue
         at = number(record, "at", at)
-        for taken in record.get("cameras") or []:
-            if not isinstance(taken, dict):
-                continue
+        for taken in listed(record, "cameras"):
             camera = text(taken, "camera")
             if not valid_name(camera) or node + "/" + camera in seen:
                 continue
             seen.add(node + "/" + camera)
             status = text(taken, "status")
             settings = taken.get("settings")
-            entry = {"node": node, "camera": camera, "serial": text(taken, "serial"),
-                     "model": text(taken, "model"),
+            fired = status == "fired" and number(taken, "sent") > 0
+            entry = {"rig": None, "node": node, "camera": camera,
+                     "serial": text(taken, "serial"), "model": text(taken, "model"),
+                     "scheduledUs": number(record, "at", None),
+                     "releasedUs": number(taken, "sent") if fired else None,
                      "settings": settings if isinstance(settings, dict) else {},
                      "release": {"status": status, "result": text(taken, "result"),
                                  "sent": number(taken, "sent"),
@@ -201,44 +297,68 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict],
             elif not files:
                 entry["reason"] = text(taken, "reason", status)
                 complete = complete and status != "fired"
-            for file in files if isinstance(files, list) else []:
-                name, sha = text(file, "name"), text(file, "sha256")
-                size = number(file, "size", -1)
-                if not valid_name(name) or len(sha) != 64 or size < 0:
-                    entry["reason"] = "the node's record of a file is unreadable"
-                    complete = False
-                    continue
-                relative = "%s/%s/%s" % (node, camera, name)
-                local = target / relative
-                why = ""
-                if sha256(local) == (size, sha):
-                    kept += 1
-                else:
-                    try:
-                        local.parent.mkdir(parents=True, exist_ok=True)
-                    except OSError:
-                        why = "cannot make the folder"
-                    else:
-                        why = fetch(state, "/api/rig/shots/%s/%s" % (shot, relative),
-                                          local, size, sha)
-                        fetched += 0 if why else 1
-                if why:
-                    failed += 1
-                    complete = False
-                    entry["reason"] = "download failed: " + why
-                    log.warning("%s from %s: %s", relative, node, why)
-                    continue
-                entry["files"].append({"name": name, "path": relative, "size": size,
-                                       "sha256": sha})
             entries.append(entry)
+            work.append((entry, state, taken))
         # Cameras of this node that the shot did not involve.
-        for record in of_node(node):
-            missing(node, record, "not chosen")
+        for known in of_node(node):
+            missing(node, known, "not chosen")
 
-    manifest = {"v": VERSION, "rig": rig, "shot": shot, "at": at, "complete": complete,
-                "collected": utc_us(), "cameras": entries}
-    part = target / "manifest.json.part"
+    # Numbered before anything is fetched: a map that does not parse stops the collect here.
+    if layout == "rig":
+        number_cameras(folder, entries)
+    before = earlier(manifest_path)
+    fetched = kept = failed = 0
+    for entry, state, taken in work:
+        node, camera = entry["node"], entry["camera"]
+        for index, file in enumerate(listed(taken, "files"), 1):
+            name, sha = text(file, "name"), text(file, "sha256")
+            size = number(file, "size", -1)
+            if not valid_name(name) or len(sha) != 64 or size < 0:
+                entry["reason"] = "the node's record of a file is unreadable"
+                complete = False
+                continue
+            if layout == "rig":
+                relative = "rig/%s/%s" % (entry["rig"], file_name(shot, index, name))
+            else:
+                relative = file_name("%s_%s" % (node, camera), index, name)
+            local = base / relative
+            old = before.get(relative) or {}
+            written = sha256(local)
+            why = ""
+            if text(old, "node_sha256") == sha and written is not None and \
+                    written == (number(old, "size"), text(old, "sha256")):
+                kept += 1
+            else:
+                part = Path(str(local) + ".part")
+                try:
+                    local.parent.mkdir(parents=True, exist_ok=True)
+                except OSError:
+                    why = "cannot make the folder"
+                else:
+                    why = fetch(state, "/api/rig/shots/%s/%s/%s/%s" % (shot, node, camera, name),
+                                part, size, sha)
+                    if not why:
+                        why, written = place(part, local, taken)
+                    fetched += 0 if why else 1
+            if why or written is None:
+                failed += 1
+                complete = False
+                entry["reason"] = "download failed: " + why
+                log.warning("%s from %s: %s", relative, node, why)
+                continue
+            entry["files"].append({"name": name, "path": relative, "size": written[0],
+                                   "sha256": written[1], "node_sha256": sha})
+
+    sent = [e["releasedUs"] for e in entries if e.get("releasedUs")]
+    manifest = {"v": MANIFEST_VERSION, "rig": rig, "shot": shot, "layout": layout, "at": at,
+                "collected": utc_us(), "complete": complete,
+                "spreadUs": max(sent) - min(sent) if sent else None,
+                "missing": [{"node": e["node"], "camera": e["camera"], "serial": e["serial"],
+                             "reason": e.get("reason", "")} for e in entries if not e["files"]],
+                "cameras": entries}
+    manifest_path.parent.mkdir(parents=True, exist_ok=True)
+    part = Path(str(manifest_path) + ".part")
     part.write_text(json.dumps(manifest, indent=1, sort_keys=True, ensure_ascii=False) + "\n",
                     encoding="utf-8")
-    os.replace(part, target / "manifest.json")
-    return fetched, kept, failed, complete, manifest
+    os.replace(part, manifest_path)
+    return fetched, kept, failed, complete, manifest, manifest_path
