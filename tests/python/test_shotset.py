@@ -210,8 +210,10 @@ def test_collect(tmp_path, nodes, layout, paths):
             assert (file["size"], file["sha256"]) == (len(data), hashlib.sha256(data).hexdigest())
             assert file["node_sha256"] == hashlib.sha256(original).hexdigest()
             if original[:2] == b"\xff\xd8":
-                serial = piexif.load(data)["Exif"][PHOTO.BodySerialNumber]
-                assert serial == (b"K" if entry["camera"] == "S9" else entry["serial"].encode())
+                tags = piexif.load(data)
+                assert tags["Exif"][PHOTO.BodySerialNumber] == \
+                    (b"K" if entry["camera"] == "S9" else entry["serial"].encode())
+                assert tags["0th"][IMAGE.Model] == b"SX160"
                 assert without_exif(data) == without_exif(original)
             else:
                 assert data == original

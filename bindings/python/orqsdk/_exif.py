@@ -79,7 +79,7 @@ def check_counts(payload: bytes) -> None:
         if at + 2 > len(tiff):
             raise ValueError("an IFD past the block")
         entries = struct.unpack(order + "H", tiff[at:at + 2])[0]
-        if at + 2 + 12 * entries + 4 > len(tiff):
+        if at + 2 + 12 * entries + (4 if first else 0) > len(tiff):
             raise ValueError("an IFD runs past the block")
         for k in range(entries):
             entry = at + 2 + 12 * k
