@@ -187,14 +187,25 @@ def nodes():
     ("rig", {"rig/007/s1.jpg", "rig/007/s1-2.jpg", "rig/008/s1.jpg", "rig/009/s1.jpg",
              "manifests/s1.json", "rig-map.txt"}),
 ])
-def test_collect(tmp_path, nodes, layout, paths):
+def test_collect(tmp_path, nodes, layout, paths, monkeypatch):
     states = {n: node.state for n, node in nodes.items()}
     cameras = {"pb/S5": {"node": "pb", "camera": "S5", "serial": "S5", "model": "G15"}}
     if layout == "rig":
         (tmp_path / "rig-map.txt").write_text("# ours\n006 S5\n")
+    # Cut short at the second node: what the first gave is not fetched again.
+    fetch = _rigfiles.fetch
+
+    def cut(state, remote, *args):
+        if "/pb/" in remote:
+            raise KeyboardInterrupt
+        return fetch(state, remote, *args)
+    monkeypatch.setattr(_rigfiles, "fetch", cut)
+    with pytest.raises(KeyboardInterrupt):
+        _rigfiles.collect("booth", "s1", tmp_path, states, cameras, layout)
+    monkeypatch.setattr(_rigfiles, "fetch", fetch)
     fetched, kept, failed, complete, manifest, where = _rigfiles.collect(
         "booth", "s1", tmp_path, states, cameras, layout)
-    assert (fetched, kept, failed, complete) == (4, 0, 0, True)
+    assert (fetched, kept, failed, complete) == (1, 3, 0, True)
     assert {str(p.relative_to(tmp_path)) for p in tmp_path.rglob("*") if p.is_file()} == paths
     assert json.loads(where.read_text()) == manifest
     assert manifest["v"] == 2 and manifest["layout"] == layout and manifest["spreadUs"] == 1

@@ -168,19 +168,17 @@ def place(part: Path, local: Path, taken: dict) -> Tuple[str, Optional[tuple]]:
     return ("" if written else "cannot read %s back" % local), written
 
 
-def earlier(manifest: Path) -> Dict[str, dict]:
-    """path -> file entry of the manifest a collect left before (empty when none or unreadable)."""
+def earlier(manifest: Path) -> Dict[Tuple[str, str], List[dict]]:
+    """(node, camera) -> file entries of the manifest a collect left before (empty when none or
+    unreadable)."""
     try:
         with open(manifest, "rb") as f:
             old = json.loads(f.read(MAX_MANIFEST + 1).decode("utf-8"))
     except (OSError, ValueError):
         return {}
-    files = {}
-    for entry in listed(old, "cameras"):
-        for file in listed(entry, "files"):
-            if isinstance(file, dict) and text(file, "path"):
-                files[text(file, "path")] = file
-    return files
+    return {(text(entry, "node"), text(entry, "camera")):
+            [f for f in listed(entry, "files") if isinstance(f, dict)]
+            for entry in listed(old, "cameras")}
 
 
 def file_name(stem: str, index: int, name: str) -> str:
@@ -307,9 +305,33 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: 
     if layout == "rig":
         number_cameras(folder, entries)
     before = earlier(manifest_path)
+    by_path = {text(f, "path"): f for files in before.values() for f in files}
+
+    def write(pending: List[dict]) -> dict:
+        """The manifest as it stands; the pending entries' files as the last collect left them,
+        so that a collect cut short here still knows every verified file."""
+        waiting = {id(e) for e in pending}
+        shown = [dict(e, files=before.get((e["node"], e["camera"]), [])) if id(e) in waiting
+                 else e for e in entries]
+        sent = [e["releasedUs"] for e in entries if e.get("releasedUs")]
+        manifest = {"v": MANIFEST_VERSION, "rig": rig, "shot": shot, "layout": layout, "at": at,
+                    "collected": utc_us(), "complete": complete and not pending,
+                    "spreadUs": max(sent) - min(sent) if sent else None,
+                    "missing": [{"node": e["node"], "camera": e["camera"], "serial": e["serial"],
+                                 "reason": e.get("reason", "")} for e in shown if not e["files"]],
+                    "cameras": shown}
+        manifest_path.parent.mkdir(parents=True, exist_ok=True)
+        part = Path(str(manifest_path) + ".part")
+        part.write_text(json.dumps(manifest, indent=1, sort_keys=True, ensure_ascii=False) + "\n",
+                        encoding="utf-8")
+        os.replace(part, manifest_path)
+        return manifest
+
     fetched = kept = failed = 0
-    for entry, state, taken in work:
+    for count, (entry, state, taken) in enumerate(work):
         node, camera = entry["node"], entry["camera"]
+        if count and node != work[count - 1][0]["node"]:
+            write([e for e, _, _ in work[count:]])
         for index, file in enumerate(listed(taken, "files"), 1):
             name, sha = text(file, "name"), text(file, "sha256")
             size = number(file, "size", -1)
@@ -322,7 +344,7 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: 
             else:
                 relative = file_name("%s_%s" % (node, camera), index, name)
             local = base / relative
-            old = before.get(relative) or {}
+            old = by_path.get(relative) or {}
             written = sha256(local)
             why = ""
             if text(old, "node_sha256") == sha and written is not None and \
@@ -348,17 +370,4 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: 
                 continue
             entry["files"].append({"name": name, "path": relative, "size": written[0],
                                    "sha256": written[1], "node_sha256": sha})
-
-    sent = [e["releasedUs"] for e in entries if e.get("releasedUs")]
-    manifest = {"v": MANIFEST_VERSION, "rig": rig, "shot": shot, "layout": layout, "at": at,
-                "collected": utc_us(), "complete": complete,
-                "spreadUs": max(sent) - min(sent) if sent else None,
-                "missing": [{"node": e["node"], "camera": e["camera"], "serial": e["serial"],
-                             "reason": e.get("reason", "")} for e in entries if not e["files"]],
-                "cameras": entries}
-    manifest_path.parent.mkdir(parents=True, exist_ok=True)
-    part = Path(str(manifest_path) + ".part")
-    part.write_text(json.dumps(manifest, indent=1, sort_keys=True, ensure_ascii=False) + "\n",
-                    encoding="utf-8")
-    os.replace(part, manifest_path)
-    return fetched, kept, failed, complete, manifest, manifest_path
+    return fetched, kept, failed, complete, write([]), manifest_path
