@@ -8,7 +8,6 @@ import io
 import json
 import struct
 import threading
-from pathlib import Path
 
 import pytest
 
@@ -248,7 +247,8 @@ def test_collect(tmp_path, nodes, layout, paths, monkeypatch):
     (["S1", "S2"], "rig-map.txt line 1"),
 ])
 def test_rig_collect_refused_writes_nothing(tmp_path, serials, error):
-    made = {"pa": Node("pa", [("A", serials[0], [JFIF])]), "pb": Node("pb", [("B", serials[1], [JFIF])])}
+    made = {"pa": Node("pa", [("A", serials[0], [JFIF])]),
+            "pb": Node("pb", [("B", serials[1], [JFIF])])}
     try:
         if "line" in error:
             (tmp_path / "rig-map.txt").write_text("1 S1\n")

@@ -13,7 +13,7 @@ import shutil
 import struct
 import time
 from pathlib import Path
-from typing import Any, Dict, Optional, Tuple
+from typing import Any, Dict, Tuple
 
 SOI = b"\xff\xd8"
 EXIF_HEADER = b"Exif\x00\x00"
