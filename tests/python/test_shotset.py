@@ -92,11 +92,12 @@ def huge_count_exif():
 
 
 @pytest.mark.parametrize("data,why", [
-    (JFIF[:30], "markers do not parse"),
-    (b"\xff\xd8\xff\xe1\x00\x01" + JFIF[2:], "markers do not parse"),
+    (JFIF[:30], "segment runs past the end"),
+    (JFIF[:-2], "no end (EOI)"),
+    (b"\xff\xd8\xff\xe1\x00\x01" + JFIF[2:], "segment runs past the end"),
     (huge_count_exif(), "cannot be read"),
     (with_exif({"0th": {IMAGE.Make: b"x" * 65450}}), "grows past one segment"),
-], ids=["truncated", "segment length 1", "a count past the block", "Exif past one segment"])
+], ids=["truncated", "no EOI", "segment length 1", "a count past the block", "Exif past one segment"])
 def test_stamp_refuses(tmp_path, data, why):
     (tmp_path / "in.jpg").write_bytes(data)
     assert why in _exif.stamp(tmp_path / "in.jpg", tmp_path / "out.jpg", IDENTITY)
@@ -142,7 +143,7 @@ class Node:
         for camera, serial, pictures in cameras:
             entry = {"camera": camera, "serial": serial, "model": "SX160", "status": "fired",
                      "result": "ORQ_OK", "sent": SENT + len(self.files), "lateUs": 153,
-                     "settings": {"Tv": "1/250"}, "focalHundredths": 460, "focal35mm": 26,
+                     "settings": {"Tv": "1/250"}, "focalLengthMm": 4.6, "focalLength35mm": 26,
                      "files": []}
             for picture in pictures:
                 name = "IMG_%04d.JPG" % (100 + len(self.files))
@@ -210,10 +211,9 @@ def test_collect(tmp_path, nodes, layout, paths, monkeypatch):
     assert manifest["v"] == 2 and manifest["layout"] == layout and manifest["spreadUs"] == 1
     assert manifest["missing"] == [{"node": "pb", "camera": "S5", "serial": "S5",
                                     "reason": "not chosen"}]
-    base = tmp_path / ("s1" if layout == "set" else "")
     for entry in manifest["cameras"]:
         for file in entry["files"]:
-            data = (base / file["path"]).read_bytes()
+            data = (tmp_path / file["path"]).read_bytes()
             node = nodes[entry["node"]].files
             original = node["/api/rig/shots/s1/%s/%s/%s" % (entry["node"], entry["camera"],
                                                            file["name"])]
@@ -233,7 +233,7 @@ def test_collect(tmp_path, nodes, layout, paths, monkeypatch):
             {"S1": "007", "S2": "008", "S9": "009", "S5": "006"}
 
     # Again, one file damaged: only that one is fetched; the rest are verified, not fetched.
-    damaged = base / manifest["cameras"][0]["files"][0]["path"]
+    damaged = tmp_path / manifest["cameras"][0]["files"][0]["path"]
     damaged.write_bytes(b"\0damaged")
     asked = sum(len(n.requests) for n in nodes.values())
     again = _rigfiles.collect("booth", "s1", tmp_path, states, cameras, layout)

@@ -21,43 +21,59 @@ LARGEST_SEGMENT = 0xFFFF - 2  # a segment's length field counts itself
 MOST_SEGMENTS = 256  # before the image data; a file with more is not stamped
 
 
-def is_jpeg(path: Path) -> bool:
-    try:
-        with open(path, "rb") as f:
-            return f.read(3) == b"\xff\xd8\xff"
-    except OSError:
-        return False
-
-
 def find_exif(f: Any) -> Tuple[int, int, bytes]:
     """(offset, length, payload) of the first Exif APP1 segment before the image data, or
-    (2, 0, b"") where there is none (a new one goes right after SOI). ValueError when the
-    markers before the image data do not parse."""
+    (2, 0, b"") where there is none (a new one goes right after SOI). ValueError unless every
+    segment up to the scan lies inside the file and the image data ends with EOI: a file cut
+    short is told apart here, before anything is written."""
+    f.seek(0, os.SEEK_END)
+    size = f.tell()
     f.seek(0)
     if f.read(2) != SOI:
-        raise ValueError("not a JPEG file")
-    offset = 2
+        raise ValueError("not a JPEG (no SOI)")
+    offset, found = 2, (2, 0, b"")
     for _ in range(MOST_SEGMENTS):
-        head = f.read(4)
-        if len(head) < 2 or head[0] != 0xFF:
-            raise ValueError("no marker at byte %d" % offset)
-        if head[1] in (0xDA, 0xD9):  # start of scan, end of image: no Exif before them
-            return 2, 0, b""
-        if len(head) < 4:
-            raise ValueError("the file ends in a segment's header")
-        length = struct.unpack(">H", head[2:])[0]
-        if length < 2:
-            raise ValueError("a segment of length %d at byte %d" % (length, offset))
-        if head[1] == 0xE1:
+        f.seek(offset)
+        head = f.read(2)
+        if len(head) < 2:
+            raise ValueError("the file ends before the image data")
+        if head[0] != 0xFF:
+            raise ValueError("no marker where a segment should start (byte %d)" % offset)
+        while head[1] == 0xFF and offset + 2 < size:  # fill bytes
+            offset += 1
+            head = head[1:] + f.read(1)
+        marker = head[1]
+        if marker in (0xD8, 0xD9, 0x00, 0xFF):
+            raise ValueError("a stray marker before the image data")
+        if 0xD0 <= marker <= 0xD7 or marker == 0x01:  # markers without a length
+            offset += 2
+            continue
+        raw = f.read(2)
+        length = struct.unpack(">H", raw)[0] if len(raw) == 2 else 0
+        if length < 2 or length > size - offset - 2:
+            raise ValueError("a segment runs past the end of the file")
+        if marker == 0xE1 and not found[1] and length >= 2 + len(EXIF_HEADER):
             payload = f.read(length - 2)
-            if len(payload) != length - 2:
-                raise ValueError("the file ends inside a segment")
             if payload.startswith(EXIF_HEADER):
-                return offset, length + 2, payload
-        else:
-            f.seek(length - 2, os.SEEK_CUR)
+                found = (offset, length + 2, payload)
         offset += length + 2
+        if marker == 0xDA:
+            if not ends_with_eoi(f, offset):
+                raise ValueError("the image data has no end (EOI): the file is cut short")
+            return found
     raise ValueError("more than %d segments before the image data" % MOST_SEGMENTS)
+
+
+def ends_with_eoi(f: Any, offset: int) -> bool:
+    """Whether FF D9 follows offset: in coded data 0xFF is followed by 0x00 or a restart
+    marker, so it is the end alone."""
+    f.seek(offset)
+    last = b""
+    for block in iter(lambda: f.read(1 << 16), b""):
+        if b"\xff\xd9" in last[-1:] + block:
+            return True
+        last = block
+    return False
 
 
 def check_counts(payload: bytes) -> None:
@@ -142,7 +158,7 @@ def stamp(source: Path, target: Path, identity: dict) -> str:
         with open(source, "rb") as f:
             offset, length, payload = find_exif(f)
     except (OSError, ValueError) as error:
-        return "its JPEG markers do not parse: %s" % error
+        return "not a whole JPEG: %s" % error
     try:
         if payload:
             check_counts(payload)

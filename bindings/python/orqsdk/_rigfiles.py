@@ -136,67 +136,85 @@ def remove(path: Path) -> None:
         pass
 
 
-def identity(taken: dict) -> dict:
-    """What a picture's EXIF should say of the camera that took it, from the node's record."""
-    focal, focal35 = number(taken, "focalHundredths"), number(taken, "focal35mm")
-    return {"make": text(taken, "make"), "model": text(taken, "model"),
-            "serial": text(taken, "serial"), "sent": number(taken, "sent", None),
-            "focal": (focal, 100) if 0 < focal < 1 << 32 else None,
+def identity(taken: dict, entry: dict) -> dict:
+    """What a picture's EXIF should say of the camera that took it, from its node's record."""
+    focal = taken.get("focalLengthMm")
+    focal = focal if isinstance(focal, (int, float)) and not isinstance(focal, bool) else 0
+    focal35 = number(taken, "focalLength35mm")
+    return {"make": text(taken, "make"), "model": text(entry, "model"),
+            "serial": text(entry, "serial"),
+            "sent": number(taken, "sent") if text(taken, "status") == "fired" else None,
+            "focal": (int(round(focal * 100)), 100) if 0 < focal < 100000 else None,
             "focal35": focal35 if 0 < focal35 < 1 << 16 else None}
 
 
-def place(part: Path, local: Path, taken: dict) -> Tuple[str, Optional[tuple]]:
-    """Moves a verified file into place, a JPEG with the camera's identity in its EXIF: (why
-    not, (size, SHA-256) as written). A JPEG that cannot be stamped is kept as the node has it."""
-    source = part
-    if _exif.is_jpeg(part):
-        stamped = Path(str(local) + ".exif")
-        why = _exif.stamp(part, stamped, identity(taken))
-        if why:
-            remove(stamped)
-            log.warning("%s keeps the node's bytes, no EXIF of ours: %s", local, why)
-        else:
+def is_jpeg(name: str) -> bool:
+    return os.path.splitext(name)[1].lower() in (".jpg", ".jpeg")
+
+
+def place(part: Path, local: Path, name: str, stamp: dict, file: dict) -> str:
+    """Moves a verified file into place, a JPEG with its camera's identity in its EXIF; the
+    reason when it could not. file (its manifest entry) gets the size and SHA-256 as written,
+    and why it has no EXIF of ours where a JPEG could not be stamped (it keeps the node's
+    bytes then)."""
+    source, unstamped = part, ""
+    stamped = Path(str(local) + ".exif")
+    if is_jpeg(name):
+        unstamped = _exif.stamp(part, stamped, stamp)
+        if not unstamped:
             source = stamped
     try:
         os.replace(source, local)
     except OSError as error:
-        return "cannot rename into %s: %s" % (local, error), None
+        return "cannot rename into %s: %s" % (local, error)
     finally:
         remove(part)
-        remove(Path(str(local) + ".exif"))
+        remove(stamped)
     written = sha256(local)
-    return ("" if written else "cannot read %s back" % local), written
+    if written is None:
+        return "cannot read %s back" % local
+    file["size"], file["sha256"] = written
+    if unstamped:
+        file["exif"] = unstamped
+        log.warning("%s left without Exif: %s", local, unstamped)
+    return ""
 
 
-def earlier(manifest: Path) -> Dict[Tuple[str, str], List[dict]]:
-    """(node, camera) -> file entries of the manifest a collect left before (empty when none or
-    unreadable)."""
+def read_json(path: Path) -> Any:
     try:
-        with open(manifest, "rb") as f:
-            old = json.loads(f.read(MAX_MANIFEST + 1).decode("utf-8"))
+        with open(path, "rb") as f:
+            return json.loads(f.read(MAX_MANIFEST + 1).decode("utf-8"))
     except (OSError, ValueError):
         return {}
-    return {(text(entry, "node"), text(entry, "camera")):
-            [f for f in listed(entry, "files") if isinstance(f, dict)]
-            for entry in listed(old, "cameras")}
 
 
-def file_name(stem: str, index: int, name: str) -> str:
-    """The index-th (from 1) file of a camera in a set: -2, -3 from the second on, and the
-    camera file's extension lower-cased."""
-    return stem + ("" if index == 1 else "-%d" % index) + os.path.splitext(name)[1].lower()
+def verified(manifest: Path, progress: Path) -> Dict[str, dict]:
+    """What an earlier collect verified, by path: its manifest, and the record it keeps while
+    it runs (a collect cut short leaves that)."""
+    known = {}
+    for entry in listed(read_json(manifest), "cameras"):
+        for file in listed(entry, "files"):
+            if text(file, "path"):
+                known[text(file, "path")] = file
+    during = read_json(progress)
+    for path, file in (during.items() if isinstance(during, dict) else ()):
+        if isinstance(file, dict):
+            known[path] = file
+    return known
 
 
 def map_key(entry: dict) -> str:
     """The rig map's name of a camera: its serial, or its name on the rig where the serial is
-    none (a serial becomes a word in the map)."""
+    empty or holds a blank or a # (the map's text could not say it)."""
     serial = text(entry, "serial")
-    return serial if valid_name(serial) else text(entry, "camera")
+    usable = serial and not any(c <= " " or c == "#" for c in serial)
+    return serial if usable else entry["camera"]
 
 
 def number_cameras(folder: Path, entries: List[dict]) -> None:
     """Each entry's rig number from the map in folder, serials new to it appended; MapError
-    when the map or the cameras do not give one number per camera."""
+    when the map does not parse, or two cameras give one serial (their pictures would go into
+    one folder)."""
     map_text, mapped = _rigmap.read(folder)
     owners: Dict[str, str] = {}
     for entry in entries:
@@ -204,8 +222,7 @@ def number_cameras(folder: Path, entries: List[dict]) -> None:
         if owners.setdefault(key, who) != who:
             raise _rigmap.MapError("cameras %s and %s both give serial %s: their pictures would "
                                    "share one rig number" % (owners[key], who, key))
-    order = sorted(entries, key=lambda e: (e["node"], e["camera"]))
-    map_text, added = _rigmap.extend(map_text, mapped, [map_key(e) for e in order])
+    map_text, added = _rigmap.extend(map_text, mapped, [map_key(e) for e in entries])
     if added:
         folder.mkdir(parents=True, exist_ok=True)
         _rigmap.write(folder, map_text)
@@ -223,12 +240,12 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: 
     does not parse."""
     if layout not in LAYOUTS:
         raise ValueError("the layout is %s, not %r" % (" or ".join(LAYOUTS), layout))
-    if layout == "rig":
-        base, manifest_path = folder, folder / "manifests" / (shot + ".json")
-    else:
-        base, manifest_path = folder / shot, folder / shot / "manifest.json"
-    entries: List[dict] = []
-    work: List[Tuple[dict, dict, dict]] = []  # entry, node state, the node's record of the camera
+    manifest_path = folder / "manifests" / (shot + ".json") if layout == "rig" else \
+        folder / shot / "manifest.json"
+    progress_path = Path(str(manifest_path) + ".verified")
+    # (entry, node state, the node's record of the camera): the records first, as nothing is
+    # written before the rig map is known to be sound.
+    members: List[Tuple[dict, dict, Optional[dict]]] = []
     seen = set()
     at = 0
     complete = True
@@ -238,9 +255,9 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: 
         if not valid_name(camera) or node + "/" + camera in seen:
             return
         seen.add(node + "/" + camera)
-        entries.append({"rig": None, "node": node, "camera": camera,
-                        "serial": text(record, "serial"), "model": text(record, "model"),
-                        "files": [], "reason": reason})
+        members.append(({"node": node, "camera": camera, "serial": text(record, "serial"),
+                         "model": text(record, "model"), "files": [], "reason": reason},
+                        {}, None))
 
     def of_node(node: str) -> List[dict]:
         return [c for _, c in sorted(cameras.items()) if text(c, "node") == node]
@@ -278,11 +295,16 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: 
             seen.add(node + "/" + camera)
             status = text(taken, "status")
             settings = taken.get("settings")
-            fired = status == "fired" and number(taken, "sent") > 0
-            entry = {"rig": None, "node": node, "camera": camera,
-                     "serial": text(taken, "serial"), "model": text(taken, "model"),
-                     "scheduledUs": number(record, "at", None),
-                     "releasedUs": number(taken, "sent") if fired else None,
+
+            def numeric(key: str) -> Any:
+                value = taken.get(key)
+                return value if isinstance(value, (int, float)) and \
+                    not isinstance(value, bool) else None
+            entry = {"node": node, "camera": camera, "serial": text(taken, "serial"),
+                     "model": text(taken, "model"),
+                     "releasedUs": number(taken, "sent") if status == "fired" else None,
+                     "zoom": numeric("zoom"), "focalLengthMm": numeric("focalLengthMm"),
+                     "focalLength35mm": numeric("focalLength35mm"),
                      "settings": settings if isinstance(settings, dict) else {},
                      "release": {"status": status, "result": text(taken, "result"),
                                  "sent": number(taken, "sent"),
@@ -295,43 +317,26 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: 
             elif not files:
                 entry["reason"] = text(taken, "reason", status)
                 complete = complete and status != "fired"
-            entries.append(entry)
-            work.append((entry, state, taken))
+            members.append((entry, state, taken))
         # Cameras of this node that the shot did not involve.
         for known in of_node(node):
             missing(node, known, "not chosen")
+    members.sort(key=lambda m: (m[0]["node"], m[0]["camera"]))
+    entries = [m[0] for m in members]
 
-    # Numbered before anything is fetched: a map that does not parse stops the collect here.
     if layout == "rig":
         number_cameras(folder, entries)
-    before = earlier(manifest_path)
-    by_path = {text(f, "path"): f for files in before.values() for f in files}
-
-    def write(pending: List[dict]) -> dict:
-        """The manifest as it stands; the pending entries' files as the last collect left them,
-        so that a collect cut short here still knows every verified file."""
-        waiting = {id(e) for e in pending}
-        shown = [dict(e, files=before.get((e["node"], e["camera"]), [])) if id(e) in waiting
-                 else e for e in entries]
-        sent = [e["releasedUs"] for e in entries if e.get("releasedUs")]
-        manifest = {"v": MANIFEST_VERSION, "rig": rig, "shot": shot, "layout": layout, "at": at,
-                    "collected": utc_us(), "complete": complete and not pending,
-                    "spreadUs": max(sent) - min(sent) if sent else None,
-                    "missing": [{"node": e["node"], "camera": e["camera"], "serial": e["serial"],
-                                 "reason": e.get("reason", "")} for e in shown if not e["files"]],
-                    "cameras": shown}
-        manifest_path.parent.mkdir(parents=True, exist_ok=True)
-        part = Path(str(manifest_path) + ".part")
-        part.write_text(json.dumps(manifest, indent=1, sort_keys=True, ensure_ascii=False) + "\n",
-                        encoding="utf-8")
-        os.replace(part, manifest_path)
-        return manifest
-
+    else:
+        for entry in entries:
+            entry["rig"] = None
+    known = verified(manifest_path, progress_path)
+    progress: Dict[str, dict] = {}
     fetched = kept = failed = 0
-    for count, (entry, state, taken) in enumerate(work):
+    for entry, state, taken in members:
+        if taken is None:
+            continue
         node, camera = entry["node"], entry["camera"]
-        if count and node != work[count - 1][0]["node"]:
-            write([e for e, _, _ in work[count:]])
+        stamp = identity(taken, entry)
         for index, file in enumerate(listed(taken, "files"), 1):
             name, sha = text(file, "name"), text(file, "sha256")
             size = number(file, "size", -1)
@@ -339,17 +344,22 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: 
                 entry["reason"] = "the node's record of a file is unreadable"
                 complete = False
                 continue
-            if layout == "rig":
-                relative = "rig/%s/%s" % (entry["rig"], file_name(shot, index, name))
-            else:
-                relative = file_name("%s_%s" % (node, camera), index, name)
-            local = base / relative
-            old = by_path.get(relative) or {}
-            written = sha256(local)
+            # The second and later files of a camera in one shot: -2, -3, ...
+            suffix = ("-%d" % index if index > 1 else "") + os.path.splitext(name)[1].lower()
+            relative = "rig/%s/%s%s" % (entry["rig"], shot, suffix) if layout == "rig" else \
+                "%s/%s_%s%s" % (shot, node, camera, suffix)
+            local = folder / relative
+            placed = {"name": name, "path": relative, "size": size, "sha256": sha,
+                      "node_sha256": sha}
+            there = sha256(local)
+            before = known.get(relative)
             why = ""
-            if text(old, "node_sha256") == sha and written is not None and \
-                    written == (number(old, "size"), text(old, "sha256")):
+            if before and text(before, "node_sha256") == sha and \
+                    there == (number(before, "size", -1), text(before, "sha256")):
+                placed = dict(before, name=name)
                 kept += 1
+            elif there == (size, sha) and not is_jpeg(name):
+                kept += 1  # a file that is never stamped, already there
             else:
                 part = Path(str(local) + ".part")
                 try:
@@ -358,16 +368,43 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: 
                     why = "cannot make the folder"
                 else:
                     why = fetch(state, "/api/rig/shots/%s/%s/%s/%s" % (shot, node, camera, name),
-                                part, size, sha)
-                    if not why:
-                        why, written = place(part, local, taken)
-                    fetched += 0 if why else 1
-            if why or written is None:
+                                part, size, sha) or place(part, local, name, stamp, placed)
+                if not why:
+                    fetched += 1
+                    # Kept as it goes: a collect cut short is not fetched again.
+                    progress[relative] = placed
+                    write_atomically(progress_path, json.dumps(progress))
+            if why:
                 failed += 1
                 complete = False
                 entry["reason"] = "download failed: " + why
                 log.warning("%s from %s: %s", relative, node, why)
                 continue
-            entry["files"].append({"name": name, "path": relative, "size": written[0],
-                                   "sha256": written[1], "node_sha256": sha})
-    return fetched, kept, failed, complete, write([]), manifest_path
+            entry["files"].append(placed)
+
+    sent = []
+    for entry in entries:
+        # Every entry has every key: null where its node's record does not tell.
+        entry["scheduledUs"] = at if at > 0 else None
+        for key in ("releasedUs", "zoom", "focalLengthMm", "focalLength35mm"):
+            entry.setdefault(key, None)
+        entry.setdefault("settings", {})
+        if isinstance(entry["releasedUs"], int):
+            sent.append(entry["releasedUs"])
+    manifest = {"v": MANIFEST_VERSION, "rig": rig, "shot": shot, "layout": layout, "at": at,
+                "collected": utc_us(), "complete": complete,
+                "spreadUs": max(sent) - min(sent) if sent else None,
+                "missing": [{"node": e["node"], "camera": e["camera"], "serial": e["serial"],
+                             "reason": e.get("reason", "")} for e in entries if not e["files"]],
+                "cameras": entries}
+    write_atomically(manifest_path, json.dumps(manifest, indent=1, sort_keys=True,
+                                               ensure_ascii=False) + "\n")
+    remove(progress_path)
+    return fetched, kept, failed, complete, manifest, manifest_path
+
+
+def write_atomically(path: Path, content: str) -> None:
+    path.parent.mkdir(parents=True, exist_ok=True)
+    part = Path(str(path) + ".part")
+    part.write_text(content, encoding="utf-8")
+    os.replace(part, path)
