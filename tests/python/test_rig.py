@@ -160,9 +160,9 @@ def check_set(setup, folder, shot, number, layout="set"):
         assert entry["release"]["status"] == "fired" and entry["settings"]["Image Size"]
         (file,) = entry["files"]
         assert file["name"] == "IMG_%04d.JPG" % number
-        assert file["path"] == ("%s_%s.jpg" % (entry["node"], entry["camera"]) if layout == "set"
-                                else "rig/%s/%s.jpg" % (entry["rig"], shot))
-        local = (folder / shot if layout == "set" else folder) / file["path"]
+        assert file["path"] == ("%s/%s_%s.jpg" % (shot, entry["node"], entry["camera"])
+                                if layout == "set" else "rig/%s/%s.jpg" % (entry["rig"], shot))
+        local = folder / file["path"]
         kept = setup.folder / ("store-" + entry["node"]) / shot / entry["node"] / \
             entry["camera"] / file["name"]
         assert image_bytes(local) == image_bytes(kept)
@@ -212,7 +212,7 @@ def test_shoot_collect_resume_and_refire(setup, controller, tmp_path):
         if layout == "set":
             same_sets(check_set(setup, tmp_path, "py-1", 100),
                       check_set(setup, tmp_path / layout, "py-1", 100),
-                      (tmp_path / "py-1", tmp_path / layout / "py-1"))
+                      (tmp_path, tmp_path / layout))
         else:
             same_sets(check_set(setup, mine, "py-1", 100, "rig"),
                       check_set(setup, tmp_path / layout, "py-1", 100, "rig"),
@@ -221,7 +221,7 @@ def test_shoot_collect_resume_and_refire(setup, controller, tmp_path):
                 (tmp_path / layout / "rig-map.txt").read_text()
 
     # One file lost, one damaged: exactly those two fetched again.
-    paths = [tmp_path / "py-1" / e["files"][0]["path"] for e in ours["cameras"][:2]]
+    paths = [tmp_path / e["files"][0]["path"] for e in ours["cameras"][:2]]
     paths[0].unlink()
     paths[1].write_bytes(b"\0damaged")
     again = controller.collect("py-1", tmp_path)
