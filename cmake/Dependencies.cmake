@@ -69,3 +69,26 @@ if(WIN32)
 else()
   target_link_libraries(orq_platform_libs INTERFACE Threads::Threads)
 endif()
+
+# libexif, the Exif of collected and virtual pictures (src/exif): the -dev package on Linux; for
+# the Windows cross-build, Debian's source package unpacked by .ci/fetch-libexif-source into
+# ORQ_LIBEXIF_SOURCE_DIR, compiled here without translations. Without either, pictures carry no
+# Exif of ours.
+set(ORQ_LIBEXIF_SOURCE_DIR "" CACHE PATH "Unpacked libexif source package (cross builds)")
+if(ORQ_LIBEXIF_SOURCE_DIR)
+  file(GLOB orq_libexif_sources ${ORQ_LIBEXIF_SOURCE_DIR}/libexif/*.c
+                                ${ORQ_LIBEXIF_SOURCE_DIR}/libexif/*/*.c)
+  # What its configure script would have made: the two headers its sources include.
+  set(orq_libexif_generated ${CMAKE_BINARY_DIR}/libexif-generated)
+  file(WRITE ${orq_libexif_generated}/config.h
+       "#define GETTEXT_PACKAGE \"libexif-12\"\n#define LOCALEDIR \"\"\n")
+  file(WRITE ${orq_libexif_generated}/libexif/_stdint.h "#include <stdint.h>\n")
+  add_library(orq_libexif STATIC ${orq_libexif_sources})
+  target_include_directories(orq_libexif SYSTEM PUBLIC ${orq_libexif_generated}
+                                                       ${ORQ_LIBEXIF_SOURCE_DIR})
+  target_compile_options(orq_libexif PRIVATE -w)
+  add_library(orq::libexif ALIAS orq_libexif)
+elseif(NOT WIN32)
+  pkg_check_modules(ORQ_LIBEXIF REQUIRED IMPORTED_TARGET GLOBAL libexif)
+  add_library(orq::libexif ALIAS PkgConfig::ORQ_LIBEXIF)
+endif()

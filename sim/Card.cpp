@@ -82,6 +82,13 @@ VirtualCamera::Picture VirtualCamera::NextPicture(Clock::time_point now) {
         std::chrono::duration_cast<std::chrono::system_clock::duration>(now - Clock::now());
     picture.label.time =
         std::chrono::duration_cast<std::chrono::seconds>(wall.time_since_epoch()).count();
+    picture.label.timeUs =
+        std::chrono::duration_cast<std::chrono::microseconds>(wall.time_since_epoch()).count();
+    picture.label.make = orq::kMakerWord;
+    if (profile) {
+        picture.label.focalHundredths = profile->FocalHundredths(zoomPosition);
+        picture.label.focal35mm = static_cast<uint16_t>(profile->Focal35mm(zoomPosition));
+    }
     const orq::PropertyEntry* size = profile ? profile->Find(ORQ_PROP_IMAGE_SIZE) : nullptr;
     if (size && !size->values.empty()) {
         auto raw = propCases.find(size->propCase);

@@ -17,6 +17,9 @@
 #ifdef ORQ_SIM_TURBOJPEG
 #include <turbojpeg.h>
 #endif
+#ifdef ORQ_SIM_EXIF
+#include "exif/JpegExif.h"
+#endif
 
 namespace orqsim {
 
@@ -262,6 +265,26 @@ private:
     std::unordered_map<Tile, Segment, TileHash> segments;
 };
 
+// The Exif segment of a still, right after SOI; nothing where the label asks for none or the
+// build has no libexif.
+void PutExif(const PictureLabel& label, Bytes& out) {
+#ifdef ORQ_SIM_EXIF
+    if (label.make.empty()) return;
+    orq::exif::Identity identity;
+    identity.make = label.make;
+    identity.model = label.model;
+    identity.serial = label.serial;
+    identity.timeUs = label.timeUs;
+    identity.focalHundredths = label.focalHundredths;
+    identity.focal35mm = label.focal35mm;
+    const std::vector<uint8_t> segment = orq::exif::Segment(identity);
+    out.insert(out.begin() + 2, segment.begin(), segment.end());
+#else
+    (void)label;
+    (void)out;
+#endif
+}
+
 void Put16(Bytes& out, size_t v) {
     out.push_back(static_cast<uint8_t>(v >> 8));
     out.push_back(static_cast<uint8_t>(v));
@@ -274,6 +297,7 @@ bool PictureHeader(const PictureLabel& label, int width, int height, Bytes& out)
     if (!TileCache::Instance().Header(tile)) return false;
     size_t at = 2, scan = 0;
     out.assign(tile.begin(), tile.begin() + 2);
+    PutExif(label, out);
     while (at + 4 <= tile.size()) {
         const size_t length = size_t{tile[at + 2]} << 8 | tile[at + 3];
         if (tile[at + 1] == 0xDA) {
@@ -409,6 +433,7 @@ size_t Compose(const PictureLabel& label, int width, int height, Bytes* out) {
     }
     if (!tiled) {
         Bytes whole = WholePicture(layout);
+        if (!whole.empty()) PutExif(label, whole);
         if (out) *out = std::move(whole);
         return out ? out->size() : whole.size();
     }
@@ -582,6 +607,7 @@ Bytes Movie(const PictureLabel& label, uint32_t milliseconds) {
         PictureLabel frame = label;
         frame.shot = i + 1;
         frame.time = label.time + i * kFrameMs / 1000;
+        frame.make.clear();  // a movie's frames carry no Exif
         Bytes jpeg = StillPicture(frame, kWidth, kHeight);
         if (jpeg.empty()) jpeg = {0xFF, 0xD8, 0xFF, 0xD9};
         frames.push_back(std::move(jpeg));

@@ -18,6 +18,12 @@ struct PictureLabel {
     std::string serial;
     uint32_t shot = 0;
     int64_t time = 0;
+    // A still whose make is set carries them in its Exif too, where the build has libexif:
+    // the same instant in microseconds, and the focal length at the shot (0: none).
+    std::string make;
+    int64_t timeUs = 0;
+    uint32_t focalHundredths = 0;
+    uint16_t focal35mm = 0;
 };
 
 // Whether stills are real JPEG files in this build (libjpeg-turbo); otherwise they are bytes

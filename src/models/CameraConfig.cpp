@@ -1,8 +1,24 @@
 #include "models/CameraConfig.h"
 
+#include <algorithm>
+#include <cmath>
+
 #include "models/ModelData.h"
 
 namespace orq {
+
+uint32_t CameraConfig::FocalHundredths(int32_t zoomStep) const {
+    if (lens.wideMm <= 0 || lens.teleMm < lens.wideMm) return 0;
+    const int32_t step = std::clamp(zoomStep, 0, std::max(maxZoom, 0));
+    const double part = maxZoom > 0 ? static_cast<double>(step) / maxZoom : 0.0;
+    return static_cast<uint32_t>(
+        std::lround(lens.wideMm * std::pow(lens.teleMm / lens.wideMm, part) * 100.0));
+}
+
+uint32_t CameraConfig::Focal35mm(int32_t zoomStep) const {
+    return static_cast<uint32_t>(
+        std::lround(FocalHundredths(zoomStep) / 100.0 * std::max(lens.factor35mm, 0.0)));
+}
 
 const PropertyValue* PropertyEntry::FromCamera(int32_t cameraValue) const {
     for (const PropertyValue& record : values) {

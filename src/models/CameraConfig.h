@@ -60,6 +60,17 @@ struct PropertyEntry {
 
 using FocusTable = std::vector<std::vector<int32_t>>;
 
+// The zoom lens: focal lengths at zoom step 0 and at maxZoom, and the factor to the focal length
+// of the same view on 35 mm film. All zero: the profile gives no lens.
+struct Lens {
+    double wideMm = 0;
+    double teleMm = 0;
+    double factor35mm = 0;
+};
+
+// The maker word our profiles' pictures carry (Exif Make).
+constexpr const char* kMakerWord = "Orqwerk";
+
 struct CameraConfig {
     std::u16string name;  // model code looked for in the USB product string
     std::map<int32_t, PropertyEntry> properties;
@@ -67,6 +78,13 @@ struct CameraConfig {
     int32_t maxZoom = 0;  // zoom steps run 0 .. maxZoom
     bool videoSupported = false;
     FocusTable focusTable;  // list z: manual focus stops at zoom step z, strictly ascending
+    Lens lens;
+
+    // The focal length at a zoom step (clamped to 0 .. maxZoom), in hundredths of a millimetre,
+    // and its 35 mm equivalent in whole millimetres; 0 for both where the profile has no lens.
+    // The steps divide the range in equal ratios, as a zoom's steps feel equal to the eye.
+    uint32_t FocalHundredths(int32_t zoomStep) const;
+    uint32_t Focal35mm(int32_t zoomStep) const;
 
     bool Has(int32_t propertyId) const { return properties.count(propertyId) != 0; }
     bool HasConstraint(int32_t constraint) const { return constraints.count(constraint) != 0; }

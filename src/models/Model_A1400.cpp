@@ -9,6 +9,7 @@ CameraConfig MakeA1400() {
     CameraConfig model;
     model.name = u"A1400";
     model.maxZoom = 63;
+    model.lens = {4.7, 23.1, 5.7};
     model.constraints = {0};
     model.videoSupported = false;
     model.properties = {

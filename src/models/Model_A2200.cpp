@@ -9,6 +9,7 @@ CameraConfig MakeA2200() {
     CameraConfig model;
     model.name = u"A2200";
     model.maxZoom = 6;
+    model.lens = {4.9, 19.2, 5.8};
     model.constraints = {0, 3};
     model.videoSupported = false;
     model.properties = {

@@ -9,6 +9,7 @@ CameraConfig MakeA4000() {
     CameraConfig model;
     model.name = u"A4000";
     model.maxZoom = 126;
+    model.lens = {4.4, 35.6, 5.9};
     model.constraints = {0};
     model.videoSupported = false;
     model.properties = {

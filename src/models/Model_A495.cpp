@@ -9,6 +9,7 @@ CameraConfig MakeA495() {
     CameraConfig model;
     model.name = u"A495";
     model.maxZoom = 6;
+    model.lens = {6.3, 20.4, 5.5};
     model.constraints = {0};
     model.videoSupported = false;
     model.properties = {

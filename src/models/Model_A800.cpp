@@ -9,6 +9,7 @@ CameraConfig MakeA800() {
     CameraConfig model;
     model.name = u"A800";
     model.maxZoom = 6;
+    model.lens = {6.2, 19.9, 5.6};
     model.constraints = {0};
     model.videoSupported = false;
     model.properties = {

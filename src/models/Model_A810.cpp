@@ -9,6 +9,7 @@ CameraConfig MakeA810() {
     CameraConfig model;
     model.name = u"A810";
     model.maxZoom = 63;
+    model.lens = {4.8, 24.5, 5.7};
     model.constraints = {0};
     model.videoSupported = true;  // the only model that says so
     model.properties = {

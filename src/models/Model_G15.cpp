@@ -9,6 +9,7 @@ CameraConfig MakeG15() {
     CameraConfig model;
     model.name = u"G15";
     model.maxZoom = 120;
+    model.lens = {6.2, 30.8, 4.6};
     model.constraints = {0, 1, 2, 3};
     model.videoSupported = false;
     model.properties = {

@@ -9,6 +9,7 @@ CameraConfig MakeIXUS145() {
     CameraConfig model;
     model.name = u"IXUS145";
     model.maxZoom = 100;
+    model.lens = {4.9, 39.5, 5.7};
     model.constraints = {0};
     model.videoSupported = false;
     model.properties = {

@@ -9,6 +9,7 @@ CameraConfig MakeSX130() {
     CameraConfig model;
     model.name = u"SX130";
     model.maxZoom = 125;
+    model.lens = {4.8, 58.1, 5.4};
     model.constraints = {0, 1, 2};
     model.videoSupported = false;
     model.properties = {

@@ -9,6 +9,7 @@ CameraConfig MakeSX150() {
     CameraConfig model;
     model.name = u"SX150";
     model.maxZoom = 125;
+    model.lens = {4.9, 60.2, 5.5};
     model.constraints = {0, 1, 2, 3};
     model.videoSupported = false;
     model.focusTable = SX150FocusTable();

@@ -9,6 +9,7 @@ CameraConfig MakeSX160() {
     CameraConfig model;
     model.name = u"SX160";
     model.maxZoom = 125;
+    model.lens = {4.6, 73.4, 5.6};
     model.constraints = {0, 1, 2, 3};
     model.videoSupported = false;
     model.focusTable = SX160FocusTable();

@@ -9,6 +9,7 @@ CameraConfig MakeSX170() {
     CameraConfig model;
     model.name = u"SX170";
     model.maxZoom = 125;
+    model.lens = {4.6, 73.0, 5.7};
     model.constraints = {0, 1, 2, 3};
     model.videoSupported = false;
     model.focusTable = SX160FocusTable();  // same lens positions as the SX160

@@ -9,6 +9,7 @@ CameraConfig MakeSX40() {
     CameraConfig model;
     model.name = u"SX40";
     model.maxZoom = 200;
+    model.lens = {4.4, 152.0, 5.7};
     model.constraints = {0, 1, 2};
     model.videoSupported = false;
     model.properties = {

@@ -9,6 +9,7 @@ CameraConfig MakeSX500() {
     CameraConfig model;
     model.name = u"SX500";
     model.maxZoom = 125;
+    model.lens = {4.4, 131.5, 5.8};
     model.constraints = {0, 1, 2, 3};
     model.videoSupported = false;
     model.properties = {

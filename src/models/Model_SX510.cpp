@@ -9,6 +9,7 @@ CameraConfig MakeSX510() {
     CameraConfig model;
     model.name = u"SX510";
     model.maxZoom = 126;
+    model.lens = {4.4, 133.0, 5.8};
     model.constraints = {0, 1, 2, 3};
     model.videoSupported = false;
     model.properties = {
