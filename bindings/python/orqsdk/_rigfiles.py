@@ -23,6 +23,7 @@ VERSION = 1
 MANIFEST_VERSION = 2
 LAYOUTS = ("set", "rig")
 MAX_MANIFEST = 64 << 20  # of a rig of thousands of cameras
+LARGEST_JPEG = 256 << 20  # a camera's JPEG is a few megabytes; larger ones are not stamped
 MAX_PAYLOAD = 1 << 20  # a rig's largest message is a report of 1024 cameras
 LARGEST_FILE = 1 << 32
 _NAME = re.compile(r"[A-Za-z0-9._-]{1,64}\Z")
@@ -144,7 +145,7 @@ def identity(taken: dict, entry: dict) -> dict:
     return {"make": text(taken, "make"), "model": text(entry, "model"),
             "serial": text(entry, "serial"),
             "sent": number(taken, "sent") if text(taken, "status") == "fired" else None,
-            "focal": (int(round(focal * 100)), 100) if 0 < focal < 100000 else None,
+            "focal": (int(focal * 100 + 0.5), 100) if 0 < focal < 100000 else None,
             "focal35": focal35 if 0 < focal35 < 1 << 16 else None}
 
 
@@ -159,7 +160,9 @@ def place(part: Path, local: Path, name: str, stamp: dict, file: dict) -> str:
     bytes then)."""
     source, unstamped = part, ""
     stamped = Path(str(local) + ".exif")
-    if is_jpeg(name):
+    if is_jpeg(name) and file["size"] > LARGEST_JPEG:
+        unstamped = "larger than a picture is read"
+    elif is_jpeg(name):
         unstamped = _exif.stamp(part, stamped, stamp)
         if not unstamped:
             source = stamped
