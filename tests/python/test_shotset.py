@@ -109,8 +109,9 @@ MAP = "# booth, left to right\n000 AAA\n\n  # spare\n002   CCC\t\n"
 
 @pytest.mark.parametrize("text,result", [
     (MAP, {"AAA": "000", "CCC": "002"}),
-    ("\ufeff# edited elsewhere\r\n0010 X\r\n", {"X": "0010"}),
-    ("000 A\n12 B\n", "line 2: '12 B' is not"),
+    ("# edited elsewhere\r\n0010 X\r\n\t\r\n", {"X": "0010"}),
+    ("000 A\n12 B\n", "line 2: not 'NNN SERIAL'"),
+    ("0123456789 A\n", "line 1: not"),
     ("000 A\n001 B C\n", "line 2"),
     ("000 A\n# x\n000 B\n", "line 3: number 000 is given on line 1 too"),
     ("000 A\n0000 B\n", "line 2: number 0000 is given on line 1 too"),

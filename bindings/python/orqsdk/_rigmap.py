@@ -9,7 +9,8 @@ from pathlib import Path
 from typing import Dict, Iterable, List, Tuple
 
 NAME = "rig-map.txt"
-_LINE = re.compile(r"(\d{3,})[ \t]+(\S+)[ \t]*\Z")
+# Blanks are spaces, tabs and the CR of a line ended on Windows; a number has 3 to 9 digits.
+_LINE = re.compile(r"[ \t\r]*(?:(#.*)|([0-9]{3,9})[ \t\r]+([^ \t\r]+))?[ \t\r]*\Z", re.S)
 
 
 class MapError(ValueError):
@@ -22,14 +23,13 @@ def parse(text: str, where: str = NAME) -> Dict[str, str]:
     serials: Dict[str, int] = {}
     mapped: Dict[str, str] = {}
     for count, line in enumerate(text.split("\n"), 1):
-        stripped = line.lstrip("\ufeff" if count == 1 else "").strip()
-        if not stripped or stripped.startswith("#"):
-            continue
-        match = _LINE.match(stripped)
+        match = _LINE.match(line)
         if not match:
-            raise MapError("%s line %d: %r is not a number of three digits or more and a serial"
-                           % (where, count, line))
-        number, serial = match.groups()
+            raise MapError("%s line %d: not 'NNN SERIAL' (a number of three digits or more, a "
+                           "serial): %r" % (where, count, line))
+        comment, number, serial = match.groups()
+        if comment is not None or number is None:
+            continue
         if int(number) in numbers:
             raise MapError("%s line %d: number %s is given on line %d too"
                            % (where, count, number, numbers[int(number)]))
