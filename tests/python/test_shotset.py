@@ -83,10 +83,9 @@ def test_stamp(tmp_path, name, original, identity, expected):
     assert (tmp_path / "again.jpg").read_bytes() == stamped
 
 
-def huge_count_exif():
-    """An Exif whose one BYTE tag claims four thousand million values."""
-    tiff = b"MM\x00*\x00\x00\x00\x08" + b"\x00\x01" + struct.pack(">HHLL", 0x010E, 1, 0xFFFFFFF0, 8)
-    tiff += b"\x00\x00\x00\x00"
+def one_tag_exif(tag, count):
+    """JFIF with an Exif of one BYTE tag in IFD0 that claims count values."""
+    tiff = b"MM\x00*\x00\x00\x00\x08\x00\x01" + struct.pack(">HHLL", tag, 1, count, 8) + bytes(4)
     block = b"Exif\x00\x00" + tiff
     return JFIF[:2] + b"\xff\xe1" + struct.pack(">H", len(block) + 2) + block + JFIF[2:]
 
@@ -95,9 +94,11 @@ def huge_count_exif():
     (JFIF[:30], "segment runs past the end"),
     (JFIF[:-2], "no end (EOI)"),
     (b"\xff\xd8\xff\xe1\x00\x01" + JFIF[2:], "segment runs past the end"),
-    (huge_count_exif(), "cannot be read"),
+    (one_tag_exif(0x010E, 0xFFFFFFF0), "counts 4294967280 values"),
+    (one_tag_exif(0xC0DE, 1), "tags piexif would drop: 0xC0DE"),
     (with_exif({"0th": {IMAGE.Make: b"x" * 65450}}), "grows past one segment"),
-], ids=["truncated", "no EOI", "segment length 1", "a count past the block", "Exif past one segment"])
+], ids=["truncated", "no EOI", "segment length 1", "a count past the block", "a tag piexif does not know",
+    "Exif past one segment"])
 def test_stamp_refuses(tmp_path, data, why):
     (tmp_path / "in.jpg").write_bytes(data)
     assert why in _exif.stamp(tmp_path / "in.jpg", tmp_path / "out.jpg", IDENTITY)

@@ -76,22 +76,26 @@ def ends_with_eoi(f: Any, offset: int) -> bool:
     return False
 
 
-def check_counts(payload: bytes) -> None:
-    """ValueError unless every entry of the IFDs piexif reads counts no more values than the
-    block has bytes: piexif builds a struct format as long as a count before it reads."""
+def check_block(payload: bytes) -> None:
+    """ValueError unless piexif can read the block safely and write it again whole: every entry
+    of the IFDs it reads counts no more values than the block has bytes (piexif builds a struct
+    format as long as a count before it reads), and every tag is one piexif knows (it drops the
+    others without a word, and they are the camera's)."""
+    import piexif
+
     tiff = payload[len(EXIF_HEADER):]
     if tiff[:4] not in (b"II*\x00", b"MM\x00*"):
         raise ValueError("no TIFF header")
     order = "<" if tiff[:2] == b"II" else ">"
+    below = {"Image": {0x8769: "Exif", 0x8825: "GPS"}, "Exif": {0xA005: "Interop"}}
+    unknown = []
 
     def u32(at: int) -> int:
         if at < 0 or at + 4 > len(tiff):
             raise ValueError("an offset past the block")
         return struct.unpack(order + "L", tiff[at:at + 4])[0]
 
-    def walk(at: int, first: bool, depth: int = 0) -> None:
-        if depth > 2:  # 0th, Exif, Interop: deeper is a loop
-            raise ValueError("IFDs nested past Interop")
+    def walk(at: int, kind: str, first: bool = False) -> None:
         if at + 2 > len(tiff):
             raise ValueError("an IFD past the block")
         entries = struct.unpack(order + "H", tiff[at:at + 2])[0]
@@ -102,14 +106,16 @@ def check_counts(payload: bytes) -> None:
             tag, _, count = struct.unpack(order + "HHL", tiff[entry:entry + 8])
             if count > len(tiff):
                 raise ValueError("tag 0x%04X counts %d values" % (tag, count))
-            if tag in (0x8769, 0x8825, 0xA005):  # Exif, GPS, Interop IFDs
-                walk(u32(entry + 8), False, depth + 1)
-        if first:
-            following = u32(at + 2 + 12 * entries)
-            if following:
-                walk(following, False, depth + 1)
+            if tag not in piexif.TAGS[kind]:
+                unknown.append("0x%04X" % tag)
+            elif first and tag in below.get(kind, {}) or kind == "Exif" and tag in below[kind]:
+                walk(u32(entry + 8), below[kind][tag])
+        if first and u32(at + 2 + 12 * entries):
+            walk(u32(at + 2 + 12 * entries), "Image")  # the thumbnail's
 
-    walk(u32(4), True)
+    walk(u32(4), "Image", True)
+    if unknown:
+        raise ValueError("tags piexif would drop: %s" % " ".join(unknown[:8]))
 
 
 def exif_time(utc_us: int) -> Tuple[bytes, bytes]:
@@ -161,7 +167,7 @@ def stamp(source: Path, target: Path, identity: dict) -> str:
         return "not a whole JPEG: %s" % error
     try:
         if payload:
-            check_counts(payload)
+            check_block(payload)
         exif = piexif.load(payload) if payload else {}
         add = additions(exif, identity)
         if not any(add.values()):
