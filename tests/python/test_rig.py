@@ -220,6 +220,13 @@ def test_shoot_collect_resume_and_refire(setup, controller, tmp_path):
             assert (mine / "rig-map.txt").read_text() == \
                 (tmp_path / layout / "rig-map.txt").read_text()
 
+    # A rig map with a number twice: refused before anything is written.
+    (tmp_path / "bad").mkdir()
+    (tmp_path / "bad" / "rig-map.txt").write_text("000 A\n000 B\n")
+    with pytest.raises(rig.RigError, match="line 2: number 000 is given on line 1") as refused:
+        controller.collect("py-1", tmp_path / "bad", layout="rig")
+    assert refused.value.exit == 2 and os.listdir(tmp_path / "bad") == ["rig-map.txt"]
+
     # One file lost, one damaged: exactly those two fetched again.
     paths = [tmp_path / e["files"][0]["path"] for e in ours["cameras"][:2]]
     paths[0].unlink()
