@@ -72,13 +72,20 @@ typedef struct OrqSimFault {
  * value except exposure and flash compensation, which start at 0 (ORQ_COMP_ZERO). Its serial
  * (OrqCameraInfo.serial) is 32 hex digits made from the model and the camera id, so that every
  * camera of a process has its own, and the same attach order gives the same serials in every
- * run. Its card is in memory until OrqSimSetCardFolder.
+ * run. Where the environment variable ORQSIM_SERIAL_SEED is set (read at each attach), its text
+ * is mixed in too, so that processes standing for different machines, as a rig's nodes, give
+ * their cameras different serials. Its card is in memory until OrqSimSetCardFolder.
  *
  * Its pictures are JPEG files at the pixel size of the current Image Size, as the model's size
  * table gives it (OrqPropertyDesc): colour bars and a box naming the model, serial, shot number
  * and time (UTC); pictures sent straight to the host are made alike, and movies are QuickTime
- * files of small JPEG frames. A Windows build made without libjpeg-turbo's source package has no
- * JPEG encoder: its pictures are bytes between JPEG markers. Its live view moves: every frame read
+ * files of small JPEG frames. A still carries Exif: Make "Orqwerk", Model (the model as
+ * attached), BodySerialNumber (its serial), DateTimeOriginal with SubSecTimeOriginal (six digits)
+ * and OffsetTimeOriginal "+00:00" from the camera's clock, which is the host's in UTC, and
+ * FocalLength and FocalLengthIn35mmFilm from the zoom step at the shot and the model's lens; a
+ * build without libexif (Windows without its source package) writes none. A Windows build made
+ * without libjpeg-turbo's source package has no JPEG encoder: its pictures are bytes between JPEG
+ * markers. Its live view moves: every frame read
  * shows a bar further on and the frame's number, in colours of the camera's own, at the scale of
  * the current zoom.
  *

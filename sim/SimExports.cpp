@@ -1,5 +1,6 @@
 // The OrqSim exports of orqsdk_sim: the application's hand on the virtual cameras.
 #include <chrono>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -67,8 +68,11 @@ ORQ_API OrqSimCamera OrqSimAttachCamera(const char* model) {
             std::lock_guard<std::mutex> guard(registry.lock);
             id = registry.next++;
         }
-        // The same attach order gives the same serials, run after run.
-        options.serialNumber = orqsim::SerialFor(options.model, static_cast<uint32_t>(id));
+        // The same attach order gives the same serials, run after run; processes that stand for
+        // different machines (a rig's nodes) are told apart by a seed of their own.
+        const char* seed = std::getenv("ORQSIM_SERIAL_SEED");
+        options.serialNumber = orqsim::SerialFor(
+            seed && *seed ? options.model + "@" + seed : options.model, static_cast<uint32_t>(id));
         auto camera = std::make_shared<orqsim::VirtualCamera>(options);
         {
             std::lock_guard<std::mutex> guard(registry.lock);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <iterator>
 #include <set>
 #include <string>
@@ -100,6 +101,16 @@ TEST(ProfileTable, InvariantsOfEveryEntry) {
             EXPECT_TRUE(std::adjacent_find(list.begin(), list.end(),
                                            std::greater_equal<int32_t>()) == list.end());
         }
+        // The lens: wide at step 0, tele at the longest, longer at every step between, steps
+        // outside the range held at its ends; the 35 mm equivalent follows the factor.
+        SCOPED_TRACE(Narrow(model.name) + " lens");
+        EXPECT_EQ(model.FocalHundredths(-5), std::lround(model.lens.wideMm * 100));
+        EXPECT_EQ(model.FocalHundredths(model.maxZoom + 9), std::lround(model.lens.teleMm * 100));
+        for (int32_t step = 1; step <= model.maxZoom; ++step)
+            EXPECT_GT(model.FocalHundredths(step), model.FocalHundredths(step - 1)) << step;
+        EXPECT_EQ(model.Focal35mm(model.maxZoom), std::lround(model.FocalHundredths(model.maxZoom) /
+                                                              100.0 * model.lens.factor35mm));
+        EXPECT_GT(model.lens.factor35mm, 1.0);
     }
 }
 

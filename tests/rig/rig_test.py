@@ -4,17 +4,21 @@ four orqcam nodes, each in its own private /tmp (the SDK allows one process per 
 virtual cameras, and orqcam rig as the controller. Twenty shots, then the faults: a wrong
 password, a fire delivered twice, one that comes too late, a node killed during a shot, the
 broker restarted, a collect interrupted; and one run over TLS with certificates made here.
+Then a second rig of two nodes with four cameras each, whose shots are collected in the rig
+layout and read by COLMAP's feature extractor and by exiftool, as a reconstruction would read them.
 
-usage: rig_test.py ORQCAM   (as root: unshare, mount and chown need it)
+usage: rig_test.py ORQCAM [--layout-only]   (as root: unshare, mount and chown need it)
 
 Every wait is bounded and watches for what it waits for; nothing sleeps a fixed time."""
 
+import calendar
 import hashlib
 import json
 import os
 import shutil
 import signal
 import socket
+import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -145,9 +149,10 @@ def password_file():
 
 
 class Node:
-    def __init__(self, broker, name, cameras, extra=(), latency=None):
+    def __init__(self, broker, name, cameras, extra=(), latency=None, rig_name=RIG):
         self.broker, self.name, self.cameras, self.extra = broker, name, cameras, list(extra)
         self.latency = latency
+        self.rig_name = rig_name
         self.store = os.path.join(work, "store-" + name)
         self.log = os.path.join(work, "node-%s.log" % name)
         self.process = None
@@ -158,13 +163,15 @@ class Node:
             models += ["--virtual", MODELS[i % len(MODELS)]]
         if self.latency:
             models += ["--virtual-latency", self.latency]
-        command = [ORQCAM] + models + ["node", "--broker", self.broker.url(), "--rig", RIG,
+        command = [ORQCAM] + models + ["node", "--broker", self.broker.url(), "--rig", self.rig_name,
                                        "--node", self.name, "--store", self.store,
                                        "--password-file", password_file()] + self.extra
         inner = "mount -t tmpfs tmpfs /tmp && exec " + " ".join("'%s'" % c for c in command)
         # Its own logs and virtual cards, kept across its restarts as a PC's disk is: cards
         # shared with other runs would number the pictures on from theirs.
-        environment = dict(os.environ, XDG_STATE_HOME=os.path.join(work, "state-" + self.name))
+        # Cameras of different PCs have different serials, as real ones do.
+        environment = dict(os.environ, XDG_STATE_HOME=os.path.join(work, "state-" + self.name),
+                           ORQSIM_SERIAL_SEED=self.name)
         self.process = subprocess.Popen(
             ["unshare", "-m", "--propagation", "private", "--", "sh", "-c", inner],
             stdout=open(self.log, "a"), stderr=subprocess.STDOUT, env=environment)
@@ -177,11 +184,11 @@ class Node:
         return self.process.returncode
 
 
-def rig(broker, *arguments, password=PASSWORD, extra=()):
+def rig(broker, *arguments, password=PASSWORD, extra=(), rig_name=RIG):
     """orqcam rig ...: (exit code, its JSON document)."""
     environment = dict(os.environ, ORQ_RIG_PASSWORD=password)
-    command = [ORQCAM, "--json", "rig", "--broker", broker.url(), "--rig", RIG] + list(extra) + \
-        list(arguments)
+    command = [ORQCAM, "--json", "rig", "--broker", broker.url(), "--rig", rig_name] + \
+        list(extra) + list(arguments)
     done = subprocess.run(command, capture_output=True, text=True, env=environment, timeout=120)
     try:
         document = json.loads(done.stdout) if done.stdout.strip() else {}
@@ -190,15 +197,15 @@ def rig(broker, *arguments, password=PASSWORD, extra=()):
     return done.returncode, document, done.stderr
 
 
-def rig_state(broker, extra=()):
-    code, document, _ = rig(broker, "list", extra=extra)
+def rig_state(broker, extra=(), rig_name=RIG):
+    code, document, _ = rig(broker, "list", extra=extra, rig_name=rig_name)
     return document if code == 0 else None
 
 
-def online(broker, names, cameras_each, extra=()):
+def online(broker, names, cameras_each, extra=(), rig_name=RIG):
     """The rig shows these nodes online with their cameras."""
     def ready():
-        state = rig_state(broker, extra)
+        state = rig_state(broker, extra, rig_name)
         if not state:
             return False
         up = {n["node"] for n in state["nodes"] if n.get("online")}
@@ -238,11 +245,13 @@ def check_shot(broker, nodes, shot, number, shots_dir, expect_complete=True):
             problems.append(where + " lacks its release, model or settings")
         if files[0]["name"] != "IMG_%04d.JPG" % number:
             problems.append(where + " did not fire once: %s" % files[0]["name"])
-        local = os.path.join(shots_dir, shot, files[0]["path"])
-        kept = os.path.join(work, "store-" + entry["node"], shot, files[0]["path"])
-        with open(local, "rb") as a, open(kept, "rb") as b:
-            if a.read() != b.read():
-                problems.append(where + " differs from the node's copy")
+        local = os.path.join(shots_dir, files[0]["path"])
+        if files[0]["path"] != "%s/%s_%s.jpg" % (shot, entry["node"], entry["camera"]):
+            problems.append(where + " is not where the set layout puts it: " + files[0]["path"])
+        kept = os.path.join(work, "store-" + entry["node"], shot, entry["node"], entry["camera"],
+                            files[0]["name"])
+        if sha256(kept) != files[0]["node_sha256"]:
+            problems.append(where + " differs from the node's copy")
         if sha256(local) != files[0]["sha256"] or os.path.getsize(local) != files[0]["size"]:
             problems.append(where + " does not match the manifest's size and SHA-256")
     check(not problems, "%s: %d cameras wrong, e.g. %s" % (shot, len(problems), problems[:2]))
@@ -373,7 +382,7 @@ def main():
     collected = check_shot(broker, names, "twice", number, shots_dir)
     with open(os.path.join(shots_dir, "twice", "manifest.json")) as f:
         check(all(c["settings"]["ISO Speed"] == "ISO 400" for c in json.load(f)["cameras"]),
-              "the manifest carries the settings at release")
+              "the manifest carries the settings read back after the shot")
     number += 1
 
     # The same id again from rig shoot: the nodes answer duplicate, the first pictures stand.
@@ -498,7 +507,7 @@ def main():
     # Two files lost and one damaged: exactly those three are fetched again.
     with open(os.path.join(first, "manifest.json")) as f:
         entries = json.load(f)["cameras"]
-    paths = [os.path.join(first, e["files"][0]["path"]) for e in entries[:3]]
+    paths = [os.path.join(fresh, e["files"][0]["path"]) for e in entries[:3]]
     os.remove(paths[0])
     os.remove(paths[1])
     with open(paths[2], "r+b") as f:
@@ -530,14 +539,190 @@ def main():
     node.stop()
     secure.stop()
 
+    layout_part()
     print("rig test: %d failures in %.1f s" % (len(failures), time.monotonic() - started))
     return 1 if failures else 0
+
+
+def strip_exif(node, shot):
+    """A camera that writes no Exif: the node's first picture of the shot loses its APP1 segment,
+    and the node's record its size and SHA-256. Returns the camera's serial."""
+    record_path = os.path.join(work, "store-" + node, shot, node + ".json")
+    with open(record_path) as f:
+        record = json.load(f)
+    entry = record["cameras"][0]
+    picture = os.path.join(work, "store-" + node, shot, node, entry["camera"],
+                           entry["files"][0]["name"])
+    with open(picture, "rb") as f:
+        data = f.read()
+    at, out = 2, data[:2]
+    while data[at + 1] != 0xDA:
+        length = 2 + (data[at + 2] << 8 | data[at + 3])
+        if data[at + 1] != 0xE1:
+            out += data[at:at + length]
+        at += length
+    out += data[at:]
+    with open(picture, "wb") as f:
+        f.write(out)
+    entry["files"][0].update(size=len(out), sha256=hashlib.sha256(out).hexdigest())
+    with open(record_path, "w") as f:
+        json.dump(record, f)
+    return entry["serial"]
+
+
+def layout_part():
+    """Eight cameras on two nodes at the smallest size, two shots collected in the rig layout
+    beside a map whose owner numbered one camera: COLMAP reads every picture with one camera per
+    folder, and exiftool finds serial, time to the microsecond and focal length in each."""
+    started = time.monotonic()
+    set_rig, names, each, shots = "ci-set", ["pa", "pb"], 4, ["s0001", "s0002"]
+    broker = Broker("layout")
+    nodes = [Node(broker, name, each, rig_name=set_rig) for name in names]
+    for node in nodes:
+        node.start()
+    wait_until(online(broker, names, each, rig_name=set_rig), 60, "two nodes of four online",
+               fatal=True)
+    print("rig layout: nodes up after %.1f s" % (time.monotonic() - started), flush=True)
+    for setting in (["set", "Image Size", "Small"], ["zoom", "10"]):
+        code, _, _ = rig(broker, *setting, rig_name=set_rig)
+        check(code == 0, "rig %s exits 0, not %d" % (setting[0], code))
+    state = rig_state(broker, rig_name=set_rig)
+    serials = sorted(c["serial"] for c in state["cameras"])
+    root = os.path.join(work, "layout-set")
+    os.makedirs(root)
+    owner = "# booth, front row\n\n007   %s\n" % serials[3]
+    with open(os.path.join(root, "rig-map.txt"), "w") as f:
+        f.write(owner)
+    manifests = {}
+    stripped = None  # (shot, serial) of the picture whose Exif the collector has to write
+    for shot in shots:
+        code, _, _ = rig(broker, "shoot", "--id", shot, "--lead", "600", rig_name=set_rig)
+        check(code == 0, "%s: rig shoot exits 0, not %d" % (shot, code))
+        if shot == shots[-1]:
+            stripped = (shot, strip_exif(names[0], shot))
+        code, collected, _ = rig(broker, "collect", shot, "--dir", root, "--layout", "rig",
+                                 rig_name=set_rig)
+        check(code == 0 and collected.get("fetched") == len(names) * each,
+              "%s collected in the rig layout: exit %d, %r" % (shot, code, collected))
+        with open(os.path.join(root, "manifests", shot + ".json")) as f:
+            manifests[shot] = json.load(f)
+
+    # The owner's lines stand as written; the others are appended from 008 on, once.
+    with open(os.path.join(root, "rig-map.txt")) as f:
+        text = f.read()
+    lines = [l.split() for l in text[len(owner):].splitlines()]
+    numbers = {serial: number for number, serial in lines}
+    numbers[serials[3]] = "007"
+    check(text.startswith(owner) and len(lines) == 7 and
+          sorted(n for n, _ in lines) == ["%03d" % n for n in range(8, 15)] and
+          sorted(numbers) == serials, "the rig map: owner's lines kept, 7 cameras appended once")
+
+    problems = []
+    for shot, manifest in manifests.items():
+        released = [c["releasedUs"] for c in manifest["cameras"]]
+        if (manifest["v"], manifest["layout"], manifest["missing"], manifest["spreadUs"]) != \
+                (2, "rig", [], max(released) - min(released)):
+            problems.append(shot + ": manifest v2 head")
+        for c in manifest["cameras"]:
+            path = "rig/%s/%s.jpg" % (numbers.get(c["serial"]), shot)
+            f = c["files"][0] if len(c["files"]) == 1 else {}
+            local = os.path.join(root, path)
+            kept = os.path.join(work, "store-" + c["node"], shot, c["node"], c["camera"],
+                                f.get("name", "?"))
+            if c["rig"] != numbers.get(c["serial"]) or f.get("path") != path or \
+                    not os.path.exists(local) or sha256(local) != f["sha256"] or \
+                    sha256(kept) != f["node_sha256"] or c["zoom"] != 10 or \
+                    c["settings"].get("Image Size") != "Small" or \
+                    c["scheduledUs"] != manifest["at"]:
+                problems.append("%s %s/%s: %r" % (shot, c["node"], c["camera"], c))
+    check(not problems, "rig-layout manifests: %d wrong, e.g. %s" % (len(problems), problems[:1]))
+
+    # A map that does not parse: refused, naming the line, and nothing written.
+    broken = os.path.join(work, "layout-broken")
+    os.makedirs(broken)
+    with open(os.path.join(broken, "rig-map.txt"), "w") as f:
+        f.write("000 A\n01 B\n")
+    code, _, error = rig(broker, "collect", shots[0], "--dir", broken, "--layout", "rig",
+                         rig_name=set_rig)
+    check(code == 2 and "line 2" in error and os.listdir(broken) == ["rig-map.txt"],
+          "a broken rig map: exit 2 naming line 2, nothing written (exit %d)" % code)
+    for node in nodes:
+        node.stop()
+    broker.stop()
+
+    # exiftool reads the identity back from every picture.
+    done = subprocess.run(["exiftool", "-j", "-n", "-r", "-ext", "jpg", "-Make", "-Model",
+                           "-SerialNumber", "-DateTimeOriginal", "-SubSecTimeOriginal", "-OffsetTimeOriginal",
+                           "-FocalLength", "-FocalLengthIn35mmFormat", os.path.join(root, "rig")],
+                          capture_output=True, text=True, timeout=60)
+    read = {os.path.relpath(t["SourceFile"], root): t for t in json.loads(done.stdout or "[]")}
+    wrong = []
+    for shot, manifest in manifests.items():
+        for c in manifest["cameras"]:
+            tags = read.get(c["files"][0]["path"], {})
+            # JSON gives six digits as a number: leading zeros are the writer's, not exiftool's.
+            sub = str(tags.get("SubSecTimeOriginal")).zfill(6)
+            stamp = "%s.%s" % (tags.get("DateTimeOriginal"), sub)
+            try:
+                taken = calendar.timegm(time.strptime(stamp[:19], "%Y:%m:%d %H:%M:%S")) + \
+                    int(stamp[20:]) / 1e6
+            except ValueError:
+                taken = 0
+            if (shot, c["serial"]) == stripped and (
+                    sub != "%06d" % (c["releasedUs"] % 1000000) or
+                    tags.get("OffsetTimeOriginal") != "+00:00" or
+                    c["files"][0]["sha256"] == c["files"][0]["node_sha256"]):
+                wrong.append(("not stamped from the node's record", c["files"][0], tags))
+            if (tags.get("Make"), tags.get("Model"), str(tags.get("SerialNumber")),
+                    tags.get("FocalLength"), tags.get("FocalLengthIn35mmFormat")) != \
+                    ("Orqwerk", c["model"], c["serial"], c["focalLengthMm"],
+                     c["focalLength35mm"]) or len(stamp) != 26 or \
+                    abs(taken - c["releasedUs"] / 1e6) > 1:
+                wrong.append((c["files"][0]["path"], tags))
+    check(len(read) == len(shots) * len(names) * each and not wrong,
+          "exiftool reads %d pictures' identity; wrong: %s" % (len(read), wrong[:1]))
+
+    # COLMAP's feature extraction as a reconstruction starts it: every picture read, one camera
+    # per rig folder, each with the focal length the Exif gives.
+    database = os.path.join(root, "db.db")
+    environment = dict(os.environ, QT_QPA_PLATFORM="offscreen")
+    extracting = time.monotonic()
+    done = subprocess.run(["colmap", "feature_extractor", "--database_path", database,
+                           "--image_path", os.path.join(root, "rig"),
+                           "--ImageReader.single_camera_per_folder", "1",
+                           "--SiftExtraction.use_gpu", "0", "--SiftExtraction.num_threads", "2",
+                           # Not upsampled first, and fewer features: a quarter of the work.
+                           "--SiftExtraction.first_octave", "0",
+                           "--SiftExtraction.max_num_features", "1024"],
+                          capture_output=True, text=True, timeout=120, env=environment)
+    with sqlite3.connect(database) as db:
+        images = db.execute("SELECT name, camera_id FROM images").fetchall()
+        cameras = db.execute("SELECT camera_id, prior_focal_length FROM cameras").fetchall()
+        features = db.execute("SELECT COUNT(*) FROM keypoints WHERE rows > 0").fetchone()[0]
+    by_folder = {}
+    for name, camera in images:
+        by_folder.setdefault(name.split("/")[0], set()).add(camera)
+    check(done.returncode == 0 and len(images) == len(shots) * len(names) * each and
+          len(cameras) == len(names) * each and sorted(by_folder) == sorted(numbers.values()) and
+          all(len(ids) == 1 for ids in by_folder.values()) and
+          len({min(ids) for ids in by_folder.values()}) == len(cameras) and
+          all(prior == 1 for _, prior in cameras) and features == len(images),
+          "COLMAP: exit %d, %d images, %d cameras, %d with features, folders %r" %
+          (done.returncode, len(images), len(cameras), features, by_folder))
+    print("rig layout: 2 shots of 8 cameras collected, read by exiftool and COLMAP in %.1f s "
+          "(%.1f s of it COLMAP's)" % (time.monotonic() - started, time.monotonic() - extracting),
+          flush=True)
 
 
 if __name__ == "__main__":
     result = 1
     try:
-        result = main()
+        if "--layout-only" in sys.argv:
+            make_work()
+            layout_part()
+            result = 1 if failures else 0
+        else:
+            result = main()
     except Fatal:
         pass
     finally:

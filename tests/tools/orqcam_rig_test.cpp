@@ -1,11 +1,12 @@
 // What orqcam node and rig take from the command line and the disk before any broker is asked:
 // the broker's address and password, the names that become topics and folders, and the
-// checksums that decide whether a collected file is fetched again.
+// checksums that decide whether a collected file is fetched again, and the rig map.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <map>
 
 #include "Rig.h"
@@ -111,6 +112,51 @@ TEST(RigFiles, ChecksumsAndAtomicWrites) {
     std::ifstream leftover(path + ".part");
     EXPECT_FALSE(leftover.good());
     std::remove(path.c_str());
+}
+
+// The rig map is people's text: read strictly, naming the line at fault; a new camera is
+// appended after everything they wrote, which stays as it was.
+TEST(RigMap, ReadStrictlyAndAppendedTo) {
+    const std::string path = ::testing::TempDir() + "orq-rig-map.txt";
+    struct Case {
+        const char* text;
+        const char* error;  // a part of the refusal; null: read
+    };
+    const Case cases[] = {
+        {"# front row\n\n000 A1\n  007\tB2  \n0012 C3\n", nullptr},
+        {"000 A1\n01 B2\n", "line 2: not 'NNN SERIAL'"},
+        {"000 A1 B2\n", "line 1: not"},
+        {"000\n", "line 1: not"},
+        {"abc A1\n", "line 1: not"},
+        {"000 A1\n# x\n0000 B2\n", "line 3: number 0000 is given on line 1 too"},
+        {"000 A1\n001 A1\n", "line 2: serial A1 is given on line 1 too"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.text);
+        ASSERT_TRUE(orqcam::rig::WriteAtomically(path, c.text));
+        orqcam::rig::RigMap map;
+        std::string error;
+        EXPECT_EQ(orqcam::rig::ReadRigMap(path, map, error), c.error == nullptr);
+        if (c.error) EXPECT_NE(error.find(c.error), std::string::npos) << error;
+    }
+    const std::string owner = "# front row\n000 A1\n  007\tB2  \n0012 C3";  // no final newline
+    ASSERT_TRUE(orqcam::rig::WriteAtomically(path, owner));
+    orqcam::rig::RigMap map;
+    std::string error;
+    ASSERT_TRUE(orqcam::rig::ReadRigMap(path, map, error)) << error;
+    EXPECT_EQ(orqcam::rig::RigFolderOf(map, "B2"), "007");
+    EXPECT_EQ(orqcam::rig::RigFolderOf(map, "C3"), "0012");
+    EXPECT_EQ(orqcam::rig::RigFolderOf(map, "D4"), "013");
+    EXPECT_EQ(orqcam::rig::RigFolderOf(map, "E5"), "014");
+    EXPECT_EQ(orqcam::rig::RigFolderOf(map, "D4"), "013");
+    ASSERT_TRUE(orqcam::rig::SaveRigMap(map));
+    std::ifstream in(path);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(text, owner + "\n013 D4\n014 E5\n");
+    // A missing map is an empty one: numbers from 000.
+    std::remove(path.c_str());
+    ASSERT_TRUE(orqcam::rig::ReadRigMap(path, map, error));
+    EXPECT_EQ(orqcam::rig::RigFolderOf(map, "A1"), "000");
 }
 
 // What the broker holds is anyone's: a payload of the wrong shape reads as absent, and a node

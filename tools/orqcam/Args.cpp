@@ -77,14 +77,15 @@ const std::vector<VerbSpec>& Verbs() {
          {"--broker", "--rig", "--node", "--store", "--listen", "--cafile", "--password-file"}},
         {"rig",
          "rig --broker URL --rig NAME list|watch [S]|shoot [CAMERA..] [--id ID] [--lead MS]"
-         "|set NAME VALUE|zoom N|max|collect SHOT --dir D",
+         "|set NAME VALUE|zoom N|max|collect SHOT --dir D [--layout set|rig]",
          "drive a rig of nodes (docs/rig.md): list its nodes and cameras, print its messages "
          "for S seconds, fire every camera (or those named NODE or NODE/CAMERA) MS after now "
          "(default 1000), set a setting or the zoom everywhere, or fetch a shot's pictures from "
-         "every node into D/SHOT with a manifest",
+         "every node into D/SHOT (or D/rig/NNN, one folder per camera) with a manifest",
          1,
          66,
-         {"--broker", "--rig", "--cafile", "--password-file", "--id", "--lead", "--dir"}},
+         {"--broker", "--rig", "--cafile", "--password-file", "--id", "--lead", "--dir",
+          "--layout"}},
         {"preview",
          "preview [--frames N] [--out DIR]",
          "take N live-view frames (default 10); --out writes them as BMP files, otherwise the "
@@ -244,7 +245,7 @@ Taken VerbFlag(const std::vector<std::string>& arguments, size_t& i, Options& op
         {"--broker", &options.broker}, {"--rig", &options.rig},
         {"--node", &options.node},     {"--store", &options.store},
         {"--cafile", &options.cafile}, {"--password-file", &options.passwordFile},
-        {"--id", &options.shotId}};
+        {"--id", &options.shotId},     {"--layout", &options.layout}};
     for (const auto& [flag, target] : texts)
         if (arg == flag) return TakeValue(arguments, i, *target) ? Taken::Yes : Taken::Bad;
     if (arg == "--lead") {

@@ -36,6 +36,7 @@ struct Options {
     std::string passwordFile;  // --password-file FILE
     std::string shotId;        // rig shoot --id ID
     int leadMs = 1000;         // rig shoot --lead MS
+    std::string layout;        // rig collect --layout set|rig
     bool version = false;
 };
 

@@ -61,6 +61,22 @@ struct BrokerAddress {
 // The URL and the password from --password-file, ORQ_RIG_PASSWORD or the URL, in that order.
 bool ResolveBroker(const Options& options, BrokerAddress& address, std::string& error);
 
+// The rig map D/rig-map.txt (docs/rig.md): a folder number per serial, the file's text kept as
+// its owner wrote it and new cameras appended.
+struct RigMap {
+    std::string path, text;
+    std::map<std::string, std::string> folders;  // serial -> "003"
+    long long next = 0;                          // the number a new camera gets
+    bool changed = false;
+};
+// A missing file is an empty map; a line that is no 'NNN SERIAL' or repeats a number or serial
+// is refused, naming the line.
+bool ReadRigMap(const std::string& path, RigMap& map, std::string& error);
+// The serial's folder; a new serial is appended with the next number.
+std::string RigFolderOf(RigMap& map, const std::string& serial);
+// Written (beside and renamed in) when a camera was added.
+bool SaveRigMap(RigMap& map);
+
 // A node's record of a shot from its file server (docs/rig.md), an empty object when it has
 // none or does not answer within a few seconds.
 Json NodeRecord(const Json& state, const std::string& shot);

@@ -17,6 +17,7 @@
 #include "Serve.h"
 #include "ServeServer.h"
 #include "Verbs.h"
+#include "models/CameraConfig.h"
 
 namespace orqcam {
 namespace rig {
@@ -41,6 +42,9 @@ constexpr int kDownloadWaitMs = 120000;
 constexpr size_t kMaxQueued = 256;
 constexpr std::chrono::seconds kClockCheck{10};
 const char* kNamePattern = "([A-Za-z0-9._-]{1,64})";
+// What a camera's entry in a shot record holds for the collector alone: left out of the reports.
+const char* const kRecordOnly[] = {"settings", "serial",        "model",          "name",
+                                   "make",     "focalLengthMm", "focalLength35mm"};
 
 Json ClockState() {
     timex clock{};
@@ -73,6 +77,7 @@ struct Member {
     Camera* camera = nullptr;
     std::string key;  // its topic level
     std::string serial, model, name;
+    const orq::CameraConfig* profile = nullptr;  // null: a model without one
 };
 
 class Node {
@@ -86,6 +91,8 @@ private:
     Json NodeState();
     Json CameraRecord(const Member& member);
     Json Settings(const Member& member);
+    // Settings, zoom step and lens read back after a shot, into a camera's shot entry.
+    void ReadBack(const Member& member, Json& entry);
     void PublishState();
     void OnMessage(const std::string& topic, const std::string& payload);
     void OnEvent(size_t index, const std::string& kind, const std::string& json);
@@ -152,6 +159,17 @@ Json Node::Settings(const Member& member) {
             settings[PropertyName(id)] = ValueName(id, value);
     }
     return settings;
+}
+
+void Node::ReadBack(const Member& member, Json& entry) {
+    entry["settings"] = Settings(member);
+    int zoom = 0;
+    const bool known = sdk.GetZoom(member.camera->Session(), &zoom) == ORQ_OK;
+    entry["zoom"] = known ? Json(zoom) : Json();
+    entry["make"] = member.profile ? Json(orq::kMakerWord) : Json();
+    const uint32_t hundredths = known && member.profile ? member.profile->FocalHundredths(zoom) : 0;
+    entry["focalLengthMm"] = hundredths ? Json(hundredths / 100.0) : Json();
+    entry["focalLength35mm"] = hundredths ? Json(member.profile->Focal35mm(zoom)) : Json();
 }
 
 Json Node::CameraRecord(const Member& member) {
@@ -328,8 +346,8 @@ void Node::Fire(const Json& command, const std::vector<size_t>& chosen) {
         // Fired once only: the first time's report again.
         if (report.contains("cameras")) {
             for (Json& entry : report["cameras"]) {
-                for (const char* local : {"settings", "files", "serial", "model", "name"})
-                    entry.erase(local);
+                entry.erase("files");
+                for (const char* local : kRecordOnly) entry.erase(local);
             }
         }
         report["duplicate"] = true;
@@ -361,8 +379,7 @@ void Node::Fire(const Json& command, const std::vector<size_t>& chosen) {
                            {"index", member.camera->Index()},
                            {"serial", member.serial},
                            {"model", member.model},
-                           {"name", member.name},
-                           {"settings", Settings(member)}});
+                           {"name", member.name}});
         if (member.camera->Failure() == ORQ_OK) {
             sessions.push_back(member.camera->Session());
             asked.push_back(entries.size() - 1);
@@ -390,10 +407,12 @@ void Node::Fire(const Json& command, const std::vector<size_t>& chosen) {
             entry["status"] = "failed";
         }
     }
+    // What the pictures were taken with: read after the release, as the camera stands now.
+    for (size_t k = 0; k < entries.size(); ++k) ReadBack(members[chosen[k]], entries[k]);
     report["cameras"] = entries;
     Json published = report;
     for (Json& entry : published["cameras"]) {
-        for (const char* local : {"settings", "serial", "model", "name"}) entry.erase(local);
+        for (const char* local : kRecordOnly) entry.erase(local);
     }
     {
         std::lock_guard<std::mutex> guard(lock);
@@ -645,6 +664,9 @@ Outcome Node::Run() {
         member.serial = Utf8(camera->Info().serial);
         member.name = Utf8(camera->Info().name);
         member.model = Model(member.name);
+        const OrqChar* product = camera->Info().name;
+        member.profile = orq::FindCameraConfig(
+            std::u16string(product, product + std::char_traits<OrqChar>::length(product)));
         std::string serial = member.serial.empty() ? "unknown" : SafeName(member.serial);
         member.key = serials[serial] > 1 || member.serial.empty()
                          ? SafeName(serial.substr(0, 50) + "." + std::to_string(camera->Index()))
