@@ -340,13 +340,15 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: 
             continue
         node, camera = entry["node"], entry["camera"]
         stamp = identity(taken, entry)
-        for index, file in enumerate(listed(taken, "files"), 1):
+        index = 0
+        for file in listed(taken, "files"):
             name, sha = text(file, "name"), text(file, "sha256")
             size = number(file, "size", -1)
             if not valid_name(name) or len(sha) != 64 or size < 0:
                 entry["reason"] = "the node's record of a file is unreadable"
                 complete = False
                 continue
+            index += 1
             # The second and later files of a camera in one shot: -2, -3, ...
             suffix = ("-%d" % index if index > 1 else "") + os.path.splitext(name)[1].lower()
             relative = "rig/%s/%s%s" % (entry["rig"], shot, suffix) if layout == "rig" else \
@@ -360,6 +362,7 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: 
             if before and text(before, "node_sha256") == sha and \
                     there == (number(before, "size", -1), text(before, "sha256")):
                 placed = dict(before, name=name)
+                progress[relative] = placed  # written with the next file fetched
                 kept += 1
             elif there == (size, sha) and not is_jpeg(name):
                 kept += 1  # a file that is never stamped, already there
