@@ -29,7 +29,12 @@ double Time(F f) {
 
 orqsim::PictureLabel Label(uint32_t camera, uint32_t shot) {
     std::u16string serial = orqsim::SerialFor("SX160", camera);
-    return {"SX160", std::string(serial.begin(), serial.end()), shot, 1764110000 + shot};
+    orqsim::PictureLabel label;
+    label.model = "SX160";
+    label.serial = std::string(serial.begin(), serial.end());
+    label.shot = shot;
+    label.time = 1764110000 + shot;
+    return label;
 }
 
 }  // namespace

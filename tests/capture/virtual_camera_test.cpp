@@ -249,9 +249,23 @@ TEST_F(VirtualCameraTest, ACardFolderKeepsTheShotsOfTheLastRun) {
 // over the bars.
 TEST(VirtualCameraPictures, TheLabelChangesWithTheShotOverTheSameBars) {
     if (!orqsim::JpegPicturesBuilt()) GTEST_SKIP() << "no JPEG encoder in this build";
-    orqsim::PictureLabel label{"SX160", Ascii(orqsim::SerialFor("SX160", 1)), 7, 0};
+    orqsim::PictureLabel label;
+    label.model = "SX160";
+    label.serial = Ascii(orqsim::SerialFor("SX160", 1));
+    label.shot = 7;
+    label.make = "Orqwerk";
+    label.timeUs = 1795657800123456;
+    label.focalHundredths = 1234;
     const auto first = orqsim::StillPicture(label, 640, 480);
+    // Measured as built, Exif included: the card tells this size before the file is read.
     EXPECT_EQ(first.size(), orqsim::StillPictureSize(label, 640, 480));
+#ifdef ORQ_SIM_EXIF
+    // The Exif segment right after SOI.
+    ASSERT_GT(first.size(), 12u);
+    EXPECT_EQ(first[2], 0xFF);
+    EXPECT_EQ(first[3], 0xE1);
+    EXPECT_EQ(std::string(first.begin() + 6, first.begin() + 12), std::string("Exif\0\0", 6));
+#endif
     label.shot = 8;
     const auto second = orqsim::StillPicture(label, 640, 480);
     const Decoded a = Decode(std::string(first.begin(), first.end()), true);
