@@ -308,14 +308,27 @@ Outcome CollectShot(const Options& options, const std::map<std::string, Json>& n
         std::string error;
         if (!ReadRigMap(root + "/rig-map.txt", map, error)) return Failure(kExitUsage, error);
     }
+    std::map<std::string, std::string> holders;  // serial -> "node/camera" of this set
     for (Member& member : members) {
         const std::string serial = TextOf(member.entry, "serial");
         const bool usable =
             !serial.empty() && std::none_of(serial.begin(), serial.end(), [](char c) {
                 return static_cast<unsigned char>(c) <= ' ' || c == '#';
             });
-        member.entry["rig"] =
-            rigLayout ? Json(RigFolderOf(map, usable ? serial : member.camera)) : Json();
+        // A camera without a serial is known by its node and name, which no other one has.
+        const std::string key = usable ? serial : member.node + "_" + member.camera;
+        const std::string holder = member.node + "/" + member.camera;
+        if (!rigLayout) {
+            member.entry["rig"] = nullptr;
+        } else if (!holders.emplace(key, holder).second) {
+            // Two cameras claiming one serial would write into one folder: the second waits.
+            member.entry["rig"] = nullptr;
+            member.entry["reason"] = "its serial is " + holders[key] + "'s too";
+            member.fetch = false;
+            complete = false;
+        } else {
+            member.entry["rig"] = RigFolderOf(map, key);
+        }
     }
     const std::string folder = rigLayout ? root + "/rig" : root + "/" + shot;
     if (!MakeFolders(folder) || !MakeFolders(manifestPath.substr(0, manifestPath.rfind('/'))))
