@@ -244,22 +244,26 @@ def test_collect(tmp_path, nodes, layout, paths, monkeypatch):
     assert [e["files"] for e in again[4]["cameras"]] == [e["files"] for e in manifest["cameras"]]
 
 
-@pytest.mark.parametrize("serials,error", [
-    (["S1", "S1"], "pa/A and pb/B both give serial S1"),
-    (["S1", "S2"], "rig-map.txt line 1"),
-])
-def test_rig_collect_refused_writes_nothing(tmp_path, serials, error):
-    made = {"pa": Node("pa", [("A", serials[0], [JFIF])]),
-            "pb": Node("pb", [("B", serials[1], [JFIF])])}
+def test_rig_map_refused_and_a_serial_twice(tmp_path):
+    made = {"pa": Node("pa", [("A", "S1", [JFIF])]), "pb": Node("pb", [("B", "S1", [JFIF])])}
+    states = {n: m.state for n, m in made.items()}
     try:
-        if "line" in error:
-            (tmp_path / "rig-map.txt").write_text("1 S1\n")
-        before = {p: p.read_bytes() for p in tmp_path.rglob("*")}
-        with pytest.raises(_rigmap.MapError, match=error):
-            _rigfiles.collect("booth", "s1", tmp_path, {n: m.state for n, m in made.items()},
-                              {}, "rig")
-        assert {p: p.read_bytes() for p in tmp_path.rglob("*")} == before
-        assert all(r == ["/api/rig/shots/s1"] for r in (m.requests for m in made.values()))
+        # A map that does not parse: refused, nothing written, no picture asked for.
+        (tmp_path / "rig-map.txt").write_text("1 S1\n")
+        with pytest.raises(_rigmap.MapError, match="rig-map.txt line 1: not 'NNN SERIAL'"):
+            _rigfiles.collect("booth", "s1", tmp_path, states, {}, "rig")
+        assert [p.name for p in tmp_path.iterdir()] == ["rig-map.txt"]
+        assert all(m.requests == ["/api/rig/shots/s1"] for m in made.values())
+
+        # Two cameras with one serial: the second waits rather than share the first's folder.
+        (tmp_path / "rig-map.txt").unlink()
+        fetched, _, _, complete, manifest, _ = _rigfiles.collect(
+            "booth", "s1", tmp_path, states, {}, "rig")
+        assert (fetched, complete) == (1, False)
+        assert manifest["missing"] == [{"node": "pb", "camera": "B", "serial": "S1",
+                                        "reason": "its serial is pa/A's too"}]
+        assert (tmp_path / "rig-map.txt").read_text() == "000 S1\n"
+        assert [e["rig"] for e in manifest["cameras"]] == ["000", None]
     finally:
         for node in made.values():
             node.server.shutdown()

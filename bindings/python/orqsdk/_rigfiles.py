@@ -207,32 +207,37 @@ def verified(manifest: Path, progress: Path) -> Dict[str, dict]:
 
 
 def map_key(entry: dict) -> str:
-    """The rig map's name of a camera: its serial, or its name on the rig where the serial is
-    empty or holds a blank or a # (the map's text could not say it)."""
+    """The rig map's name of a camera: its serial, or <node>_<camera> (which no other camera
+    has) where the serial is empty or holds a blank or a # (the map's text could not say it)."""
     serial = text(entry, "serial")
     usable = serial and not any(c <= " " or c == "#" for c in serial)
-    return serial if usable else entry["camera"]
+    return serial if usable else "%s_%s" % (entry["node"], entry["camera"])
 
 
-def number_cameras(folder: Path, entries: List[dict]) -> None:
+def number_cameras(folder: Path, entries: List[dict]) -> List[dict]:
     """Each entry's rig number from the map in folder, serials new to it appended; MapError
-    when the map does not parse, or two cameras give one serial (their pictures would go into
-    one folder)."""
+    when the map does not parse. Returns the entries that must wait: a camera whose serial
+    another camera of the set (before it, by node and camera) already gives would write
+    into that one's folder."""
     map_text, mapped = _rigmap.read(folder)
-    owners: Dict[str, str] = {}
+    holders: Dict[str, str] = {}
+    numbered, waiting = [], []
     for entry in entries:
         key, who = map_key(entry), "%s/%s" % (entry["node"], entry["camera"])
-        if owners.setdefault(key, who) != who:
-            raise _rigmap.MapError("cameras %s and %s both give serial %s: their pictures would "
-                                   "share one rig number" % (owners[key], who, key))
-    map_text, added = _rigmap.extend(map_text, mapped, [map_key(e) for e in entries])
+        if holders.setdefault(key, who) != who:
+            entry["rig"], entry["reason"] = None, "its serial is %s's too" % holders[key]
+            waiting.append(entry)
+        else:
+            numbered.append(entry)
+    map_text, added = _rigmap.extend(map_text, mapped, [map_key(e) for e in numbered])
     if added:
         folder.mkdir(parents=True, exist_ok=True)
         _rigmap.write(folder, map_text)
         log.info("%s: %d cameras numbered: %s", folder / _rigmap.NAME, len(added), ", ".join(
             "%s %s" % (mapped[s], s) for s in added))
-    for entry in entries:
+    for entry in numbered:
         entry["rig"] = mapped[map_key(entry)]
+    return waiting
 
 
 def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: Dict[str, dict],
@@ -327,8 +332,10 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: 
     members.sort(key=lambda m: (m[0]["node"], m[0]["camera"]))
     entries = [m[0] for m in members]
 
+    waiting: List[dict] = []
     if layout == "rig":
-        number_cameras(folder, entries)
+        waiting = number_cameras(folder, entries)
+        complete = complete and not waiting
     else:
         for entry in entries:
             entry["rig"] = None
@@ -336,7 +343,7 @@ def collect(rig: str, shot: str, folder: Path, nodes: Dict[str, dict], cameras: 
     progress: Dict[str, dict] = {}
     fetched = kept = failed = 0
     for entry, state, taken in members:
-        if taken is None:
+        if taken is None or any(entry is w for w in waiting):
             continue
         node, camera = entry["node"], entry["camera"]
         stamp = identity(taken, entry)

@@ -661,9 +661,9 @@ class Rig:
         carries its camera's identity in its EXIF (added where the camera wrote none; the image
         data is never touched). A file already there that matches its manifest is never fetched
         again, so running it again resumes. complete is false while a fired camera's picture
-        is not in the set (its node offline, a download failed): collect again. RigError (exit
-        2) when the rig map has a line that does not parse or gives a number or serial twice;
-        nothing is written then."""
+        is not in the set (its node offline, a download failed, a camera giving the serial of
+        another): collect again. RigError (exit 2) when the rig map has a line that does not
+        parse or gives a number or serial twice; nothing is written then."""
         if not valid_name(shot):
             raise ValueError("a shot is named by 1 to 64 of A-Z a-z 0-9 . _ -")
         now = self._snapshot()
