@@ -79,9 +79,10 @@ class Setup:
                     str(self.folder / ("store-" + name)), "--password-file", str(self.password_file)]
         inner = "mount -t tmpfs tmpfs /tmp && exec " + " ".join("'%s'" % c for c in command)
         log = open(self.folder / ("node-%s.log" % name), "a")
+        # Serials of their own, as separate PCs' cameras have.
         self.nodes[name] = subprocess.Popen(
             ["unshare", "-m", "--propagation", "private", "--", "sh", "-c", inner],
-            stdout=log, stderr=log)
+            stdout=log, stderr=log, env=dict(os.environ, ORQSIM_SERIAL_SEED=name))
 
     def connect(self):
         return until(lambda: reached(self.url, password_file=str(self.password_file)), 10,
