@@ -4,6 +4,7 @@ has (the SDK's instance lock is a file there). Needs root (unshare, mount, chown
 paho-mqtt and orqcam ($ORQCAM); skipped without them. Nothing waits a fixed time."""
 
 import hashlib
+import io
 import json
 import os
 import re
@@ -21,7 +22,8 @@ import pytest
 
 pytest.importorskip("paho.mqtt.client", reason="orqsdk.rig needs python3-paho-mqtt")
 import paho.mqtt.publish as mqtt_publish  # noqa: E402
-from orqsdk import rig  # noqa: E402
+piexif = pytest.importorskip("piexif", reason="the collect stamps EXIF with python3-piexif")
+from orqsdk import _exif, rig  # noqa: E402
 
 ORQCAM = os.environ.get("ORQCAM", "")
 PASSWORD = "py-rig-secret"
@@ -77,9 +79,10 @@ class Setup:
                     str(self.folder / ("store-" + name)), "--password-file", str(self.password_file)]
         inner = "mount -t tmpfs tmpfs /tmp && exec " + " ".join("'%s'" % c for c in command)
         log = open(self.folder / ("node-%s.log" % name), "a")
+        # Serials of their own, as separate PCs' cameras have.
         self.nodes[name] = subprocess.Popen(
             ["unshare", "-m", "--propagation", "private", "--", "sh", "-c", inner],
-            stdout=log, stderr=log)
+            stdout=log, stderr=log, env=dict(os.environ, ORQSIM_SERIAL_SEED=name))
 
     def connect(self):
         return until(lambda: reached(self.url, password_file=str(self.password_file)), 10,
@@ -128,21 +131,64 @@ def sha256(path):
     return hashlib.sha256(Path(path).read_bytes()).hexdigest()
 
 
-def check_set(setup, shots, shot, number):
-    """Every camera's one picture, numbered as its number-th, byte for byte the node's copy."""
-    manifest = json.loads((shots / shot / "manifest.json").read_text())
+def image_bytes(path):
+    """The file without its Exif segment: what stamping must leave as the camera made it."""
+    data = Path(path).read_bytes()
+    offset, length, _ = _exif.find_exif(io.BytesIO(data))
+    return data[:offset] + data[offset + length:]
+
+
+def identity_tags(path):
+    """The EXIF of a picture as piexif reads it, without the offsets of its IFDs."""
+    tags = piexif.load(str(path))
+    return {ifd: {t: v for t, v in tags[ifd].items() if t not in (0x8769, 0x8825, 0xA005)}
+            for ifd in ("0th", "Exif")}
+
+
+def check_set(setup, folder, shot, number, layout="set"):
+    """Every camera's one picture, numbered as its number-th, the node's image bytes with the
+    camera's identity in its EXIF."""
+    where = folder / shot / "manifest.json" if layout == "set" else \
+        folder / "manifests" / (shot + ".json")
+    manifest = json.loads(where.read_text())
     assert manifest["complete"] and manifest["rig"] == "py" and manifest["shot"] == shot
+    assert (manifest["v"], manifest["layout"], manifest["missing"]) == (2, layout, [])
     assert sorted((c["node"], c["model"]) for c in manifest["cameras"]) == \
         sorted((n, m) for n, models in NODES.items() for m in models)
+    sent = [c["releasedUs"] for c in manifest["cameras"]]
+    assert manifest["spreadUs"] == max(sent) - min(sent)
     for entry in manifest["cameras"]:
         assert entry["release"]["status"] == "fired" and entry["settings"]["Image Size"]
         (file,) = entry["files"]
         assert file["name"] == "IMG_%04d.JPG" % number
-        local = shots / shot / file["path"]
-        kept = setup.folder / ("store-" + entry["node"]) / shot / file["path"]
-        assert local.read_bytes() == kept.read_bytes()
+        assert file["path"] == ("%s/%s_%s.jpg" % (shot, entry["node"], entry["camera"])
+                                if layout == "set" else "rig/%s/%s.jpg" % (entry["rig"], shot))
+        local = folder / file["path"]
+        kept = setup.folder / ("store-" + entry["node"]) / shot / entry["node"] / \
+            entry["camera"] / file["name"]
+        assert image_bytes(local) == image_bytes(kept)
         assert (sha256(local), local.stat().st_size) == (file["sha256"], file["size"])
+        assert sha256(kept) == file["node_sha256"]
+        tags = identity_tags(local)
+        assert (tags["0th"][piexif.ImageIFD.Model], tags["Exif"][piexif.ExifIFD.BodySerialNumber]) \
+            == (entry["model"].encode(), entry["serial"].encode())
     return manifest
+
+
+def same_sets(ours, theirs, folders):
+    """orqcam's set and ours: the same manifest but for the moment of collection and the bytes
+    of the stamped files, whose EXIF says the same."""
+    for manifest in (ours, theirs):
+        del manifest["collected"]
+    pairs = []
+    for a, b in zip(ours["cameras"], theirs["cameras"]):
+        for x, y in zip(a["files"], b["files"]):
+            pairs.append((folders[0] / x["path"], folders[1] / y["path"]))
+            for file in (x, y):
+                del file["sha256"], file["size"]
+    assert ours == theirs
+    for a, b in pairs:
+        assert identity_tags(a) == identity_tags(b) and image_bytes(a) == image_bytes(b)
 
 
 def test_shoot_collect_resume_and_refire(setup, controller, tmp_path):
@@ -154,18 +200,36 @@ def test_shoot_collect_resume_and_refire(setup, controller, tmp_path):
     collected = controller.collect("py-1", tmp_path)
     assert (collected.fetched, collected.kept, collected.complete) == (4, 0, True)
     ours = check_set(setup, tmp_path, "py-1", 100)
-    # orqcam's own collection of the same shot: the same manifest.
-    done = subprocess.run([ORQCAM, "rig", "--broker", setup.url, "--rig", "py",
-                           "--password-file", str(setup.password_file), "collect", "py-1",
-                           "--dir", str(tmp_path / "orqcam")], capture_output=True, timeout=60)
-    assert done.returncode == 0, done.stderr
-    theirs = json.loads((tmp_path / "orqcam" / "py-1" / "manifest.json").read_text())
-    for manifest in (ours, theirs):
-        del manifest["collected"]
-    assert ours == theirs
+    # orqcam's own collection of the same shot, in either layout: the same set.
+    for layout in ("set", "rig"):
+        mine = tmp_path / ("py-" + layout)
+        if layout == "rig":
+            controller.collect("py-1", mine, layout="rig")
+        done = subprocess.run([ORQCAM, "rig", "--broker", setup.url, "--rig", "py",
+                               "--password-file", str(setup.password_file), "collect", "py-1",
+                               "--dir", str(tmp_path / layout), "--layout", layout],
+                              capture_output=True, timeout=60)
+        assert done.returncode == 0, done.stderr
+        if layout == "set":
+            same_sets(check_set(setup, tmp_path, "py-1", 100),
+                      check_set(setup, tmp_path / layout, "py-1", 100),
+                      (tmp_path, tmp_path / layout))
+        else:
+            same_sets(check_set(setup, mine, "py-1", 100, "rig"),
+                      check_set(setup, tmp_path / layout, "py-1", 100, "rig"),
+                      (mine, tmp_path / layout))
+            assert (mine / "rig-map.txt").read_text() == \
+                (tmp_path / layout / "rig-map.txt").read_text()
+
+    # A rig map with a number twice: refused before anything is written.
+    (tmp_path / "bad").mkdir()
+    (tmp_path / "bad" / "rig-map.txt").write_text("000 A\n000 B\n")
+    with pytest.raises(rig.RigError, match="line 2: number 000 is given on line 1") as refused:
+        controller.collect("py-1", tmp_path / "bad", layout="rig")
+    assert refused.value.exit == 2 and os.listdir(tmp_path / "bad") == ["rig-map.txt"]
 
     # One file lost, one damaged: exactly those two fetched again.
-    paths = [tmp_path / "py-1" / e["files"][0]["path"] for e in ours["cameras"][:2]]
+    paths = [tmp_path / e["files"][0]["path"] for e in ours["cameras"][:2]]
     paths[0].unlink()
     paths[1].write_bytes(b"\0damaged")
     again = controller.collect("py-1", tmp_path)
@@ -312,7 +376,7 @@ def test_serve_rig_view(setup, controller):
         # Each camera fired once, and the pictures are the ones the nodes hand out.
         assert len({c["file"]["name"] for c in last["cameras"]}) == 1
         manifest = controller.collect(fired["id"], setup.folder / "served").manifest
-        assert sorted(f["sha256"] for c in manifest["cameras"] for f in c["files"]) == \
+        assert sorted(f["node_sha256"] for c in manifest["cameras"] for f in c["files"]) == \
             sorted(c["file"]["sha256"] for c in last["cameras"])
     finally:
         mqtt_publish.single("orq/v1/py/node/odd", "", qos=1, retain=True, hostname="127.0.0.1",

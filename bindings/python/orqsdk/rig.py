@@ -34,7 +34,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any, Callable, Dict, List, Optional, Sequence, Union
 
-from . import _rigfiles
+from . import _rigfiles, _rigmap
 from ._rigfiles import VERSION, valid_name
 from ._rigfiles import flag as _flag
 from ._rigfiles import listed as _list
@@ -208,12 +208,13 @@ class Adjustment:
 @dataclass
 class Collection:
     shot: str
-    folder: Path  #: D/<shot>
+    folder: Path  #: the pictures' folder: D/<shot> (set layout) or D/rig (rig layout)
     fetched: int
     kept: int  #: already there and verified, not fetched
     failed: int
     complete: bool
     manifest: dict
+    manifest_path: Optional[Path] = None
 
 
 @dataclass
@@ -651,15 +652,27 @@ class Rig:
             if watch in self._watches:
                 self._watches.remove(watch)
 
-    def collect(self, shot: str, folder: Union[str, "os.PathLike[str]"]) -> Collection:
-        """Fetches the shot's pictures from every node into folder/<shot>/ beside its
-        manifest.json (docs/rig.md). A file already there with the size and SHA-256 its node
-        gives is never fetched again, so running it again resumes. complete is false while a
-        fired camera's picture is not in the set (its node offline, a download failed): collect
-        again."""
+    def collect(self, shot: str, folder: Union[str, "os.PathLike[str]"], *,
+                layout: str = "set") -> Collection:
+        """Fetches the shot's pictures from every node into folder (docs/rig.md, "Collected shot
+        set"). layout "set": folder/<shot>/<node>_<camera>.jpg beside folder/<shot>/manifest.json;
+        "rig": folder/rig/<NNN>/<shot>.jpg, NNN the camera's number in folder/rig-map.txt (new
+        serials are appended to it), the manifest in folder/manifests/<shot>.json. Each JPEG
+        carries its camera's identity in its EXIF (added where the camera wrote none; the image
+        data is never touched). A file already there that matches its manifest is never fetched
+        again, so running it again resumes. complete is false while a fired camera's picture
+        is not in the set (its node offline, a download failed, a camera giving the serial of
+        another): collect again. RigError (exit 2) when the rig map has a line that does not
+        parse or gives a number or serial twice; nothing is written then."""
         if not valid_name(shot):
             raise ValueError("a shot is named by 1 to 64 of A-Z a-z 0-9 . _ -")
         now = self._snapshot()
-        fetched, kept, failed, complete, manifest = _rigfiles.collect(
-            self.name, shot, Path(folder), now.nodes, now.cameras)
-        return Collection(shot, Path(folder) / shot, fetched, kept, failed, complete, manifest)
+        try:
+            fetched, kept, failed, complete, manifest, where = _rigfiles.collect(
+                self.name, shot, Path(folder), now.nodes, now.cameras, layout)
+        except _rigmap.MapError as error:
+            refused = RigError(str(error))
+            refused.exit = 2
+            raise refused from error
+        pictures = Path(folder) / ("rig" if layout == "rig" else shot)
+        return Collection(shot, pictures, fetched, kept, failed, complete, manifest, where)
