@@ -1,6 +1,7 @@
 """Sessions, handles and the release of what the SDK hands out."""
 
 import gc
+import threading
 
 import pytest
 
@@ -55,3 +56,37 @@ def test_session_and_sdk_close_and_use_after_close(sdk, camera, sdk_log, no_gc):
     with sim.SDK() as second:
         with second.camera().open() as reopened:
             assert reopened.settings["Shooting Mode"] == "Auto"
+
+
+def test_a_call_in_flight_hands_back_before_the_sdk_stops(sdk, camera, sdk_log, no_gc, monkeypatch):
+    # A property list held by a call on another thread while the session and then the SDK close,
+    # as a callback's call may be: the SDK stops only once that call has read and handed back the
+    # list and the session's handle.
+    session = sdk.camera().open()
+    library = sdk.library
+    listing, terminate = library.OrqGetPropertyList, library.OrqTerminateSDK
+    inside, stopped = threading.Event(), threading.Event()
+
+    def held_list(*args):
+        result = listing(*args)
+        inside.set()
+        # Bounded: the SDK stopping meanwhile is the fault; right, the close waits for this.
+        stopped.wait(1.0)
+        return result
+
+    def stop():
+        terminate()
+        stopped.set()
+
+    monkeypatch.setattr(library, "OrqGetPropertyList", held_list, raising=False)
+    monkeypatch.setattr(library, "OrqTerminateSDK", stop, raising=False)
+    listed = []
+    worker = threading.Thread(target=lambda: listed.extend(session.settings.ids()))
+    worker.start()
+    assert inside.wait(10)
+    session.close()
+    sdk.close()
+    worker.join(10)
+    assert not worker.is_alive() and orqsdk.Property.ISO_SPEED in listed
+    assert "OrqFree: unknown pointer" not in sdk_log()
+    assert "active free func" not in sdk_log(own=True)
