@@ -64,21 +64,21 @@ def test_a_call_in_flight_hands_back_before_the_sdk_stops(sdk, camera, sdk_log, 
     # list and the session's handle.
     session = sdk.camera().open()
     library = sdk.library
-    listing, terminate = library.OrqGetPropertyList, library.OrqTerminateSDK
+    free, terminate = library.OrqFree, library.OrqTerminateSDK
     inside, stopped = threading.Event(), threading.Event()
 
-    def held_list(*args):
-        result = listing(*args)
-        inside.set()
-        # Bounded: the SDK stopping meanwhile is the fault; right, the close waits for this.
-        stopped.wait(1.0)
-        return result
+    def held_free(address):
+        if threading.current_thread() is worker and not inside.is_set():  # the list
+            inside.set()
+            # Bounded: the SDK stopping meanwhile is the fault; right, the close waits for this.
+            stopped.wait(1.0)
+        free(address)
 
     def stop():
         terminate()
         stopped.set()
 
-    monkeypatch.setattr(library, "OrqGetPropertyList", held_list, raising=False)
+    monkeypatch.setattr(library, "OrqFree", held_free, raising=False)
     monkeypatch.setattr(library, "OrqTerminateSDK", stop, raising=False)
     listed = []
     worker = threading.Thread(target=lambda: listed.extend(session.settings.ids()))
