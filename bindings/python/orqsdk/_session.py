@@ -169,12 +169,13 @@ class Session:
                 return
             self._releasing = True
             handle, self._handle = self._handle, 0
+        # Forgotten only now, as until then the SDK's close must find the session and wait for it;
+        # and before the close is let go, which stops the SDK holding the lock that this takes.
         self._sdk._free(handle)
+        self._sdk._forget(self)
         with self._lock:
             self._released = True
             self._lock.notify_all()
-        # Only now: until then the SDK's close must find the session, and wait for it.
-        self._sdk._forget(self)
 
     def _drain(self, timeout: float) -> bool:
         """Waits up to `timeout` s for calls on other threads to return and, after a close, for
