@@ -2,6 +2,7 @@
 
 import os
 import sys
+import threading
 from pathlib import Path
 
 import pytest
@@ -28,10 +29,16 @@ def sdk_log(state_folder):
     path = state_folder / "orqdll.log"
     start = path.stat().st_size if path.exists() else 0
 
-    def read():
+    def read(own=False):
+        """`own`: only the lines the calling thread logged (each line ends with its thread's
+        id), as other processes of the run (the rig tests' nodes) write to the same log."""
         with open(path, "rb") as log:
             log.seek(start)
-            return log.read().decode("utf-8", "replace")
+            text = log.read().decode("utf-8", "replace")
+        if own:
+            mark = "[%d]" % threading.get_native_id()
+            text = "".join(line for line in text.splitlines(True) if line.rstrip().endswith(mark))
+        return text
 
     return read
 

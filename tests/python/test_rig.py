@@ -79,10 +79,13 @@ class Setup:
                     str(self.folder / ("store-" + name)), "--password-file", str(self.password_file)]
         inner = "mount -t tmpfs tmpfs /tmp && exec " + " ".join("'%s'" % c for c in command)
         log = open(self.folder / ("node-%s.log" % name), "a")
-        # Serials of their own, as separate PCs' cameras have.
+        # Serials of their own, as separate PCs' cameras have; and logs of their own, as a node
+        # leaves its sessions to OrqTerminateSDK, which this process's tests would read as theirs.
+        state = self.folder / ("state-" + name)
+        state.mkdir(exist_ok=True)
         self.nodes[name] = subprocess.Popen(
-            ["unshare", "-m", "--propagation", "private", "--", "sh", "-c", inner],
-            stdout=log, stderr=log, env=dict(os.environ, ORQSIM_SERIAL_SEED=name))
+            ["unshare", "-m", "--propagation", "private", "--", "sh", "-c", inner], stdout=log,
+            stderr=log, env=dict(os.environ, ORQSIM_SERIAL_SEED=name, XDG_STATE_HOME=str(state)))
 
     def connect(self):
         return until(lambda: reached(self.url, password_file=str(self.password_file)), 10,
@@ -343,7 +346,8 @@ def test_serve_rig_view(setup, controller):
     server = subprocess.Popen(
         ["unshare", "-m", "--propagation", "private", "--", "sh", "-c",
          "mount -t tmpfs tmpfs /tmp && exec " + " ".join("'%s'" % c for c in command)],
-        stdout=open(log, "w"), stderr=subprocess.STDOUT)
+        stdout=open(log, "w"), stderr=subprocess.STDOUT,
+        env=dict(os.environ, XDG_STATE_HOME=str(setup.folder)))
     try:
         base = until(lambda: re.search(r"on (http://\S+/)", log.read_text()), 20,
                      "orqcam serve listening").group(1)

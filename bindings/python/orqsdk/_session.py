@@ -116,6 +116,7 @@ class Session:
         self._subscriptions: Set[Subscription] = set()
         self._waiters: Set[_Waiter] = set()
         self._host_files: Set[int] = set()
+        self._releasing = self._released = False
         self.settings = Settings(self._lib, self._call, self._check, sdk._free, self)
 
     # --- lifetime ------------------------------------------------------------------------------
@@ -159,17 +160,30 @@ class Session:
             release = self._inflight == 0
         if release:
             self._release_handle()
-        self._sdk._forget(self)
 
     def _release_handle(self) -> None:
+        # Both the close and the last call out may get here: the first releases, and it alone
+        # says when the release is done.
         with self._lock:
+            if self._releasing:
+                return
+            self._releasing = True
             handle, self._handle = self._handle, 0
+        # Forgotten only now, as until then the SDK's close must find the session and wait for it;
+        # and before the close is let go, which stops the SDK holding the lock that this takes.
         self._sdk._free(handle)
+        self._sdk._forget(self)
+        with self._lock:
+            self._released = True
+            self._lock.notify_all()
 
     def _drain(self, timeout: float) -> bool:
-        """Waits up to `timeout` s for calls on other threads to return."""
+        """Waits up to `timeout` s for calls on other threads to return and, after a close, for
+        the last of them to release the handle: the SDK may be stopped only then."""
         with self._lock:
-            return self._lock.wait_for(lambda: self._inflight == 0, timeout=timeout)
+            return self._lock.wait_for(
+                lambda: self._inflight == 0 and (self._released or not self._closing), timeout=timeout
+            )
 
     def __enter__(self) -> "Session":
         return self
@@ -356,12 +370,13 @@ class Session:
         """The files on the card, as the SDK last listed them."""
         pointer, count = ctypes.c_void_p(), ctypes.c_int()
         with self._call() as handle:
-            self._check(self._lib.OrqGetFileList(handle, ctypes.byref(pointer), ctypes.byref(count)), "OrqGetFileList")
-        try:
-            records = ctypes.cast(pointer, ctypes.POINTER(FileInfoRecord))
-            return [FileInfo._from_record(records[i]) for i in range(count.value)]
-        finally:
-            self._sdk._free(pointer.value)
+            result = self._lib.OrqGetFileList(handle, ctypes.byref(pointer), ctypes.byref(count))
+            try:
+                self._check(result, "OrqGetFileList")
+                records = ctypes.cast(pointer, ctypes.POINTER(FileInfoRecord))
+                return [FileInfo._from_record(records[i]) for i in range(count.value)]
+            finally:
+                self._sdk._free(pointer.value)
 
     def _known(self, file: FileLike) -> int:
         # An id the SDK does not hold would end the camera's session when the queued transfer
@@ -497,11 +512,12 @@ class Session:
         """The newest live-view frame; raises :class:`NotReady` before the first."""
         pointer, size = ctypes.c_void_p(), ctypes.c_int()
         with self._call() as handle:
-            self._check(self._lib.OrqGetPreviewFrame(handle, ctypes.byref(pointer), ctypes.byref(size)), "OrqGetPreviewFrame")
-        try:
-            return Frame.from_sdk(pointer.value or 0, size.value)
-        finally:
-            self._sdk._free(pointer.value)
+            result = self._lib.OrqGetPreviewFrame(handle, ctypes.byref(pointer), ctypes.byref(size))
+            try:
+                self._check(result, "OrqGetPreviewFrame")
+                return Frame.from_sdk(pointer.value or 0, size.value)
+            finally:
+                self._sdk._free(pointer.value)
 
     def next_frame(self, timeout: Optional[float] = 5.0) -> Frame:
         """Turns live view on if needed, waits for a new frame and returns it."""

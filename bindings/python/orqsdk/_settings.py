@@ -152,16 +152,19 @@ class Settings(MutableMapping[str, str]):
         """The values on offer now and whether the property is read-only."""
         prop = self.id_of(key)
         pointer = ctypes.c_void_p()
+        # Read and released inside the call: a close meanwhile waits for it, and the SDK is not
+        # stopped while the record is still being read or not yet handed back.
         with self._call() as handle:
-            self._check(self._lib.OrqGetPropertyDesc(handle, prop, ctypes.byref(pointer)), "OrqGetPropertyDesc", self.name_of(prop))
-        try:
-            record = ctypes.cast(pointer, ctypes.POINTER(PropertyDescRecord)).contents
-            raw = tuple(int(record.values[i]) for i in range(record.count))
-            # Sizes come with Image Size alone, one for each of its values.
-            sizes = tuple((record.sizes[i].width, record.sizes[i].height) for i in range(record.count)) if record.sizes else ()
-            read_only = bool(record.readOnly)
-        finally:
-            self._free(pointer.value)
+            result = self._lib.OrqGetPropertyDesc(handle, prop, ctypes.byref(pointer))
+            try:
+                self._check(result, "OrqGetPropertyDesc", self.name_of(prop))
+                record = ctypes.cast(pointer, ctypes.POINTER(PropertyDescRecord)).contents
+                raw = tuple(int(record.values[i]) for i in range(record.count))
+                # Sizes come with Image Size alone, one for each of its values.
+                sizes = tuple((record.sizes[i].width, record.sizes[i].height) for i in range(record.count)) if record.sizes else ()
+                read_only = bool(record.readOnly)
+            finally:
+                self._free(pointer.value)
         names = tuple(value_name(self._lib, prop, value) or str(value) for value in raw)
         return Description(prop, self.name_of(prop), names, raw, sizes, read_only)
 
@@ -189,12 +192,13 @@ class Settings(MutableMapping[str, str]):
         """Ids of the properties on offer now."""
         pointer, count = ctypes.c_void_p(), ctypes.c_int()
         with self._call() as handle:
-            self._check(self._lib.OrqGetPropertyList(handle, ctypes.byref(pointer), ctypes.byref(count)), "OrqGetPropertyList")
-        try:
-            values = ctypes.cast(pointer, ctypes.POINTER(ctypes.c_int32))
-            return [int(values[i]) for i in range(count.value)]
-        finally:
-            self._free(pointer.value)
+            result = self._lib.OrqGetPropertyList(handle, ctypes.byref(pointer), ctypes.byref(count))
+            try:
+                self._check(result, "OrqGetPropertyList")
+                values = ctypes.cast(pointer, ctypes.POINTER(ctypes.c_int32))
+                return [int(values[i]) for i in range(count.value)]
+            finally:
+                self._free(pointer.value)
 
     def __iter__(self) -> Iterator[str]:
         return iter([self.name_of(prop) for prop in self.ids()])
